@@ -1,0 +1,5 @@
+#include <xpc/xpc.h>
+
+#include "service/host_connection.h"
+
+int main() { xpc_main(acceptConnection); }
