@@ -1,0 +1,282 @@
+// The guests' page: joins what the guest does, what the room tells and what the page shows.
+
+import { explain as explainLink, readConfig, readLink } from "./link.js";
+import { LevelMeter, explain as explainMedia, listDevices, openCamera, openScreen, openTrack, secure } from "./media.js";
+import { readPreferences, readableOn } from "./preferences.js";
+import { Room } from "./room.js";
+import { parse } from "./signals.js";
+import * as show from "./state.js";
+import { Chat, Comments } from "./talk.js";
+
+const LEVEL_TIME = 100;
+const STORED = "guest";
+
+const page = new Proxy({}, { get: (_, id) => document.getElementById(id) });
+const link = readLink(location);
+const meter = new LevelMeter();
+const chat = new Chat(page.chat, page["chat-form"], { name: () => name, send: (line) => signal("chat", line) });
+const comments = new Comments(page.comments, (mark) => signal("fav", mark));
+
+let state = show.initial;
+let name = "";
+let stream = null; // the guest's camera and microphone
+let room = null;
+
+// ---- The guest's choices, kept for the next visit --------------------------
+
+function readStored() {
+  try {
+    return parse(localStorage.getItem(STORED));
+  } catch {
+    return {}; // the browser keeps nothing for this page
+  }
+}
+
+function store() {
+  const { camera, microphone, original } = wishes();
+  try {
+    localStorage.setItem(STORED, JSON.stringify({ name, camera, microphone, original, mono: page.mono.checked }));
+  } catch {
+    // as above
+  }
+}
+
+function wishes() {
+  return { camera: page.camera.value, microphone: page.microphone.value, original: page.original.checked };
+}
+
+// ---- Camera and microphone -------------------------------------------------
+
+async function prepare() {
+  fault("");
+  page.retry.hidden = true;
+  if (!link) return fault("This link is not complete. Open the whole link that the host has sent you.");
+  if (!secure()) return fault("Your browser gives no camera to this page. Open it with https:// in front.");
+  try {
+    const stored = readStored();
+    stream = await openCamera(stream ? wishes() : stored);
+  } catch (error) {
+    page.retry.hidden = false;
+    return fault(explainMedia(error));
+  }
+  page.self.srcObject = stream;
+  page["self-wait"].hidden = true;
+  page.ring.disabled = false;
+  for (const track of stream.getTracks()) adopt(track);
+  await fillDevices();
+}
+
+function adopt(track) {
+  if (track.kind === "audio") meter.listen(track);
+  // The device was pulled out: go on with another.
+  track.onended = () => change(track.kind);
+  render();
+}
+
+async function fillDevices() {
+  const devices = await listDevices();
+  for (const kind of ["camera", "microphone"]) {
+    const track = (kind === "camera" ? stream.getVideoTracks() : stream.getAudioTracks())[0];
+    const current = track?.getSettings().deviceId;
+    page[kind].replaceChildren(...devices[kind].map(({ id, label }) => new Option(label, id, false, id === current)));
+  }
+}
+
+/** Puts the device that is chosen now in the place of the one before, also in mid-show. */
+async function change(kind) {
+  try {
+    const track = await openTrack(kind, wishes());
+    for (const old of stream.getTracks().filter((each) => each.kind === kind)) {
+      old.onended = null;
+      old.stop();
+      stream.removeTrack(old);
+    }
+    stream.addTrack(track);
+    adopt(track);
+    await room?.replaceTrack(track);
+    fault("");
+  } catch (error) {
+    fault(explainMedia(error));
+  }
+  await fillDevices();
+  store();
+}
+
+// ---- The room --------------------------------------------------------------
+
+async function ring() {
+  name = page.name.value.trim();
+  if (!name || room) return;
+  store();
+  fault("");
+  notice("");
+  update(show.ringing(state));
+  try {
+    room = new Room({ ...link, ...(await readConfig(location)) }, name, events);
+    room.setAudio(show.microphoneOpen(state));
+    room.enter(stream);
+  } catch {
+    leave();
+    fault("The show cannot be reached. Check your network and try again.");
+  }
+}
+
+function leave(words = "") {
+  room?.close();
+  room = null;
+  page.show.srcObject = null;
+  update(show.left(state));
+  notice(words);
+}
+
+const events = {
+  entered: (streamId) => update(show.entered(state, streamId)),
+  screenId: (screenId) => update(show.screen(state, screenId)),
+  lost: () => update(show.lost(state)),
+  mended: () => update(show.mended(state)),
+  showEnded: () => update(show.showEnded(state)),
+  show(picture) {
+    page.show.srcObject = picture;
+    if (picture) play();
+    render();
+  },
+  refused(error) {
+    leave();
+    fault(explainLink(error));
+  },
+  signal(type, data) {
+    if (show.takesOut(state, type, data)) {
+      leave("The host has taken you out of the show. Thank you for being there! You can ring again.");
+      return;
+    }
+    update(show.signalled(state, type, data));
+    if (type === "start") askForMono();
+    else if (type === "comment") comments.receive(parse(data));
+    else if (type === "chat") chat.receive(parse(data));
+    else if (type === "fav") comments.receiveMark(parse(data));
+    else if (type === "prefUpdate") prefer(readPreferences(parse(data)));
+  },
+};
+
+function signal(type, payload) {
+  return room?.signal(type, JSON.stringify(payload)) ?? false;
+}
+
+// The studio forgets the wish each time it brings somebody in.
+function askForMono() {
+  if (page.mono.checked && state.admitted) signal("mono", { mono: "yes" });
+}
+
+function prefer({ title, notice: words, accent }) {
+  if (title !== undefined) page.title.textContent = title;
+  if (words !== undefined) notice(words);
+  if (accent !== undefined) {
+    document.documentElement.style.setProperty("--accent", accent);
+    document.documentElement.style.setProperty("--on-accent", readableOn(accent));
+  }
+}
+
+async function share() {
+  if (state.screenId !== null) {
+    room.stopScreen();
+    return;
+  }
+  const here = room;
+  try {
+    const screen = await openScreen();
+    screen.getVideoTracks()[0].onended = () => here.stopScreen();
+    if (room === here) await here.shareScreen(screen);
+    else screen.getTracks().forEach((track) => track.stop());
+  } catch (error) {
+    // Whoever closes the browser's own question has changed their mind, and knows it.
+    if (error.name !== "NotAllowedError") fault(`Your screen could not be shared: ${error.message}`);
+  }
+}
+
+// ---- The page --------------------------------------------------------------
+
+function update(next) {
+  if (next === state) return;
+  state = next;
+  render();
+}
+
+function render() {
+  const inRoom = state.phase !== "lobby";
+  const { name: word, title, text } = inRoom ? show.describe(state) : { name: "lobby", title: "", text: "" };
+  if (inRoom && document.body.dataset.screen === "lobby") page.mute.focus();
+  document.body.dataset.screen = inRoom ? "room" : "lobby";
+  document.body.dataset.state = word;
+  say(page["status-title"], title);
+  say(page["status-text"], text);
+  say(page.own, inRoom ? [show.describeMicrophone(state), show.describeScreen(state)].join(" ").trim() : "");
+  document.title = title ? `${title} - ${page.title.textContent}` : page.title.textContent;
+
+  page.show.hidden = !page.show.srcObject;
+  page["show-wait"].hidden = Boolean(page.show.srcObject);
+  page.viewers.hidden = state.viewers === null;
+  say(page.viewers, state.viewers === null ? "" : `${state.viewers} watching`);
+
+  say(page.mute, state.remoteMuted ? "Muted by the host" : state.selfMuted ? "Unmute" : "Mute");
+  page.mute.setAttribute("aria-disabled", String(state.remoteMuted));
+  say(page.share, state.screenId === null ? "Share screen" : "Stop sharing");
+  page.share.disabled = state.phase !== "in" || !navigator.mediaDevices?.getDisplayMedia;
+
+  // Switched off at its source; in the lobby the microphone is open for the level meter.
+  const open = show.microphoneOpen(state);
+  for (const track of stream?.getAudioTracks() ?? []) track.enabled = open || !inRoom;
+  room?.setAudio(open);
+}
+
+// A live region speaks whenever it is written to, so it is written to only when it changes.
+function say(element, words) {
+  if (element.textContent !== words) element.textContent = words;
+}
+
+function fault(words) {
+  say(page.fault, words);
+  page.fault.hidden = !words;
+}
+
+function notice(words) {
+  say(page.notice, words);
+}
+
+function play() {
+  page.show.play().then(
+    () => (page["show-play"].hidden = true),
+    (error) => (page["show-play"].hidden = error.name !== "NotAllowedError"),
+  );
+}
+
+page["ring-form"].addEventListener("submit", (event) => {
+  event.preventDefault();
+  ring();
+});
+page.retry.addEventListener("click", prepare);
+page.leave.addEventListener("click", () => leave("You have left the show. You can ring again."));
+page.share.addEventListener("click", share);
+page["show-play"].addEventListener("click", play);
+page.mute.addEventListener("click", () => {
+  if (!state.remoteMuted) update({ ...state, selfMuted: !state.selfMuted });
+});
+page.settings.addEventListener("click", () => {
+  const expanded = page.settings.getAttribute("aria-expanded") !== "true";
+  page.settings.setAttribute("aria-expanded", String(expanded));
+});
+page.camera.addEventListener("change", () => change("video"));
+for (const id of ["microphone", "original"]) page[id].addEventListener("change", () => change("audio"));
+page.mono.addEventListener("change", () => {
+  store();
+  askForMono();
+});
+navigator.mediaDevices?.addEventListener("devicechange", () => stream && fillDevices());
+for (const type of ["online", "offline"]) addEventListener(type, () => room?.checkNetwork());
+addEventListener("pagehide", () => leave());
+
+const stored = readStored();
+page.name.value = stored.name ?? "";
+page.original.checked = stored.original === true;
+page.mono.checked = stored.mono === true;
+setInterval(() => (page.level.value = meter.level()), LEVEL_TIME);
+prepare();

@@ -1,0 +1,90 @@
+// The guest's own cameras, microphones and screen.
+
+/** Whether the browser lets this page have a camera at all. */
+export const secure = () => Boolean(navigator.mediaDevices?.getUserMedia);
+
+/**
+ * Opens a camera and a microphone, those of the wished ids where they are there. `original` asks for
+ * the sound as the microphone gives it, in stereo, which suits music and headphones.
+ */
+export function openCamera({ camera, microphone, original }) {
+  return navigator.mediaDevices.getUserMedia({ video: videoWish(camera), audio: audioWish(microphone, original) });
+}
+
+/** Another camera's track, or another microphone's. */
+export async function openTrack(kind, { camera, microphone, original }) {
+  const wish = kind === "video" ? { video: videoWish(camera) } : { audio: audioWish(microphone, original) };
+  return (await navigator.mediaDevices.getUserMedia(wish)).getTracks()[0];
+}
+
+export function openScreen() {
+  return navigator.mediaDevices.getDisplayMedia({ video: { frameRate: { max: 30 } }, audio: false });
+}
+
+/** `{ camera, microphone }`: lists of `{ id, label }`. */
+export async function listDevices() {
+  const devices = await navigator.mediaDevices.enumerateDevices();
+  const ofKind = (kind, word) =>
+    devices
+      .filter((device) => device.kind === kind && device.deviceId)
+      .map(({ deviceId, label }, index) => ({ id: deviceId, label: label || `${word} ${index + 1}` }));
+  return { camera: ofKind("videoinput", "Camera"), microphone: ofKind("audioinput", "Microphone") };
+}
+
+/** Why no camera could be had, in words for the guest. */
+export function explain(error) {
+  switch (error.name) {
+    case "NotAllowedError":
+    case "SecurityError":
+      return "Your browser was not allowed to use the camera and the microphone. Allow both for this page, next to its address, and try again.";
+    case "NotFoundError":
+      return "No camera or no microphone was found. Plug both in and try again.";
+    case "NotReadableError":
+    case "AbortError":
+      return "The camera or the microphone is in use by another program. Close that program and try again.";
+    default:
+      return `The camera could not be opened (${error.name}).`;
+  }
+}
+
+/** Measures how loud a microphone is. */
+export class LevelMeter {
+  #context = null;
+  #analyser = null;
+  #source = null;
+  #samples = null;
+
+  /** Listens to the track from now on, instead of the one before. */
+  listen(track) {
+    this.#context ??= new AudioContext();
+    this.#analyser ??= new AnalyserNode(this.#context, { fftSize: 1024 });
+    this.#samples ??= new Float32Array(this.#analyser.fftSize);
+    this.#source?.disconnect();
+    this.#source = this.#context.createMediaStreamSource(new MediaStream([track]));
+    this.#source.connect(this.#analyser);
+    this.#context.resume();
+  }
+
+  /** From 0 (silence, or below -60 dB) to 1 (full scale). */
+  level() {
+    if (!this.#analyser) return 0;
+    this.#analyser.getFloatTimeDomainData(this.#samples);
+    const power = this.#samples.reduce((sum, sample) => sum + sample * sample, 0) / this.#samples.length;
+    return power > 0 ? Math.min(1, Math.max(0, 1 + Math.log10(power) / 6)) : 0;
+  }
+}
+
+// A device that has gone since it was chosen is no reason to fail: the wish is an ideal.
+function videoWish(id) {
+  return { deviceId: id ? { ideal: id } : undefined, width: { ideal: 1280 }, height: { ideal: 720 }, frameRate: { ideal: 30, max: 30 } };
+}
+
+function audioWish(id, original) {
+  return {
+    deviceId: id ? { ideal: id } : undefined,
+    channelCount: original ? 2 : 1,
+    echoCancellation: !original,
+    noiseSuppression: !original,
+    autoGainControl: !original,
+  };
+}

@@ -1,0 +1,266 @@
+// The guest's place in the session: the camera's stream, the screen's, the show's, and the signals.
+
+import { NO_SUCH_SESSION, Session } from "./janus.js";
+import { Signals } from "./signals.js";
+import { Publisher, Subscriber } from "./streams.js";
+
+// The studio takes a stream for a guest's by this beginning of its name, and publishes under that name.
+const GUEST_PREFIX = "Guest - ";
+const SHOW_NAME = "ZarvoLive";
+
+const WATCH_AGAIN_TIME = 1_000;
+const RETRY_TIMES = [500, 1_000, 2_000, 4_000];
+
+/**
+ * One guest in one room. What happens there is told to `on`:
+ *   entered(streamId)        the camera is being published under this id: the guest rings
+ *   screenId(streamId|null)  the screen is published, or no longer
+ *   show(MediaStream|null)   the show's picture and sound have come, or gone
+ *   showEnded()              the studio has ended the show's stream
+ *   signal(type, data)       a signal of the room, own ones included
+ *   lost()                   the connection is lost and is being mended
+ *   mended()                 the connection is back, and everything is as it was
+ *   refused(Error)           the room cannot be entered; a JanusError's code tells why
+ */
+export class Room {
+  #link;
+  #display;
+  #on;
+  #session = null;
+  #signals = null;
+  #camera = null;
+  #screen = null;
+  #show = null;
+  #showFeed = null;
+  #stream = null;
+  #screenStream = null;
+  #audioOn = true;
+  #closed = false;
+  #mending = false;
+  #wake = () => {};
+
+  /** `link` is `{ url, room, token, iceServers }`. */
+  constructor(link, name, on) {
+    this.#link = link;
+    this.#display = GUEST_PREFIX + name;
+    this.#on = on;
+  }
+
+  /** Enters the room and rings with the camera's stream. Ends in `on.entered` or `on.refused`. */
+  async enter(stream) {
+    this.#stream = stream;
+    try {
+      await this.#enter();
+    } catch (error) {
+      if (this.#closed || this.#mending) return;
+      this.close();
+      this.#on.refused(error);
+    }
+  }
+
+  /** Leaves the room; nothing is told any more. */
+  close() {
+    this.#closed = true;
+    this.#wake();
+    this.#leave();
+  }
+
+  /** Sends a signal to the whole room; false when it could not be sent. */
+  signal(type, data) {
+    return this.#signals?.send(type, data) ?? false;
+  }
+
+  /** Sends another track of the same kind in place of the camera stream's. */
+  async replaceTrack(track) {
+    const transceiver = this.#camera?.transceiver(track.kind);
+    if (!transceiver) return;
+    await transceiver.sender.replaceTrack(track);
+    if (track.kind === "video") this.#camera.describe(transceiver.mid, describeVideo("camera", track));
+  }
+
+  /** Tells everybody whether this guest has sound. Whoever has none also switches the track off. */
+  setAudio(on) {
+    if (this.#audioOn === on) return;
+    this.#audioOn = on;
+    const transceiver = this.#camera?.transceiver("audio");
+    if (transceiver?.mid) this.#camera.describe(transceiver.mid, describeAudio(on));
+  }
+
+  /** Publishes a screen beside the camera, as a second stream of the same guest. */
+  async shareScreen(stream) {
+    this.#screenStream = stream;
+    const screen = await this.#join();
+    await this.#publish(screen, stream, "screen");
+    if (this.#screenStream !== stream) {
+      screen.close();
+      return;
+    }
+    this.#screen = screen;
+    screen.onfailed = () => this.stopScreen();
+    this.#on.screenId(screen.id);
+  }
+
+  stopScreen() {
+    if (!this.#screenStream) return;
+    this.#screenStream.getTracks().forEach((track) => track.stop());
+    this.#screenStream = null;
+    this.#screen?.close();
+    this.#screen = null;
+    if (!this.#closed) this.#on.screenId(null);
+  }
+
+  /** To be called when there is reason to think that the network has changed. */
+  checkNetwork() {
+    this.#wake();
+    this.#session?.check();
+  }
+
+  async #enter() {
+    this.#session = new Session(this.#link.url);
+    this.#session.onlost = () => this.#mend(true);
+    await this.#session.open();
+    this.#camera = await this.#join();
+    // The signals come before the stream: the host may answer the ring at once.
+    this.#signals = new Signals();
+    this.#signals.onsignal = (type, data) => this.#on.signal(type, data);
+    await this.#signals.open(this.#session, this.#link, this.#camera.id);
+    this.#on.entered(this.#camera.id);
+    await this.#publish(this.#camera, this.#stream, "camera");
+    this.#signals.onfailed = this.#camera.onfailed = () => this.#mend(false);
+    if (this.#screenStream) await this.shareScreen(this.#screenStream);
+  }
+
+  #leave() {
+    this.#endShow();
+    this.#showFeed = null;
+    this.#screen?.close();
+    this.#signals?.close();
+    this.#camera?.close();
+    this.#session?.close();
+    this.#session = this.#signals = this.#camera = this.#screen = null;
+  }
+
+  async #join() {
+    const { room, token, iceServers } = this.#link;
+    const handle = await this.#session.attach("videoroom");
+    handle.onevent = (data) => this.#participants(data);
+    const body = { request: "join", ptype: "publisher", room, token, display: this.#display };
+    const { data } = await handle.request(body);
+    this.#participants(data);
+    return new Publisher(handle, iceServers, data.id);
+  }
+
+  #publish(publisher, stream, kind) {
+    return publisher.publish(stream, (track) =>
+      track.kind === "video" ? describeVideo(kind, track) : describeAudio(this.#audioOn),
+    );
+  }
+
+  // ---- The show ------------------------------------------------------------
+
+  #participants({ publishers = [], leaving, unpublished }) {
+    const show = publishers.findLast(({ display }) => display === SHOW_NAME);
+    if (show) {
+      this.#showFeed = show.id;
+      this.#watch(show.id);
+    } else if (this.#showFeed !== null && [leaving, unpublished].includes(this.#showFeed)) {
+      this.#showFeed = null;
+      this.#endShow();
+      this.#on.showEnded();
+    }
+  }
+
+  async #watch(feed) {
+    if (this.#show?.feed === feed) return;
+    this.#endShow();
+    const show = (this.#show = new Subscriber(feed));
+    show.onfailed = () => this.#watchAgain(show);
+    try {
+      await show.open(this.#session, this.#link);
+      if (this.#show === show) this.#on.show(show.stream);
+    } catch {
+      this.#watchAgain(show);
+    }
+  }
+
+  // The show goes on in the room; only this page's connection to it has failed.
+  #watchAgain(show) {
+    if (this.#show !== show) return;
+    this.#endShow();
+    setTimeout(() => {
+      if (this.#session && !this.#show && this.#showFeed === show.feed) this.#watch(show.feed);
+    }, WATCH_AGAIN_TIME);
+  }
+
+  #endShow() {
+    if (!this.#show) return;
+    this.#show.close();
+    this.#show = null;
+    if (!this.#closed) this.#on.show(null);
+  }
+
+  // ---- A lost network ------------------------------------------------------
+
+  // Goes on until the room is entered again, refuses, or is left. A session that the server still
+  // has is claimed, so that a guest who is on air stays there; otherwise the guest rings anew.
+  async #mend(claimable) {
+    if (this.#mending || this.#closed) return;
+    this.#mending = true;
+    this.#on.lost();
+    for (let attempt = 0; !this.#closed; attempt++) {
+      try {
+        if (claimable && (await this.#claim())) {
+          this.#on.mended();
+        } else {
+          claimable = false;
+          this.#leave();
+          await this.#enter();
+        }
+        break;
+      } catch (error) {
+        if (error.code === NO_SUCH_SESSION) {
+          claimable = false;
+        } else if (error.code) {
+          this.close();
+          this.#on.refused(error);
+        } else {
+          await this.#pause(RETRY_TIMES[Math.min(attempt, RETRY_TIMES.length - 1)]);
+        }
+      }
+    }
+    this.#mending = false;
+  }
+
+  // True when the session is this page's again, its streams are still there, and all of them look for
+  // new ways through the network.
+  async #claim() {
+    if (!this.#signals?.connection || !this.#camera?.published) return false;
+    await this.#session.open();
+    const { data } = await this.#camera.handle.request({ request: "listparticipants", room: this.#link.room });
+    const publishing = data.participants.filter(({ publisher }) => publisher);
+    const has = (publisher) => publishing.some(({ id }) => id === publisher.id);
+    if (!has(this.#camera) || (this.#screen && !has(this.#screen))) return false;
+    await Promise.all([this.#camera, this.#screen, this.#signals].map((each) => each?.restart()));
+    this.#show?.restart().catch(() => this.#show?.onfailed());
+    // What happened to the show meanwhile, nobody has told.
+    if (!publishing.some(({ id }) => id === this.#showFeed)) this.#participants({ leaving: this.#showFeed });
+    this.#participants({ publishers: publishing });
+    return true;
+  }
+
+  #pause(time) {
+    return new Promise((resolve) => {
+      const timer = setTimeout(resolve, time);
+      this.#wake = () => (clearTimeout(timer), resolve());
+    });
+  }
+}
+
+function describeVideo(kind, track) {
+  const { width, height } = track.getSettings();
+  return width && height ? `${kind} ${width}x${height}` : kind;
+}
+
+function describeAudio(on) {
+  return on ? "on" : "off";
+}
