@@ -1,0 +1,149 @@
+#include <dispatch/dispatch.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr auto kDeadline = 20s;
+
+struct TimerTest : testing::Test {
+  ~TimerTest() override {
+    dispatch_release(timer);
+    dispatch_release(queue);
+  }
+
+  // Cancels the timer; afterwards none of its handlers runs any more.
+  void end() {
+    std::promise<void> ended;
+    dispatch_source_set_cancel_handler(timer, [&] { ended.set_value(); });
+    dispatch_source_cancel(timer);
+    ASSERT_EQ(ended.get_future().wait_for(kDeadline), std::future_status::ready);
+  }
+
+  dispatch_queue_t queue = dispatch_queue_create("timer", DISPATCH_QUEUE_CONCURRENT);
+  dispatch_source_t timer = dispatch_source_create(DISPATCH_SOURCE_TYPE_TIMER, 0, 0, queue);
+};
+
+}  // namespace
+
+TEST_F(TimerTest, KeepsItsBeatWithoutDriftAndNeverRunsTwiceAtOnce) {
+  constexpr auto kBeat = 4ms;
+  constexpr std::size_t kBeats = 100;
+  const auto start = Clock::now();
+  std::size_t beats = 0;
+  std::atomic<int> running = 0;
+  std::promise<void> done;
+  dispatch_source_set_event_handler(timer, [&] {
+    EXPECT_EQ(++running, 1);
+    const bool before = beats >= kBeats;
+    beats += dispatch_source_get_data(timer);
+    // Beat n is due n - 1 intervals after the start, and is never early.
+    EXPECT_GE(Clock::now() - start, kBeat * (beats - 1));
+    std::this_thread::sleep_for(1ms);
+    --running;
+    if (!before && beats >= kBeats) done.set_value();
+  });
+  dispatch_source_set_timer(timer, DISPATCH_TIME_NOW,
+                            static_cast<uint64_t>(std::chrono::nanoseconds(kBeat).count()), 0);
+  dispatch_resume(timer);
+
+  ASSERT_EQ(done.get_future().wait_for(kDeadline), std::future_status::ready);
+  end();
+  // A timer that counted from its last beat would have lost its handler's millisecond a hundred times.
+  const auto due = static_cast<std::size_t>((Clock::now() - start) / kBeat) + 1;
+  EXPECT_LE(beats, due);
+  EXPECT_GE(beats + 12, due);
+}
+
+TEST_F(TimerTest, GivesTheTicksThatItsHandlerMissedAsOne) {
+  std::atomic<std::size_t> most = 0;
+  std::promise<void> held;
+  std::promise<void> caughtUp;
+  std::promise<void> release;
+  dispatch_source_set_event_handler(timer, [&, call = 0]() mutable {
+    most = std::max<std::size_t>(most, dispatch_source_get_data(timer));
+    if (++call == 1) {
+      held.set_value();
+      release.get_future().wait();
+    } else if (call == 2) {
+      caughtUp.set_value();
+    }
+  });
+  dispatch_source_set_timer(timer, DISPATCH_TIME_NOW, NSEC_PER_MSEC, 0);
+  dispatch_resume(timer);
+  held.get_future().wait();
+  std::this_thread::sleep_for(30ms);
+  release.set_value();
+  ASSERT_EQ(caughtUp.get_future().wait_for(kDeadline), std::future_status::ready);
+  end();
+  EXPECT_GE(most, 20u);
+}
+
+TEST_F(TimerTest, FiresOnceOrNeverAndCanBeSetAnew) {
+  std::atomic<int> fired = 0;
+  std::promise<void> once;
+  dispatch_source_set_event_handler(timer, [&] {
+    if (++fired == 1) once.set_value();
+  });
+  dispatch_source_set_timer(timer, DISPATCH_TIME_FOREVER, NSEC_PER_MSEC, 0);
+  dispatch_resume(timer);
+  dispatch_source_set_timer(timer, dispatch_time(DISPATCH_TIME_NOW, 3600 * NSEC_PER_SEC), NSEC_PER_MSEC, 0);
+  EXPECT_EQ(fired, 0);
+  dispatch_source_set_timer(timer, DISPATCH_TIME_NOW, DISPATCH_TIME_FOREVER, 0);
+  ASSERT_EQ(once.get_future().wait_for(kDeadline), std::future_status::ready);
+  std::this_thread::sleep_for(20ms);
+  end();
+  EXPECT_EQ(fired, 1);
+}
+
+TEST_F(TimerTest, LetsGoOfItsHandlersWhenCancelledFromWithin) {
+  auto token = std::make_shared<int>();
+  const std::weak_ptr<int> watched = token;
+  std::promise<void> cancelled;
+  std::atomic<int> late = 0;
+  bool ended = false;
+  dispatch_source_set_event_handler(timer, [&, token] {
+    late += ended;
+    dispatch_source_cancel(timer);
+  });
+  dispatch_source_set_cancel_handler(timer, [&, token] {
+    ended = true;
+    cancelled.set_value();
+  });
+  token.reset();
+  dispatch_source_set_timer(timer, DISPATCH_TIME_NOW, NSEC_PER_MSEC, 0);
+  dispatch_resume(timer);
+  ASSERT_EQ(cancelled.get_future().wait_for(kDeadline), std::future_status::ready);
+  const auto deadline = Clock::now() + kDeadline;
+  while (!watched.expired() && Clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(watched.expired());
+  EXPECT_EQ(late, 0);
+}
+
+TEST(After, ComesInTimeOnItsQueueThatItKeeps) {
+  dispatch_queue_t queue = dispatch_queue_create("after", DISPATCH_QUEUE_SERIAL);
+  const auto start = Clock::now();
+  std::promise<Clock::duration> passed;
+  dispatch_after(DISPATCH_TIME_FOREVER, queue, [] { ADD_FAILURE() << "forever has come"; });
+  dispatch_after(dispatch_time(DISPATCH_TIME_NOW, 30 * NSEC_PER_MSEC), queue, [&] {
+    EXPECT_STREQ(dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL), "after");
+    passed.set_value(Clock::now() - start);
+  });
+  dispatch_release(queue);
+  auto future = passed.get_future();
+  ASSERT_EQ(future.wait_for(kDeadline), std::future_status::ready);
+  EXPECT_GE(future.get(), 30ms);
+
+  EXPECT_EQ(dispatch_time(DISPATCH_TIME_FOREVER, -1), DISPATCH_TIME_FOREVER);
+  EXPECT_EQ(dispatch_time(DISPATCH_TIME_NOW, INT64_MAX), DISPATCH_TIME_FOREVER);
+  EXPECT_EQ(dispatch_time(1000, -10), 990u);
+}
