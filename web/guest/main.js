@@ -6,7 +6,7 @@ import { readPreferences, readableOn } from "./preferences.js";
 import { Room } from "./room.js";
 import { parse } from "./signals.js";
 import * as show from "./state.js";
-import { Chat, Comments } from "./talk.js";
+import { Talk, sendLines } from "./talk.js";
 
 const LEVEL_TIME = 100;
 const STORED = "guest";
@@ -14,8 +14,8 @@ const STORED = "guest";
 const page = new Proxy({}, { get: (_, id) => document.getElementById(id) });
 const link = readLink(location);
 const meter = new LevelMeter();
-const chat = new Chat(page.chat, page["chat-form"], { name: () => name, send: (line) => signal("chat", line) });
-const comments = new Comments(page.comments, (mark) => signal("fav", mark));
+const chat = new Talk(page.chat, (mark) => signal("fav", mark));
+const comments = new Talk(page.comments, (mark) => signal("fav", mark));
 
 let state = show.initial;
 let name = "";
@@ -153,7 +153,7 @@ const events = {
     if (type === "start") askForMono();
     else if (type === "comment") comments.receive(parse(data));
     else if (type === "chat") chat.receive(parse(data));
-    else if (type === "fav") comments.receiveMark(parse(data));
+    else if (type === "fav") for (const talk of [chat, comments]) talk.receiveMark(parse(data));
     else if (type === "prefUpdate") prefer(readPreferences(parse(data)));
   },
 };
@@ -254,6 +254,13 @@ page["ring-form"].addEventListener("submit", (event) => {
   ring();
 });
 page.retry.addEventListener("click", prepare);
+sendLines(page["chat-form"], (text) => {
+  // Shown at once; the copy that the room sends back has the same uuid.
+  const line = { name, text, uuid: crypto.randomUUID().toUpperCase() };
+  if (!signal("chat", line)) return false;
+  chat.receive(line, true);
+  return true;
+});
 page.leave.addEventListener("click", () => leave("You have left the show. You can ring again."));
 page.share.addEventListener("click", share);
 page["show-play"].addEventListener("click", play);

@@ -4,111 +4,94 @@ const LINES_KEPT = 500;
 const NAME_LENGTH = 100;
 const TEXT_LENGTH = 4000;
 
-/** A list of lines in a "log" element, each known by its uuid. */
-class Log {
-  #element;
+/**
+ * Lines in a "log" element, each shown once however often its uuid comes, and each with a favourite
+ * mark that everybody in the room shares.
+ */
+export class Talk {
+  #log;
+  #sendMark;
   #lines = new Map();
+  #marks = new Map();
 
-  constructor(element) {
-    this.#element = element;
+  /** `sendMark({ uuid, state })` sends a mark, "yes" or "no", to the room; true when it could. */
+  constructor(log, sendMark) {
+    this.#log = log;
+    this.#sendMark = sendMark;
   }
 
-  get(uuid) {
-    return this.#lines.get(uuid);
-  }
-
-  /** Adds a line at the end and resolves to its element; the reader stays where they have scrolled to. */
-  add({ name, text, uuid }) {
-    const log = this.#element;
+  /** Shows a line, `{ name, text, uuid }` of unknown shape. The reader stays where they have scrolled to. */
+  receive(data, mine = false) {
+    const line = readLine(data);
+    if (!line || this.#lines.has(line.uuid)) return;
+    const log = this.#log;
     log.querySelector(".empty")?.remove();
     const atEnd = log.scrollHeight - log.scrollTop - log.clientHeight < 40;
-    const line = element("article", "said");
+    const shown = this.#draw(line);
+    shown.classList.toggle("mine", mine);
+    log.append(shown);
+    remember(this.#lines, line.uuid, shown)?.remove();
+    if (atEnd) log.scrollTop = log.scrollHeight;
+  }
+
+  /** A mark may come before its line. */
+  receiveMark({ uuid, state }) {
+    if (typeof uuid !== "string" || typeof state !== "string") return;
+    remember(this.#marks, uuid, state);
+    const star = this.#lines.get(uuid)?.querySelector(".star");
+    if (star) draw(star, state);
+  }
+
+  #draw({ name, text, uuid }) {
     const now = new Date();
     const time = element("time", "when", now.toLocaleTimeString([], { hour: "2-digit", minute: "2-digit" }));
     time.dateTime = now.toISOString();
-    line.append(element("strong", "who", name), time, element("p", "what", text));
-    line.dataset.uuid = uuid;
-    log.append(line);
-    this.#lines.set(uuid, line);
-    if (this.#lines.size > LINES_KEPT) {
-      const [oldest, its] = this.#lines.entries().next().value;
-      this.#lines.delete(oldest);
-      its.remove();
-    }
-    if (atEnd) log.scrollTop = log.scrollHeight;
-    return line;
-  }
-}
-
-/** Chat both ways. A line is shown once, however often its uuid comes back. */
-export class Chat {
-  #log;
-
-  /** `send(line)` sends `{ name, text, uuid }` to the room and is true when it could. */
-  constructor(logElement, form, { send, name }) {
-    this.#log = new Log(logElement);
-    const input = form.querySelector("input");
-    form.addEventListener("submit", (event) => {
-      event.preventDefault();
-      const text = input.value.trim();
-      if (!text) return;
-      const line = { name: name(), text, uuid: crypto.randomUUID().toUpperCase() };
-      const sent = send(line);
-      input.setCustomValidity(sent ? "" : "Not sent: the connection is lost.");
-      if (sent) {
-        input.value = "";
-        this.#log.add(line).classList.add("mine");
-      }
-      form.reportValidity();
-    });
-    input.addEventListener("input", () => input.setCustomValidity(""));
-  }
-
-  receive(data) {
-    const line = readLine(data);
-    if (line && !this.#log.get(line.uuid)) this.#log.add(line);
-  }
-}
-
-/** The show's comments, each with a favourite mark that everybody in the room shares. */
-export class Comments {
-  #log;
-  #send;
-  #marks = new Map();
-
-  /** `send(mark)` sends `{ uuid, state }`, the state being "yes" or "no". */
-  constructor(logElement, send) {
-    this.#log = new Log(logElement);
-    this.#send = send;
-  }
-
-  receive(data) {
-    const line = readLine(data);
-    if (!line || this.#log.get(line.uuid)) return;
     const star = element("button", "star");
     star.type = "button";
+    star.setAttribute("aria-label", `Favourite: ${name}, ${text.slice(0, 60)}`);
     star.addEventListener("click", () => {
-      const state = star.getAttribute("aria-pressed") === "true" ? "no" : "yes";
-      if (this.#send({ uuid: line.uuid, state })) mark(star, state);
+      const state = isSet(star) ? "no" : "yes";
+      if (this.#sendMark({ uuid, state })) draw(star, state);
     });
-    star.setAttribute("aria-label", `Favourite: ${line.name}, ${line.text.slice(0, 60)}`);
-    this.#log.add(line).append(star);
-    mark(star, this.#marks.get(line.uuid) ?? "no");
-  }
-
-  /** A mark may come before its comment. */
-  receiveMark({ uuid, state }) {
-    if (typeof uuid !== "string" || typeof state !== "string") return;
-    this.#marks.set(uuid, state);
-    if (this.#marks.size > LINES_KEPT) this.#marks.delete(this.#marks.keys().next().value);
-    const star = this.#log.get(uuid)?.querySelector(".star");
-    if (star) mark(star, state);
+    draw(star, this.#marks.get(uuid) ?? "no");
+    const shown = element("article", "said");
+    shown.dataset.uuid = uuid;
+    shown.append(element("strong", "who", name), time, star, element("p", "what", text));
+    return shown;
   }
 }
 
-function mark(star, state) {
+/** Has the form send what is typed: `send(text)` is true when it could. */
+export function sendLines(form, send) {
+  const input = form.querySelector("input");
+  form.addEventListener("submit", (event) => {
+    event.preventDefault();
+    const text = input.value.trim();
+    if (!text) return;
+    if (send(text)) {
+      input.value = "";
+    } else {
+      input.setCustomValidity("Not sent: the connection is lost.");
+      input.reportValidity();
+    }
+  });
+  input.addEventListener("input", () => input.setCustomValidity(""));
+}
+
+const isSet = (star) => star.getAttribute("aria-pressed") === "true";
+
+function draw(star, state) {
   star.setAttribute("aria-pressed", String(state === "yes"));
   star.textContent = state === "yes" ? "★" : "☆";
+}
+
+// Keeps the newest; returns the value that had to go, if any.
+function remember(map, key, value) {
+  map.set(key, value);
+  if (map.size <= LINES_KEPT) return undefined;
+  const [oldest, its] = map.entries().next().value;
+  map.delete(oldest);
+  return its;
 }
 
 function readLine({ name, text, uuid }) {
