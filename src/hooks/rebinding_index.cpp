@@ -1,0 +1,58 @@
+#include "rebinding_index.h"
+
+#include <functional>
+
+namespace {
+
+// The number of the first bit in which two names differ, their ends included.
+size_t firstDifference(const char* one, const char* other) {
+  size_t byte = 0;
+  while (one[byte] == other[byte]) ++byte;
+  const auto difference = static_cast<unsigned char>(one[byte] ^ other[byte]);
+  size_t bit = byte * 8 + 1;
+  for (unsigned mask = 0x80; (difference & mask) == 0; mask >>= 1) ++bit;
+  return bit;
+}
+
+}  // namespace
+
+void RebindingIndex::add(IndexedRebinding* rebindings, size_t count) {
+  const std::less<const IndexedRebinding*> before;
+  for (IndexedRebinding* added = rebindings; added != rebindings + count; ++added) {
+    const char* const name = added->rebinding.name;
+    added->length = strlen(name);
+    added->newest.store(added, std::memory_order_relaxed);
+    IndexedRebinding* const nearest = candidate(name, added->length + 1);
+    if (nearest == nullptr || !isNamed(*nearest, name)) {
+      insert(*added, nearest);
+    } else if (before(nearest->newest.load(std::memory_order_relaxed), rebindings) ||
+               !before(nearest->newest.load(std::memory_order_relaxed), added)) {
+      nearest->newest.store(added, std::memory_order_release);
+    }
+  }
+}
+
+void RebindingIndex::insert(IndexedRebinding& added, const IndexedRebinding* nearest) {
+  if (nearest == nullptr) {
+    // The first node tests nothing: what there is lies on its one side.
+    added.next[0].store(&added, std::memory_order_relaxed);
+    root_.store(&added, std::memory_order_release);
+    return;
+  }
+  const char* const name = added.rebinding.name;
+  const size_t room = added.length + 1;
+  added.bit = firstDifference(name, nearest->rebinding.name);
+
+  IndexedRebinding* above = root_.load(std::memory_order_relaxed);
+  std::atomic<IndexedRebinding*>* link = &above->next[0];
+  IndexedRebinding* below = link->load(std::memory_order_relaxed);
+  while (below->bit > above->bit && below->bit < added.bit) {
+    above = below;
+    link = &above->next[isSet(name, room, above->bit)];
+    below = link->load(std::memory_order_relaxed);
+  }
+  const bool side = isSet(name, room, added.bit);
+  added.next[side].store(&added, std::memory_order_relaxed);
+  added.next[!side].store(below, std::memory_order_relaxed);
+  link->store(&added, std::memory_order_release);
+}
