@@ -110,7 +110,7 @@ async function ring() {
   store();
   fault("");
   notice("");
-  update(show.ringing(state));
+  update(show.connecting(state));
   try {
     room = new Room({ ...link, ...(await readConfig(location)) }, name, events);
     room.setAudio(show.microphoneOpen(state));

@@ -19,16 +19,18 @@ export const initial = Object.freeze({
   viewers: null,
 });
 
-const outside = { streamId: null, screenId: null, admitted: false, screenAdmitted: false, live: false, screenLive: false, remoteMuted: false };
+const notAdmitted = { admitted: false, screenAdmitted: false, live: false, screenLive: false };
 
-export const ringing = (state) => ({ ...state, phase: "connecting" });
-export const entered = (state, streamId) => ({ ...state, ...outside, phase: "in", streamId });
+export const connecting = (state) => ({ ...state, phase: "connecting" });
+/** In the room, also anew: what was known of an earlier place in it no longer holds. */
+export const entered = ({ selfMuted }, streamId) => ({ ...initial, selfMuted, phase: "in", streamId });
 export const lost = (state) => ({ ...state, phase: "lost" });
 export const mended = (state) => ({ ...state, phase: "in" });
-export const left = (state) => ({ ...state, ...outside, phase: "lobby", viewers: null });
+export const left = ({ selfMuted }) => ({ ...initial, selfMuted });
+/** The screen is published under the id, or, with null, no longer. */
 export const screen = (state, screenId) => ({ ...state, screenId, screenAdmitted: false, screenLive: false });
 /** The studio's own stream has ended: whoever takes its place has to bring the guests in anew. */
-export const showEnded = (state) => ({ ...state, admitted: false, screenAdmitted: false, live: false, screenLive: false });
+export const showEnded = (state) => ({ ...state, ...notAdmitted });
 
 /** The state after a signal; the same object when the signal does not concern it. */
 export function signalled(state, type, data) {
