@@ -186,7 +186,7 @@ TEST(ProcessDeathTest, ExitsWithZeroFromAnyThreadWhileOthersRun) {
             dispatch_async(queue, [] { dispatch_async(global(), [] { again(); }); });
           };
           for (int i = 0; i < 4; ++i) again();
-          dispatch_source_t timer = dispatch_source_create(DISPATCH_SOURCE_TYPE_TIMER, 0, 0, queue);
+          static dispatch_source_t timer = dispatch_source_create(DISPATCH_SOURCE_TYPE_TIMER, 0, 0, queue);
           dispatch_source_set_event_handler(timer, [] {});
           dispatch_source_set_timer(timer, DISPATCH_TIME_NOW, 10 * NSEC_PER_USEC, 0);
           dispatch_resume(timer);
