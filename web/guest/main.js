@@ -52,15 +52,16 @@ async function prepare() {
   page.retry.hidden = true;
   if (!link) return fault("This link is not complete. Open the whole link that the host has sent you.");
   if (!secure()) return fault("Your browser gives no camera to this page. Open it with https:// in front.");
+  say(page["self-wait"], "Your browser asks for your camera and microphone. Please allow both.");
   try {
-    const stored = readStored();
-    stream = await openCamera(stream ? wishes() : stored);
+    stream = await openCamera(stream ? wishes() : readStored());
   } catch (error) {
+    say(page["self-wait"], "No camera");
     page.retry.hidden = false;
     return fault(explainMedia(error));
   }
+  say(page["self-wait"], "");
   page.self.srcObject = stream;
-  page["self-wait"].hidden = true;
   page.ring.disabled = false;
   for (const track of stream.getTracks()) adopt(track);
   await fillDevices();
@@ -84,19 +85,22 @@ async function fillDevices() {
 
 /** Puts the device that is chosen now in the place of the one before, also in mid-show. */
 async function change(kind) {
+  // First let go of the one before: a phone opens only one camera at a time.
+  for (const old of stream.getTracks().filter((each) => each.kind === kind)) {
+    old.onended = null;
+    old.stop();
+    stream.removeTrack(old);
+  }
   try {
     const track = await openTrack(kind, wishes());
-    for (const old of stream.getTracks().filter((each) => each.kind === kind)) {
-      old.onended = null;
-      old.stop();
-      stream.removeTrack(old);
-    }
     stream.addTrack(track);
     adopt(track);
     await room?.replaceTrack(track);
     fault("");
   } catch (error) {
     fault(explainMedia(error));
+    page.retry.hidden = false;
+    page.ring.disabled = true;
   }
   await fillDevices();
   store();
@@ -184,9 +188,11 @@ async function share() {
   const here = room;
   try {
     const screen = await openScreen();
-    screen.getVideoTracks()[0].onended = () => here.stopScreen();
+    const [picture] = screen.getVideoTracks();
+    picture.contentHint = "detail";
+    picture.onended = () => here.stopScreen();
     if (room === here) await here.shareScreen(screen);
-    else screen.getTracks().forEach((track) => track.stop());
+    else picture.stop();
   } catch (error) {
     // Whoever closes the browser's own question has changed their mind, and knows it.
     if (error.name !== "NotAllowedError") fault(`Your screen could not be shared: ${error.message}`);
@@ -204,9 +210,13 @@ function update(next) {
 function render() {
   const inRoom = state.phase !== "lobby";
   const { name: word, title, text } = inRoom ? show.describe(state) : { name: "lobby", title: "", text: "" };
-  if (inRoom && document.body.dataset.screen === "lobby") page.mute.focus();
-  document.body.dataset.screen = inRoom ? "room" : "lobby";
+  const screen = inRoom ? "room" : "lobby";
   document.body.dataset.state = word;
+  if (document.body.dataset.screen !== screen) {
+    document.body.dataset.screen = screen;
+    // What had the focus is gone; who uses the keyboard goes on here.
+    (inRoom ? page.mute : page.ring).focus();
+  }
   say(page["status-title"], title);
   say(page["status-text"], text);
   say(page.own, inRoom ? [show.describeMicrophone(state), show.describeScreen(state)].join(" ").trim() : "");

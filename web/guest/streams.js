@@ -41,8 +41,17 @@ export class Publisher extends Peer {
     await this.connection.setLocalDescription(offer);
     const { type, sdp } = offer;
     const { jsep } = await this.handle.request({ request, descriptions: descriptions?.() }, { type, sdp });
-    await this.connection.setRemoteDescription(jsep);
+    await this.connection.setRemoteDescription({ type: jsep.type, sdp: inStereo(jsep.sdp) });
   }
+}
+
+// Browsers fold a microphone to mono unless the other side's description asks for both channels.
+function inStereo(sdp) {
+  const payload = sdp.match(/^a=rtpmap:(\d+) opus\//m)?.[1];
+  if (!payload || /^a=fmtp:.*\bstereo=1/m.test(sdp)) return sdp;
+  const parameters = new RegExp(`^a=fmtp:${payload} .*$`, "m");
+  if (parameters.test(sdp)) return sdp.replace(parameters, "$&;stereo=1");
+  return sdp.replace(new RegExp(`^a=rtpmap:${payload} .*$`, "m"), `$&\r\na=fmtp:${payload} stereo=1`);
 }
 
 /** Another participant's stream, by the id of its publisher. */

@@ -33,11 +33,13 @@ export function writeCamera(file, width, height) {
   writeFileSync(file, Buffer.concat([Buffer.from(`YUV4MPEG2 W${width} H${height} F30:1 Ip A1:1 C420jpeg\n`), ...frame, ...frame]));
 }
 
-/** Writes what a fake microphone plays: one second, which it repeats, of one tone at half the full scale. */
-export function writeTone(file, hertz) {
-  const samples = Buffer.alloc(RATE * 2);
+/** Writes what a fake microphone plays: one second, which it repeats, of one tone left and one right. */
+export function writeTones(file, tones) {
+  const samples = Buffer.alloc(RATE * 4);
   for (let at = 0; at < RATE; at++) {
-    samples.writeInt16LE(Math.round(16_384 * Math.sin((2 * Math.PI * hertz * at) / RATE)), at * 2);
+    tones.forEach((hertz, channel) => {
+      samples.writeInt16LE(Math.round(16_384 * Math.sin((2 * Math.PI * hertz * at) / RATE)), at * 4 + channel * 2);
+    });
   }
   const header = Buffer.alloc(44);
   header.write("RIFF", 0);
@@ -45,10 +47,10 @@ export function writeTone(file, hertz) {
   header.write("WAVEfmt ", 8);
   header.writeUInt32LE(16, 16);
   header.writeUInt16LE(1, 20);
-  header.writeUInt16LE(1, 22);
+  header.writeUInt16LE(2, 22);
   header.writeUInt32LE(RATE, 24);
-  header.writeUInt32LE(RATE * 2, 28);
-  header.writeUInt16LE(2, 32);
+  header.writeUInt32LE(RATE * 4, 28);
+  header.writeUInt16LE(4, 32);
   header.writeUInt16LE(16, 34);
   header.write("data", 36);
   header.writeUInt32LE(samples.length, 40);
@@ -68,32 +70,29 @@ export function alike(one, other) {
   return one.every((value, at) => Math.abs(value - other[at]) < 45);
 }
 
-/** A 16-bit WAV file's loudness (1 is full scale) and the part of its power that is in one tone, from 0 to 1. */
-export function readSound(file, hertz) {
+/**
+ * A 16-bit stereo WAV file's channels: how loud each is (1 is full scale), and the part of its power that is
+ * in each of the tones, from 0 to 1.
+ */
+export function readSound(file, tones) {
   const bytes = readFileSync(file);
-  let at = 12;
-  let channels, rate;
-  while (bytes.toString("latin1", at, at + 4) !== "data") {
-    if (bytes.toString("latin1", at, at + 4) === "fmt ") {
-      channels = bytes.readUInt16LE(at + 10);
-      rate = bytes.readUInt32LE(at + 12);
+  const start = bytes.indexOf("data") + 8;
+  const frames = Math.floor((bytes.length - start) / 4);
+  return [0, 1].map((channel) => {
+    const sums = tones.map(() => [0, 0]);
+    let power = 0;
+    for (let frame = 0; frame < frames; frame++) {
+      const sample = bytes.readInt16LE(start + frame * 4 + channel * 2) / 32_768;
+      power += sample * sample;
+      tones.forEach((hertz, which) => {
+        const angle = (2 * Math.PI * hertz * frame) / RATE;
+        sums[which][0] += sample * Math.cos(angle);
+        sums[which][1] += sample * Math.sin(angle);
+      });
     }
-    at += 8 + bytes.readUInt32LE(at + 4);
-  }
-  const frames = Math.floor(Math.min(bytes.readUInt32LE(at + 4), bytes.length - at - 8) / (2 * channels));
-  let power = 0, cosine = 0, sine = 0;
-  for (let frame = 0; frame < frames; frame++) {
-    const sample = bytes.readInt16LE(at + 8 + frame * 2 * channels) / 32_768;
-    const angle = (2 * Math.PI * hertz * frame) / rate;
-    power += sample * sample;
-    cosine += sample * Math.cos(angle);
-    sine += sample * Math.sin(angle);
-  }
-  const seconds = frames / rate;
-  return {
-    seconds,
-    channels,
-    loudness: frames ? Math.sqrt(power / frames) : 0,
-    inTone: power ? (2 * (cosine * cosine + sine * sine)) / frames / power : 0,
-  };
+    return {
+      loudness: frames ? Math.sqrt(power / frames) : 0,
+      inTones: sums.map(([cosine, sine]) => (power ? (2 * (cosine * cosine + sine * sine)) / frames / power : 0)),
+    };
+  });
 }

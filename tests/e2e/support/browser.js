@@ -1,0 +1,102 @@
+// Chromium with a camera and a microphone of known content.
+
+import { mkdtempSync, readFileSync, rmSync } from "node:fs";
+import { createRequire } from "node:module";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { chromium } from "playwright-core";
+
+import { writeCamera, writeTones } from "./content.js";
+
+const axeSource = readFileSync(createRequire(import.meta.url).resolve("axe-core/axe.min.js"), "utf8");
+
+export const CAMERA_SIZE = { width: 640, height: 360 };
+/** What the microphone hears left and right, in Hz. */
+export const TONES = [660, 1100];
+
+const FLAGS = [
+  "--no-sandbox", // the tests may run as root
+  "--disable-gpu",
+  "--disable-quic",
+  "--no-first-run",
+  "--disable-background-networking",
+  "--disable-component-update",
+  "--disable-sync",
+  "--allow-loopback-in-peer-connection",
+  "--autoplay-policy=no-user-gesture-required",
+  "--use-fake-device-for-media-stream",
+  "--use-fake-ui-for-media-stream",
+];
+
+/** A browser for guests; `close` ends it and takes its files away. */
+export async function launch() {
+  const folder = mkdtempSync(join(tmpdir(), "guests-"));
+  writeCamera(join(folder, "camera.y4m"), CAMERA_SIZE.width, CAMERA_SIZE.height);
+  writeTones(join(folder, "tones.wav"), TONES);
+  const browser = await chromium.launch({
+    executablePath: "/usr/bin/chromium",
+    args: [
+      ...FLAGS,
+      `--use-file-for-fake-video-capture=${join(folder, "camera.y4m")}`,
+      `--use-file-for-fake-audio-capture=${join(folder, "tones.wav")}`,
+    ],
+  });
+  const faults = [];
+
+  return {
+    /** What any page complained of so far, the browser's own complaints about it included. */
+    faults,
+
+    /** Opens the link; with `name` the guest has been here before, wanting the original sound. */
+    async open(link, { name, ...options } = {}) {
+      const context = await browser.newContext({ viewport: { width: 1280, height: 800 }, ...options });
+      const page = await context.newPage();
+      page.setDefaultTimeout(15_000);
+      page.on("pageerror", (error) => faults.push(error.stack));
+      page.on("console", (message) => message.type() === "error" && faults.push(message.text()));
+      if (name) {
+        // Without the processing of speech, which takes a steady tone for noise.
+        const stored = JSON.stringify({ name, original: true });
+        await page.addInitScript((text) => localStorage.getItem("guest") ?? localStorage.setItem("guest", text), stored);
+      }
+      await page.goto(link);
+      return page;
+    },
+
+    async close() {
+      await browser.close();
+      rmSync(folder, { recursive: true, force: true });
+    },
+  };
+}
+
+/** Presses Ring; resolves when the page is in the room. */
+export async function ring(page) {
+  await page.click("#ring:enabled");
+  await inState(page, "ringing");
+}
+
+export const inState = (page, ...states) =>
+  page.waitForSelector(states.map((state) => `body[data-state="${state}"]`).join(","));
+
+/** Resolves when the element's text matches; rejects with what it was instead. */
+export async function says(page, selector, pattern) {
+  const { source, flags } = new RegExp(pattern);
+  await page
+    .waitForFunction(
+      ([where, source, flags]) => new RegExp(source, flags).test(document.querySelector(where).textContent),
+      [selector, source, flags],
+    )
+    .catch(async (error) => {
+      throw new Error(`${selector} says "${await page.textContent(selector)}", not ${pattern}`, { cause: error });
+    });
+}
+
+/** The rules of accessibility that the page breaks in earnest, with the places. */
+export async function seriousFaults(page) {
+  await page.evaluate(axeSource);
+  const { violations } = await page.evaluate(() => window.axe.run(document, { resultTypes: ["violations"] }));
+  return violations
+    .filter(({ impact }) => impact === "serious" || impact === "critical")
+    .map(({ id, nodes }) => `${id}: ${nodes.map(({ target }) => target).join(", ")}`);
+}

@@ -1,0 +1,102 @@
+// The real studio program, with its session server and its service: its reports and its prompt.
+
+import { spawn } from "node:child_process";
+import { once } from "node:events";
+import { mkdtempSync, rmSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { createInterface } from "node:readline";
+
+const DEADLINE = 20_000;
+
+export class Studio {
+  /** Every report so far, oldest first. */
+  reports = [];
+  /** Where the studio writes the files that it is asked for. */
+  folder = mkdtempSync(join(tmpdir(), "studio-"));
+
+  #process;
+  #notes = "";
+  #waiting = new Set();
+
+  /** Starts the studio of the build that ZARVO_BIN names; resolves when guests can come. */
+  static async start(...options) {
+    const studio = new Studio();
+    studio.#start(options);
+    studio.link = (await studio.report("link")).url;
+    return studio;
+  }
+
+  #start(options) {
+    const program = join(process.env.ZARVO_BIN, "zarvo-studio");
+    this.#process = spawn(program, ["--port", "0", ...options], { stdio: ["pipe", "pipe", "pipe"] });
+    this.#process.stderr.on("data", (text) => (this.#notes += text));
+    createInterface({ input: this.#process.stdout }).on("line", (line) => {
+      this.reports.push(JSON.parse(line));
+      for (const look of this.#waiting) look();
+    });
+    this.#process.on("exit", () => {
+      for (const look of this.#waiting) look();
+    });
+  }
+
+  /** Types one line at the prompt. */
+  say(line) {
+    this.#process.stdin.write(`${line}\n`);
+  }
+
+  /** How many reports there are by now: `report` then looks only at those after it. */
+  get now() {
+    return this.reports.length;
+  }
+
+  /**
+   * Resolves with the first report of that name, from the one numbered `after` on, that has all of
+   * `fields`; a field may be a regular expression. Rejects when it does not come in time.
+   */
+  report(name, fields = {}, after = 0) {
+    const fits = (report) =>
+      report.event === name &&
+      Object.entries(fields).every(([key, value]) =>
+        value instanceof RegExp ? value.test(report[key]) : report[key] === value,
+      );
+    return new Promise((resolve, reject) => {
+      const end = (settle, value) => {
+        clearTimeout(timer);
+        this.#waiting.delete(look);
+        settle(value);
+      };
+      const fail = (why) => {
+        const recent = this.reports.slice(-15).map((report) => JSON.stringify(report)).join("\n");
+        const wanted = JSON.stringify(fields, (_, value) => (value instanceof RegExp ? String(value) : value));
+        end(reject, new Error(`${why}: no "${name}" ${wanted}; the last reports:\n${recent}\nand notes:\n${this.#notes.slice(-2000)}`));
+      };
+      const look = () => {
+        const found = this.reports.slice(after).find(fits);
+        if (found) end(resolve, found);
+        else if (this.#process.exitCode !== null) fail(`the studio ended with ${this.#process.exitCode}`);
+      };
+      const timer = setTimeout(() => fail("time is up"), DEADLINE);
+      this.#waiting.add(look);
+      look();
+    });
+  }
+
+  /** Says the line and resolves with the report that follows it. */
+  async ask(line, name, fields) {
+    const after = this.now;
+    this.say(line);
+    return this.report(name, fields, after);
+  }
+
+  /** Ends the studio in the orderly way; rejects if it does not end well. */
+  async close() {
+    if (this.#process.exitCode === null) {
+      const exit = once(this.#process, "exit", { signal: AbortSignal.timeout(DEADLINE) });
+      this.say("exit");
+      await exit.finally(() => this.#process.kill("SIGKILL"));
+    }
+    rmSync(this.folder, { recursive: true, force: true });
+    if (this.#process.exitCode !== 0) throw new Error(`the studio ended with ${this.#process.exitCode}:\n${this.#notes}`);
+  }
+}
