@@ -41,7 +41,7 @@ __CVBuffer::__CVBuffer(const PictureLayout& theLayout, IOSurfaceRef theSurface)
     : layout(theLayout),
       addresses(addressesWithin(theSurface->memory->bytes(), theLayout)),
       surface(theSurface) {
-  CFRetain(surface);
+  CFRetain(theSurface);
   IOSurfaceIncrementUseCount(surface);
 }
 

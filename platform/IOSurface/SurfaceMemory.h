@@ -3,11 +3,11 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <utility>
 
 namespace platform {
 
@@ -30,7 +30,10 @@ class SurfaceMemory {
   struct Identity {
     dev_t device;
     ino_t inode;
-    auto operator<=>(const Identity&) const = default;
+    bool operator==(const Identity&) const = default;
+    bool operator<(const Identity& other) const {
+      return std::pair(device, inode) < std::pair(other.device, other.inode);
+    }
   };
 
   // What a descriptor is, if it may be mapped: a sealed memfd of acceptable size.

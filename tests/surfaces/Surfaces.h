@@ -10,7 +10,7 @@
 #include <string>
 
 // A dictionary of numbers, in one line; the caller releases it.
-inline CFMutableDictionaryRef numbers(const std::map<CFStringRef, int64_t>& values) {
+inline CFMutableDictionaryRef createNumbers(const std::map<CFStringRef, int64_t>& values) {
   const CFMutableDictionaryRef dictionary = CFDictionaryCreateMutable(
       kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
   for (const auto& [key, value] : values) {
@@ -21,18 +21,19 @@ inline CFMutableDictionaryRef numbers(const std::map<CFStringRef, int64_t>& valu
   return dictionary;
 }
 
-inline IOSurfaceRef makeSurface(OSType format, int64_t width, int64_t height) {
-  const CFMutableDictionaryRef properties = numbers(
+inline IOSurfaceRef createSurface(OSType format, int64_t width, int64_t height) {
+  const CFMutableDictionaryRef properties = createNumbers(
       {{kIOSurfaceWidth, width}, {kIOSurfaceHeight, height}, {kIOSurfacePixelFormat, int64_t{format}}});
   const IOSurfaceRef surface = IOSurfaceCreate(properties);
   CFRelease(properties);
   return surface;
 }
 
-inline CVPixelBufferPoolRef makePool(OSType format, int64_t width, int64_t height) {
-  const CFMutableDictionaryRef attributes = numbers({{kCVPixelBufferPixelFormatTypeKey, int64_t{format}},
-                                                     {kCVPixelBufferWidthKey, width},
-                                                     {kCVPixelBufferHeightKey, height}});
+inline CVPixelBufferPoolRef createPool(OSType format, int64_t width, int64_t height) {
+  const CFMutableDictionaryRef attributes =
+      createNumbers({{kCVPixelBufferPixelFormatTypeKey, int64_t{format}},
+                     {kCVPixelBufferWidthKey, width},
+                     {kCVPixelBufferHeightKey, height}});
   CVPixelBufferPoolRef pool = nullptr;
   CVPixelBufferPoolCreate(kCFAllocatorDefault, nullptr, attributes, &pool);
   CFRelease(attributes);

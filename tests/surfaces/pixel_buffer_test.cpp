@@ -52,7 +52,7 @@ uint8_t at(CVPixelBufferRef buffer, size_t plane, size_t x, size_t y) {
       buffer, plane))[y * CVPixelBufferGetBytesPerRowOfPlane(buffer, plane) + x];
 }
 
-CVPixelBufferRef make(OSType format, size_t width, size_t height) {
+CVPixelBufferRef createBuffer(OSType format, size_t width, size_t height) {
   CVPixelBufferRef buffer = nullptr;
   EXPECT_EQ(kCVReturnSuccess, CVPixelBufferCreate(nullptr, width, height, format, nullptr, &buffer));
   return buffer;
@@ -99,7 +99,7 @@ TEST(PixelBuffer, RefusesPlanesThatDoNotMakeThePicture) {
 }
 
 TEST(PixelBuffer, CountsAsAUseOfItsSurface) {
-  const IOSurfaceRef surface = makeSurface(bgra, 1024, 576);
+  const IOSurfaceRef surface = createSurface(bgra, 1024, 576);
   CVPixelBufferRef buffer = nullptr;
   ASSERT_EQ(kCVReturnSuccess, CVPixelBufferCreateWithIOSurface(nullptr, surface, nullptr, &buffer));
   EXPECT_EQ(1, IOSurfaceGetUseCount(surface));
@@ -115,10 +115,13 @@ TEST(PixelBuffer, CountsAsAUseOfItsSurface) {
 }
 
 TEST(PixelBuffer, HasASurfaceWhenAskedForOne) {
-  const CFMutableDictionaryRef attributes = numbers({});
-  CFDictionarySetValue(attributes, kCVPixelBufferIOSurfacePropertiesKey, attributes);
+  const CFMutableDictionaryRef attributes = createNumbers({});
+  const CFMutableDictionaryRef surfaceProperties = createNumbers({});
+  CFDictionarySetValue(attributes, kCVPixelBufferIOSurfacePropertiesKey, surfaceProperties);
+  CFRelease(surfaceProperties);
   CVPixelBufferRef buffer = nullptr;
-  ASSERT_EQ(kCVReturnSuccess, CVPixelBufferCreate(nullptr, 3, 3, biplanar, attributes, &buffer));
+  EXPECT_EQ(kCVReturnSuccess, CVPixelBufferCreate(nullptr, 3, 3, biplanar, attributes, &buffer));
+  CFRelease(attributes);
   ASSERT_NE(nullptr, CVPixelBufferGetIOSurface(buffer));
   EXPECT_EQ(1, IOSurfaceGetUseCount(CVPixelBufferGetIOSurface(buffer)));
   CVPixelBufferRelease(buffer);
@@ -128,7 +131,7 @@ TEST(PixelBuffer, HasASurfaceWhenAskedForOne) {
 
 struct Pool {
   explicit Pool(size_t width = 320, size_t height = 180)
-      : ref(makePool(biplanar, static_cast<int64_t>(width), static_cast<int64_t>(height))) {}
+      : ref(createPool(biplanar, static_cast<int64_t>(width), static_cast<int64_t>(height))) {}
   ~Pool() { CVPixelBufferPoolRelease(ref); }
   CVPixelBufferRef take() const {
     CVPixelBufferRef buffer = nullptr;
@@ -176,8 +179,8 @@ TEST(PixelBufferPool, EndsAtItsLimitAndBeforeItsBuffers) {
 TEST(PixelBufferPool, ShrinksAgain) {
   const Pool pool(16, 16);
   const size_t before = mappedSurfaces();
-  std::vector<CVPixelBufferRef> buffers;
-  for (int i = 0; i < 5; ++i) buffers.push_back(pool.take());
+  std::array<CVPixelBufferRef, 5> buffers{};
+  for (CVPixelBufferRef& buffer : buffers) buffer = pool.take();
   for (CVPixelBufferRef buffer : buffers) CVPixelBufferRelease(buffer);
   EXPECT_EQ(before + 5, mappedSurfaces());
 
@@ -191,8 +194,8 @@ TEST(PixelBufferPool, ShrinksAgain) {
 
 TEST(PixelBufferPool, RefusesAttributesThatMakeNoBuffer) {
   CVPixelBufferPoolRef pool = nullptr;
-  const auto status = [&](std::map<CFStringRef, int64_t> values) {
-    const CFMutableDictionaryRef attributes = numbers(values);
+  const auto status = [&](const std::map<CFStringRef, int64_t>& values) {
+    const CFMutableDictionaryRef attributes = createNumbers(values);
     const CVReturn answer = CVPixelBufferPoolCreate(nullptr, nullptr, attributes, &pool);
     CFRelease(attributes);
     EXPECT_EQ(nullptr, pool);
@@ -219,7 +222,7 @@ TEST(PixelTransfer, InterleavesChromaAsAPlainLoopDoes) {
     Picture picture(width, height);
     CVPixelBufferRef source = nullptr;
     ASSERT_EQ(kCVReturnSuccess, picture.wrap(&source));
-    const CVPixelBufferRef destination = make(biplanar, width, height);
+    const CVPixelBufferRef destination = createBuffer(biplanar, width, height);
     ASSERT_EQ(noErr, VTPixelTransferSessionTransferImage(session, source, destination));
     size_t wrong = 0;
     for (size_t y = 0; y < height; ++y) {
@@ -242,14 +245,14 @@ TEST(PixelTransfer, CopiesWithinAFormatAndRefusesTheRest) {
   Picture picture(33, 17);
   CVPixelBufferRef source = nullptr;
   ASSERT_EQ(kCVReturnSuccess, picture.wrap(&source));
-  const CVPixelBufferRef copy = make(planar, 33, 17);
+  const CVPixelBufferRef copy = createBuffer(planar, 33, 17);
   ASSERT_EQ(noErr, VTPixelTransferSessionTransferImage(session, source, copy));
   for (size_t plane = 0; plane < 3; ++plane) {
     EXPECT_EQ(picture.at(plane, picture.widths[plane] - 1, picture.heights[plane] - 1),
               at(copy, plane, picture.widths[plane] - 1, picture.heights[plane] - 1));
   }
   const auto status = [&](OSType format, size_t width, size_t height) {
-    const CVPixelBufferRef destination = make(format, width, height);
+    const CVPixelBufferRef destination = createBuffer(format, width, height);
     const OSStatus answer = VTPixelTransferSessionTransferImage(session, source, destination);
     CVPixelBufferRelease(destination);
     return answer;

@@ -80,7 +80,7 @@ class Peer {
 
 TEST(SharedSurface, PixelsAndUsesAreSeenOnBothSides) {
   Peer peer;
-  const IOSurfaceRef surface = makeSurface(biplanar, 640, 360);
+  const IOSurfaceRef surface = createSurface(biplanar, 640, 360);
   auto* const pixels = static_cast<uint8_t*>(IOSurfaceGetBaseAddress(surface));
   *pixels = 42;
   EXPECT_FALSE(IOSurfaceIsInUse(surface));
@@ -98,7 +98,7 @@ TEST(SharedSurface, PixelsAndUsesAreSeenOnBothSides) {
 }
 
 TEST(SharedSurface, UsesOfAKilledProcessEndWithIt) {
-  const IOSurfaceRef surface = makeSurface(biplanar, 640, 360);
+  const IOSurfaceRef surface = createSurface(biplanar, 640, 360);
   for (int i = 0; i < 20; ++i) {  // more often than there are slots for processes
     Peer peer;
     peer.tell("use", surface);
@@ -111,7 +111,7 @@ TEST(SharedSurface, UsesOfAKilledProcessEndWithIt) {
 
 TEST(SharedSurface, ScribblingOverTheUseCountsHarmsNobodyElse) {
   Peer peer;
-  const IOSurfaceRef surface = makeSurface(biplanar, 640, 360);
+  const IOSurfaceRef surface = createSurface(biplanar, 640, 360);
   IOSurfaceIncrementUseCount(surface);
   peer.tell("use", surface);
   peer.tell("scribble");
@@ -127,7 +127,7 @@ TEST(SharedSurface, ScribblingOverTheUseCountsHarmsNobodyElse) {
 
 TEST(SharedSurface, APoolWaitsForTheOtherProcess) {
   Peer peer;
-  const CVPixelBufferPoolRef pool = makePool(biplanar, 640, 360);
+  const CVPixelBufferPoolRef pool = createPool(biplanar, 640, 360);
   CVPixelBufferRef buffer = nullptr;
   ASSERT_EQ(kCVReturnSuccess, CVPixelBufferPoolCreatePixelBuffer(nullptr, pool, &buffer));
   const IOSurfaceRef first = CVPixelBufferGetIOSurface(buffer);

@@ -49,7 +49,7 @@ bool accepted(xpc_object_t object) {
 }
 
 TEST(Surface, LaysOutEveryFormatAndOddSizes) {
-  const IOSurfaceRef packed = makeSurface(bgra, 33, 3);
+  const IOSurfaceRef packed = createSurface(bgra, 33, 3);
   ASSERT_NE(nullptr, packed);
   EXPECT_EQ(0U, IOSurfaceGetPlaneCount(packed));
   EXPECT_EQ(192U, IOSurfaceGetBytesPerRow(packed));
@@ -58,7 +58,7 @@ TEST(Surface, LaysOutEveryFormatAndOddSizes) {
   CFRelease(packed);
 
   for (const OSType format : {planar, biplanar}) {
-    const IOSurfaceRef surface = makeSurface(format, 35, 7);
+    const IOSurfaceRef surface = createSurface(format, 35, 7);
     ASSERT_NE(nullptr, surface);
     const size_t planes = IOSurfaceGetPlaneCount(surface);
     EXPECT_EQ(format == planar ? 3U : 2U, planes);
@@ -77,12 +77,12 @@ TEST(Surface, LaysOutEveryFormatAndOddSizes) {
 }
 
 TEST(Surface, RefusesImpossibleProperties) {
-  EXPECT_EQ(nullptr, makeSurface(bgra, 0, 3));
-  EXPECT_EQ(nullptr, makeSurface(bgra, 3, -1));
-  EXPECT_EQ(nullptr, makeSurface(bgra, 3, 16385));
-  EXPECT_EQ(nullptr, makeSurface(0x20202020, 3, 3));
+  EXPECT_EQ(nullptr, createSurface(bgra, 0, 3));
+  EXPECT_EQ(nullptr, createSurface(bgra, 3, -1));
+  EXPECT_EQ(nullptr, createSurface(bgra, 3, 16385));
+  EXPECT_EQ(nullptr, createSurface(0x20202020, 3, 3));
   const CFMutableDictionaryRef properties =
-      numbers({{kIOSurfaceWidth, 4}, {kIOSurfaceHeight, 4}, {kIOSurfaceBytesPerElement, 3}});
+      createNumbers({{kIOSurfaceWidth, 4}, {kIOSurfaceHeight, 4}, {kIOSurfaceBytesPerElement, 3}});
   EXPECT_EQ(nullptr, IOSurfaceCreate(properties));
   CFRelease(properties);
 }
