@@ -22,6 +22,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef int otc_status;
 typedef int otc_bool;
@@ -108,6 +109,7 @@ struct otc_session_callbacks {
                                          otc_bool has_captions);
   void (*on_stream_event_10)(otc_session* session, void* user_data);
   void (*on_stream_event_11)(otc_session* session, void* user_data);
+  /* `connection` is the sender's, null where it is not known. */
   void (*on_signal_received)(otc_session* session, void* user_data, const char* type, const char* data,
                              const otc_connection* connection);
   void (*on_reconnection_started)(otc_session* session, void* user_data);
@@ -141,6 +143,7 @@ otc_status otc_session_unpublish(otc_session* session, otc_publisher* publisher)
 
 /* Begins to receive the subscriber's stream. */
 otc_status otc_session_subscribe(otc_session* session, otc_subscriber* subscriber);
+/* On return none of the subscriber's callbacks runs, unless it is called from one of them. */
 otc_status otc_session_unsubscribe(otc_session* session, otc_subscriber* subscriber);
 
 /* ---- Subscribers --------------------------------------------------------- */
@@ -314,6 +317,7 @@ otc_status otc_audio_device_write_capture_data(const int16_t* samples, size_t nu
  * none; returns the number of sample frames read. */
 size_t otc_audio_device_read_render_data(int16_t* samples, size_t number_of_samples);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,107 @@
+#pragma once
+
+#include <libsoup/soup.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "engine_thread.h"
+
+namespace engine {
+
+using json = nlohmann::json;
+
+// The string, or object, under a key; empty where the value is anything else. What comes from
+// the room may have any shape.
+std::string string_at(const json& object, const char* key);
+const json& object_at(const json& object, const char* key);
+
+// A Janus session over a WebSocket of its own. Lives on the engine's thread.
+//
+// A WebSocket that breaks is opened again and the session is claimed, for as long as the
+// server keeps it; what is asked meanwhile is sent afterwards.
+class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
+ public:
+  class Listener {
+   public:
+    virtual void janus_opened() = 0;
+    // The server was never reached.
+    virtual void janus_unreachable(const std::string& reason) = 0;
+    virtual void janus_lost() = 0;
+    virtual void janus_recovered() = 0;
+    // The session is lost for good.
+    virtual void janus_gone(const std::string& reason) = 0;
+
+   protected:
+    ~Listener() = default;
+  };
+
+  using Handle = std::uint64_t;
+  // The final answer: a "success" or "event", or an "error" (also when it never came).
+  using Reply = std::function<void(const json& answer)>;
+  // What Janus says of a handle unasked.
+  using Event = std::function<void(const json& event)>;
+
+  JanusConnection(std::string server, Listener& listener);
+  ~JanusConnection();
+  JanusConnection(const JanusConnection&) = delete;
+  JanusConnection& operator=(const JanusConnection&) = delete;
+
+  void open();
+  // Ends the session. The listener and pending replies hear nothing more.
+  void close();
+
+  // `attached` gets the handle, or the error with handle 0.
+  void attach(const std::string& plugin, Event event,
+              std::function<void(Handle handle, const std::string& error)> attached);
+  void detach(Handle handle);
+  // `jsep` may be null.
+  void message(Handle handle, const json& body, const json& jsep, Reply reply);
+  void trickle(Handle handle, const json& candidate);
+
+  static bool is_error(const json& answer);
+  static std::string error_text(const json& answer);
+
+ private:
+  enum class State { closed, opening, open, lost, claiming };
+
+  void connect();
+  static void connect_finished(GObject* source, GAsyncResult* result, gpointer data);
+  void connect_failed(const GError* error);
+  void adopt(SoupWebsocketConnection* websocket);
+  void drop_websocket();
+  void create_or_claim();
+  void websocket_lost(const std::string& reason);
+  void retry_or_give_up(const std::string& reason);
+  void gone(const std::string& reason);
+  void keep_alive();
+
+  void request(json message, Reply reply);
+  void write(const json& message);
+  void received(const std::string& text);
+  void fail_pending(const std::string& reason);
+
+  const std::string server_;
+  Listener* listener_;
+  State state_ = State::closed;
+  SoupSession* soup_ = nullptr;
+  SoupWebsocketConnection* websocket_ = nullptr;
+  GCancellable* connecting_ = nullptr;
+  std::uint64_t session_ = 0;
+  std::uint64_t last_transaction_ = 0;
+  std::string handshake_;  // the transaction that creates or claims the session
+  std::map<std::string, Reply> pending_;
+  std::map<Handle, Event> events_;
+  std::vector<json> waiting_;  // to be sent once the session is claimed
+  std::int64_t lost_at_ = 0;
+  Timer keep_alive_;
+  Timer answer_deadline_;
+  Timer retry_;
+};
+
+}  // namespace engine

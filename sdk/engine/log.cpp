@@ -1,0 +1,35 @@
+#include "log.h"
+
+#include <atomic>
+
+namespace engine {
+namespace {
+
+std::atomic<otc_logger_callback> logger{nullptr};
+std::atomic<bool> log_enabled{false};
+
+const char* mark(LogLevel level) {
+  switch (level) {
+    case LogLevel::info:
+      return "[INFO] ";
+    case LogLevel::warning:
+      return "[WARN] ";
+    case LogLevel::error:
+      return "[ERROR] ";
+  }
+  return "";
+}
+
+}  // namespace
+
+void set_logger(otc_logger_callback callback) { logger = callback; }
+
+void set_log_enabled(bool enabled) { log_enabled = enabled; }
+
+void log_line(LogLevel level, const std::string& text) {
+  const otc_logger_callback callback = logger;
+  if (callback == nullptr || !log_enabled) return;
+  callback((mark(level) + text).c_str());
+}
+
+}  // namespace engine

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string>
+#include <utility>
+
+#include "opentok.h"
+
+namespace engine {
+
+// Lines for the program's log. Any thread.
+//
+// An error says that the engine cannot go on in this process: a program may end itself on
+// one. What one session, one peer or one stream suffers is a warning.
+enum class LogLevel { info, warning, error };
+
+void set_logger(otc_logger_callback callback);
+void set_log_enabled(bool enabled);
+void log_line(LogLevel level, const std::string& text);
+
+template <typename... Args>
+void log_info(fmt::format_string<Args...> format, Args&&... args) {
+  log_line(LogLevel::info, fmt::format(format, std::forward<Args>(args)...));
+}
+
+template <typename... Args>
+void log_warning(fmt::format_string<Args...> format, Args&&... args) {
+  log_line(LogLevel::warning, fmt::format(format, std::forward<Args>(args)...));
+}
+
+template <typename... Args>
+void log_error(fmt::format_string<Args...> format, Args&&... args) {
+  log_line(LogLevel::error, fmt::format(format, std::forward<Args>(args)...));
+}
+
+}  // namespace engine

@@ -1,0 +1,147 @@
+#include "opentok.h"
+
+#include <gst/gst.h>
+
+#include <utility>
+
+#include "callback_scope.h"
+#include "log.h"
+#include "session.h"
+#include "stream.h"
+#include "subscriber.h"
+
+using engine::EngineThread;
+using engine::Session;
+
+namespace {
+
+// The session behind a handle, null when it was deleted.
+std::shared_ptr<Session> session_of(otc_session* handle) {
+  if (handle == nullptr) return nullptr;
+  const std::lock_guard lock(handle->mutex);
+  return handle->session;
+}
+
+// Runs the task on the engine's thread. A thread that is in a callback does not wait for it: what
+// the task waits for may be that callback.
+void run_or_post(engine::Task task) {
+  if (engine::CallbackScope::active() && !EngineThread::get().is_current()) {
+    EngineThread::get().post(std::move(task));
+  } else {
+    EngineThread::get().run(task);
+  }
+}
+
+}  // namespace
+
+otc_status otc_init(void*) {
+  GError* error = nullptr;
+  if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
+    engine::log_error("GStreamer does not start: {}", error->message);
+    g_error_free(error);
+    return OTC_FATAL;
+  }
+  EngineThread::get();
+  return OTC_SUCCESS;
+}
+
+otc_status otc_log_enable(int level) {
+  engine::set_log_enabled(level != OTC_LOG_LEVEL_DISABLED);
+  return OTC_SUCCESS;
+}
+
+otc_status otc_log_set_logger_callback(otc_logger_callback callback) {
+  engine::set_logger(callback);
+  return OTC_SUCCESS;
+}
+
+const char* otc_stream_get_id(const otc_stream* stream) {
+  return stream == nullptr ? nullptr : stream->id.c_str();
+}
+
+const char* otc_stream_get_name(const otc_stream* stream) {
+  return stream == nullptr ? nullptr : stream->name.c_str();
+}
+
+int otc_stream_get_video_type(const otc_stream* stream) { return stream == nullptr ? 0 : stream->video_type; }
+
+int otc_stream_get_video_width(const otc_stream* stream) { return stream == nullptr ? 0 : stream->width; }
+
+int otc_stream_get_video_height(const otc_stream* stream) { return stream == nullptr ? 0 : stream->height; }
+
+const otc_connection* otc_stream_get_connection(const otc_stream* stream) {
+  return stream == nullptr ? nullptr : stream->connection;
+}
+
+otc_session* otc_session_new(const char* api_key, const char* session_id,
+                             const struct otc_session_callbacks* callbacks) {
+  if (api_key == nullptr || session_id == nullptr || callbacks == nullptr) return nullptr;
+  auto* handle = new otc_session;
+  handle->session = std::make_shared<Session>(handle, *callbacks, session_id);
+  return handle;
+}
+
+otc_status otc_session_connect(otc_session* handle, const char* token) {
+  const std::shared_ptr<Session> session = session_of(handle);
+  if (session == nullptr || token == nullptr) return OTC_INVALID_PARAM;
+  EngineThread::get().post([session, text = std::string(token)] { session->connect(text); });
+  return OTC_SUCCESS;
+}
+
+otc_status otc_session_delete(otc_session* handle) {
+  if (handle == nullptr) return OTC_INVALID_PARAM;
+  std::shared_ptr<Session> session;
+  {
+    const std::lock_guard lock(handle->mutex);
+    session = std::move(handle->session);
+  }
+  if (session == nullptr) return OTC_INVALID_PARAM;
+  run_or_post([last = std::move(session)] { last->close(); });
+  return OTC_SUCCESS;
+}
+
+otc_status otc_session_send_signal(otc_session* handle, const char* type, const char* data) {
+  const std::shared_ptr<Session> session = session_of(handle);
+  if (session == nullptr || type == nullptr || data == nullptr) return OTC_INVALID_PARAM;
+  const std::string message = engine::Signals::encode(session->id(), type, data);
+  if (message.empty()) return OTC_INVALID_PARAM;
+  EngineThread::get().post([session, message] { session->send_signal(message); });
+  return OTC_SUCCESS;
+}
+
+otc_status otc_session_subscribe(otc_session* handle, otc_subscriber* subscriber) {
+  const std::shared_ptr<Session> session = session_of(handle);
+  if (session == nullptr || subscriber == nullptr) return OTC_INVALID_PARAM;
+  EngineThread::get().post([session, subscriber] { session->subscribe(*subscriber); });
+  return OTC_SUCCESS;
+}
+
+otc_status otc_session_unsubscribe(otc_session* handle, otc_subscriber* subscriber) {
+  const std::shared_ptr<Session> session = session_of(handle);
+  if (session == nullptr || subscriber == nullptr) return OTC_INVALID_PARAM;
+  run_or_post([session, subscriber] { session->unsubscribe(*subscriber); });
+  return OTC_SUCCESS;
+}
+
+otc_subscriber* otc_subscriber_new(const otc_stream* stream, const struct otc_subscriber_callbacks* callbacks) {
+  if (stream == nullptr || callbacks == nullptr) return nullptr;
+  return new otc_subscriber(*stream, *callbacks);
+}
+
+otc_status otc_subscriber_set_subscribe_to_video(otc_subscriber* subscriber, otc_bool on) {
+  if (subscriber == nullptr) return OTC_INVALID_PARAM;
+  subscriber->video = on != OTC_FALSE;
+  engine::apply_switches(*subscriber);
+  return OTC_SUCCESS;
+}
+
+otc_status otc_subscriber_set_subscribe_to_audio(otc_subscriber* subscriber, otc_bool on) {
+  if (subscriber == nullptr) return OTC_INVALID_PARAM;
+  subscriber->audio = on != OTC_FALSE;
+  engine::apply_switches(*subscriber);
+  return OTC_SUCCESS;
+}
+
+otc_bool otc_subscriber_get_subscribe_to_audio(const otc_subscriber* subscriber) {
+  return subscriber != nullptr && subscriber->audio ? OTC_TRUE : OTC_FALSE;
+}

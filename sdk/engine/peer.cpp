@@ -1,0 +1,280 @@
+#include "peer.h"
+
+#include <gst/sdp/sdp.h>
+#define GST_USE_UNSTABLE_API
+#include <gst/webrtc/webrtc.h>
+
+#include <utility>
+
+#include "log.h"
+
+namespace engine {
+namespace {
+
+using namespace std::chrono_literals;
+
+// From the first request to media that can flow.
+constexpr auto connect_time = 15s;
+// How long the jitter buffer waits for a packet that is missing. What comes in order never waits.
+constexpr unsigned jitter_milliseconds = 120;
+
+using Description = std::unique_ptr<GstWebRTCSessionDescription, decltype(&gst_webrtc_session_description_free)>;
+
+Description parse(GstWebRTCSDPType type, const std::string& text) {
+  GstSDPMessage* message = nullptr;
+  if (gst_sdp_message_new_from_text(text.c_str(), &message) != GST_SDP_OK) {
+    return {nullptr, gst_webrtc_session_description_free};
+  }
+  return {gst_webrtc_session_description_new(type, message), gst_webrtc_session_description_free};
+}
+
+// Asks the webrtcbin for an offer or an answer, makes it the local description, and hands its
+// text to `done`, on a thread of the webrtcbin's.
+void describe(GstElement* webrtc, const char* what, std::function<void(const std::string& sdp)> done) {
+  struct Call {
+    GstElement* webrtc;  // alive while it calls
+    const char* what;
+    std::function<void(const std::string&)> done;
+  };
+  GstPromise* promise = gst_promise_new_with_change_func(
+      [](GstPromise* kept, gpointer data) {
+        const auto* call = static_cast<Call*>(data);
+        const GstStructure* reply =
+            gst_promise_wait(kept) == GST_PROMISE_RESULT_REPLIED ? gst_promise_get_reply(kept) : nullptr;
+        const char* field = g_str_equal(call->what, "create-offer") ? "offer" : "answer";
+        GstWebRTCSessionDescription* made = nullptr;
+        if (reply == nullptr || gst_structure_get(reply, field, GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &made,
+                                                  nullptr) == FALSE) {
+          return;
+        }
+        const Description description(made, gst_webrtc_session_description_free);
+        g_signal_emit_by_name(call->webrtc, "set-local-description", made, nullptr);
+        const Gst<gchar> text(gst_sdp_message_as_text(made->sdp));
+        call->done(text.get());
+      },
+      new Call{webrtc, what, std::move(done)}, [](gpointer data) { delete static_cast<Call*>(data); });
+  g_signal_emit_by_name(webrtc, what, nullptr, promise);
+  gst_promise_unref(promise);
+}
+
+// A backlog longer than the buffer's latency is dropped and not played late.
+void tune(GstBin*, GstBin*, GstElement* element, gpointer) {
+  const GstElementFactory* factory = gst_element_get_factory(element);
+  if (factory != nullptr && g_strcmp0(GST_OBJECT_NAME(factory), "rtpjitterbuffer") == 0) {
+    g_object_set(element, "drop-on-latency", TRUE, nullptr);
+  }
+}
+
+}  // namespace
+
+Peer::Peer(std::shared_ptr<JanusConnection> janus, Listener& listener)
+    : janus_(std::move(janus)),
+      listener_(listener),
+      pipeline_(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)))),
+      webrtc_(gst_element_factory_make("webrtcbin", nullptr)) {
+  if (webrtc_ == nullptr) return;
+  gst_util_set_object_arg(G_OBJECT(webrtc_), "bundle-policy", "max-bundle");
+  g_object_set(webrtc_, "latency", jitter_milliseconds, nullptr);
+  gst_bin_add(GST_BIN(pipeline_.get()), webrtc_);
+}
+
+Peer::~Peer() {
+  if (bus_watch_ != nullptr) {
+    g_source_destroy(bus_watch_);
+    g_source_unref(bus_watch_);
+  }
+  if (webrtc_ != nullptr) g_signal_handlers_disconnect_by_data(webrtc_, this);
+  gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+  if (handle_ != 0) janus_->detach(handle_);
+}
+
+// Runs the task on the engine's thread, unless the peer has gone by then. Any thread.
+void Peer::post(std::function<void(Peer&)> task) {
+  EngineThread::get().post([weak = weak_from_this(), task = std::move(task)] {
+    if (const std::shared_ptr<Peer> self = weak.lock()) task(*self);
+  });
+}
+
+void Peer::fail(const std::string& reason) {
+  if (std::exchange(failed_, true)) return;
+  deadline_.stop();
+  // Later: the listener drops the peer, which may be running just now.
+  post([reason](Peer& self) { self.listener_.peer_failed(reason); });
+}
+
+void Peer::open(const std::string& plugin) {
+  if (webrtc_ == nullptr) {
+    fail("GStreamer's webrtcbin is missing: install gstreamer1.0-plugins-bad and gstreamer1.0-nice");
+    return;
+  }
+  connect_signals();
+  deadline_.once(connect_time, [this] { fail("no media connection within 15 seconds"); });
+  const std::weak_ptr<Peer> weak = weak_from_this();
+  janus_->attach(
+      plugin,
+      [weak](const json& event) {
+        const std::shared_ptr<Peer> self = weak.lock();
+        if (self == nullptr) return;
+        const std::string kind = string_at(event, "janus");
+        if (kind == "hangup" || kind == "detached") {
+          self->fail("the server ended the media connection: " + string_at(event, "reason"));
+        } else if (kind == "event") {
+          self->negotiated(event);
+          self->listener_.peer_event(object_at(object_at(event, "plugindata"), "data"));
+        }
+      },
+      [weak, janus = janus_](JanusConnection::Handle handle, const std::string& error) {
+        const std::shared_ptr<Peer> self = weak.lock();
+        if (self == nullptr) {
+          if (handle != 0) janus->detach(handle);
+        } else if (handle == 0) {
+          self->fail(error);
+        } else {
+          self->handle_ = handle;
+          self->listener_.peer_attached();
+        }
+      });
+}
+
+void Peer::connect_signals() {
+  g_signal_connect(pipeline_.get(), "deep-element-added", G_CALLBACK(tune), nullptr);
+  g_signal_connect(webrtc_, "on-ice-candidate",
+                   G_CALLBACK(+[](GstElement*, guint line, gchar* text, Peer* self) {
+                     self->post([line, text = std::string(text)](Peer& peer) { peer.candidate(line, text); });
+                   }),
+                   this);
+  g_signal_connect(webrtc_, "on-negotiation-needed", G_CALLBACK(+[](GstElement*, Peer* self) {
+                     self->post([](Peer& peer) { peer.make_offer(); });
+                   }),
+                   this);
+  g_signal_connect(webrtc_, "notify::connection-state",
+                   G_CALLBACK(+[](GstElement* webrtc, GParamSpec*, Peer* self) {
+                     int state = 0;
+                     g_object_get(webrtc, "connection-state", &state, nullptr);
+                     self->post([state](Peer& peer) { peer.state_changed(state); });
+                   }),
+                   this);
+  g_signal_connect(webrtc_, "pad-added", G_CALLBACK(+[](GstElement*, GstPad* pad, Peer* self) {
+                     if (GST_PAD_IS_SRC(pad)) self->listener_.peer_pad_added(pad);
+                   }),
+                   this);
+  g_signal_connect(webrtc_, "on-new-transceiver",
+                   G_CALLBACK(+[](GstElement*, GstWebRTCRTPTransceiver* transceiver, gpointer) {
+                     g_object_set(transceiver, "do-nack", TRUE, nullptr);
+                   }),
+                   nullptr);
+  const Gst<GstBus> bus(gst_element_get_bus(pipeline_.get()));
+  bus_watch_ = gst_bus_create_watch(bus.get());
+  g_source_set_callback(bus_watch_, G_SOURCE_FUNC(+[](GstBus*, GstMessage* message, gpointer self) -> gboolean {
+                          static_cast<Peer*>(self)->bus_message(message);
+                          return G_SOURCE_CONTINUE;
+                        }),
+                        this, nullptr);
+  g_source_attach(bus_watch_, EngineThread::get().context());
+}
+
+void Peer::ask(const json& body, Reply reply) {
+  janus_->message(handle_, body, nullptr, answered(std::move(reply)));
+}
+
+JanusConnection::Reply Peer::answered(Reply reply) {
+  return [weak = weak_from_this(), reply = std::move(reply)](const json& answer) {
+    const std::shared_ptr<Peer> self = weak.lock();
+    if (self == nullptr || self->failed_) return;
+    if (JanusConnection::is_error(answer)) {
+      if (reply) reply({{"error", JanusConnection::error_text(answer)}});
+      return;
+    }
+    if (reply) reply(object_at(object_at(answer, "plugindata"), "data"));
+    self->negotiated(answer);
+  };
+}
+
+// Takes the description that an answer or event of the plugin's may carry.
+void Peer::negotiated(const json& answer) {
+  const json& jsep = object_at(answer, "jsep");
+  const std::string type = string_at(jsep, "type");
+  const std::string sdp = string_at(jsep, "sdp");
+  if (type == "offer") {
+    this->answer(sdp);
+  } else if (type == "answer") {
+    const Description description = parse(GST_WEBRTC_SDP_TYPE_ANSWER, sdp);
+    if (description == nullptr) {
+      fail("the server's answer is not understood");
+      return;
+    }
+    g_signal_emit_by_name(webrtc_, "set-remote-description", description.get(), nullptr);
+  }
+}
+
+void Peer::answer(const std::string& offer) {
+  const Description description = parse(GST_WEBRTC_SDP_TYPE_OFFER, offer);
+  if (description == nullptr) {
+    fail("the server's offer is not understood");
+    return;
+  }
+  gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
+  g_signal_emit_by_name(webrtc_, "set-remote-description", description.get(), nullptr);
+  describe(webrtc_, "create-answer", [weak = weak_from_this()](const std::string& sdp) {
+    EngineThread::get().post([weak, sdp] {
+      const std::shared_ptr<Peer> self = weak.lock();
+      if (self == nullptr) return;
+      self->send_description("answer", sdp, self->accept_, {});
+    });
+  });
+}
+
+void Peer::offer(std::function<json(const std::string&)> body, Reply reply) {
+  offer_body_ = std::move(body);
+  offer_reply_ = std::move(reply);
+  gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
+}
+
+// Once the webrtcbin knows what all that is linked to it sends.
+void Peer::make_offer() {
+  if (!offer_body_) return;
+  describe(webrtc_, "create-offer", [weak = weak_from_this()](const std::string& sdp) {
+    EngineThread::get().post([weak, sdp] {
+      const std::shared_ptr<Peer> self = weak.lock();
+      if (self == nullptr || !self->offer_body_) return;
+      const auto body = std::exchange(self->offer_body_, nullptr);
+      self->send_description("offer", sdp, body(sdp), self->offer_reply_);
+    });
+  });
+}
+
+void Peer::send_description(const char* type, const std::string& sdp, const json& body, Reply reply) {
+  janus_->message(handle_, body, {{"type", type}, {"sdp", sdp}}, answered(std::move(reply)));
+  described_ = true;
+  for (const json& candidate : std::exchange(candidates_, {})) janus_->trickle(handle_, candidate);
+}
+
+void Peer::candidate(unsigned line, const std::string& text) {
+  const json candidate = {{"sdpMLineIndex", line}, {"candidate", text}};
+  if (described_) {
+    janus_->trickle(handle_, candidate);
+  } else {
+    candidates_.push_back(candidate);
+  }
+}
+
+void Peer::state_changed(int state) {
+  if (state == GST_WEBRTC_PEER_CONNECTION_STATE_CONNECTED && !connected_) {
+    connected_ = true;
+    deadline_.stop();
+    listener_.peer_connected();
+  } else if (state == GST_WEBRTC_PEER_CONNECTION_STATE_FAILED ||
+             state == GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED) {
+    fail("the media connection failed");
+  }
+}
+
+void Peer::bus_message(GstMessage* message) {
+  if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) return;
+  GError* error = nullptr;
+  gst_message_parse_error(message, &error, nullptr);
+  fail(error->message);
+  g_error_free(error);
+}
+
+}  // namespace engine

@@ -1,0 +1,160 @@
+#include "room.h"
+
+#include <charconv>
+#include <set>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "janus_connection.h"
+
+namespace engine {
+namespace {
+
+// The elements of the array under a key that are objects with an id.
+std::vector<json> listed(const json& data, const char* key) {
+  std::vector<json> elements;
+  const json& array = object_at(data, key);
+  if (!array.is_array()) return elements;
+  for (const json& element : array) {
+    if (!string_at(element, "id").empty()) elements.push_back(element);
+  }
+  return elements;
+}
+
+// "1280x720"
+bool parse_size(const std::string& word, int& width, int& height) {
+  constexpr int largest = 16384;
+  const char* end = word.data() + word.size();
+  int w = 0;
+  int h = 0;
+  const auto first = std::from_chars(word.data(), end, w);
+  if (first.ec != std::errc() || first.ptr == end || *first.ptr != 'x') return false;
+  const auto second = std::from_chars(first.ptr + 1, end, h);
+  if (second.ec != std::errc() || second.ptr != end) return false;
+  if (w < 0 || h < 0 || w > largest || h > largest) return false;
+  width = w;
+  height = h;
+  return true;
+}
+
+// What a publisher's media descriptions say of its stream; README.md has their form.
+void describe(const json& media, otc_stream& stream) {
+  if (!media.is_array()) return;
+  for (const json& medium : media) {
+    const std::string type = string_at(medium, "type");
+    const bool disabled = object_at(medium, "disabled") == json(true);
+    bool sent = !disabled;
+    std::istringstream words(string_at(medium, "description"));
+    for (std::string word; words >> word;) {
+      if (word == "off") {
+        sent = false;
+      } else if (type == "video" && word == "screen") {
+        stream.video_type = OTC_STREAM_VIDEO_TYPE_SCREEN;
+      } else if (type == "video") {
+        parse_size(word, stream.width, stream.height);
+      }
+    }
+    if (type == "video") stream.has_video = sent;
+    if (type == "audio") stream.has_audio = sent;
+  }
+}
+
+}  // namespace
+
+void Room::joined(const json& data) {
+  const std::vector<json> publishers = listed(data, "publishers");
+  std::set<std::string> present;
+  std::set<std::string> publishing;
+  for (const json& participant : listed(data, "attendees")) present.insert(string_at(participant, "id"));
+  for (const json& publisher : publishers) {
+    present.insert(string_at(publisher, "id"));
+    publishing.insert(string_at(publisher, "id"));
+  }
+  std::vector<std::string> gone;
+  for (const auto& [id, stream] : streams_) {
+    if (!publishing.contains(id)) gone.push_back(id);
+  }
+  for (const std::string& id : std::exchange(gone, {})) unpublished(id);
+  for (const auto& [id, participant] : participants_) {
+    if (participant.present && !present.contains(id)) gone.push_back(id);
+  }
+  for (const std::string& id : gone) left(id);
+
+  for (const std::string& id : present) {
+    if (!own_ids_.contains(id)) arrived(id);
+  }
+  for (const json& publisher : publishers) published(publisher);
+}
+
+void Room::event(const json& data) {
+  if (string_at(data, "videoroom") != "event") return;
+  const std::string joining = string_at(object_at(data, "joining"), "id");
+  if (!joining.empty() && !own_ids_.contains(joining)) arrived(joining);
+  for (const json& publisher : listed(data, "publishers")) published(publisher);
+  const std::string stopped = string_at(data, "unpublished");
+  if (!stopped.empty()) unpublished(stopped);
+  const std::string leaving = string_at(data, "leaving");
+  if (!leaving.empty()) left(leaving);
+  const auto renamed = streams_.find(string_at(data, "id"));
+  if (renamed != streams_.end() && object_at(data, "display").is_string()) {
+    renamed->second.name = string_at(data, "display");
+  }
+}
+
+const otc_connection* Room::connection(const std::string& id) const {
+  const auto found = participants_.find(id);
+  return found == participants_.end() ? nullptr : &found->second.connection;
+}
+
+const otc_stream* Room::stream(const std::string& id) const {
+  const auto found = streams_.find(id);
+  return found == streams_.end() ? nullptr : &found->second;
+}
+
+otc_connection& Room::arrived(const std::string& id) {
+  Participant& participant = participants_[id];
+  if (!participant.present) {
+    participant.present = true;
+    participant.connection.id = id;
+    listener_.connection_created(participant.connection);
+  }
+  return participant.connection;
+}
+
+void Room::left(const std::string& id) {
+  unpublished(id);
+  const auto found = participants_.find(id);
+  if (found == participants_.end() || !found->second.present) return;
+  found->second.present = false;
+  listener_.connection_dropped(found->second.connection);
+}
+
+void Room::published(const json& publisher) {
+  const std::string id = string_at(publisher, "id");
+  if (own_ids_.contains(id)) return;
+  otc_stream stream;
+  stream.id = id;
+  stream.name = string_at(publisher, "display");
+  stream.connection = &arrived(id);
+  describe(object_at(publisher, "streams"), stream);
+
+  const auto [known, is_new] = streams_.try_emplace(id, stream);
+  if (is_new) {
+    listener_.stream_received(known->second);
+    return;
+  }
+  const otc_stream before = std::exchange(known->second, stream);
+  if (before.has_audio != stream.has_audio) listener_.has_audio_changed(known->second);
+  if (before.has_video != stream.has_video) listener_.has_video_changed(known->second);
+}
+
+void Room::unpublished(const std::string& id) {
+  const auto found = streams_.find(id);
+  if (found == streams_.end()) return;
+  const otc_stream stream = std::move(found->second);
+  streams_.erase(found);
+  listener_.stream_dropped(stream);
+}
+
+}  // namespace engine

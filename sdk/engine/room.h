@@ -1,0 +1,61 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+
+#include "stream.h"
+
+namespace engine {
+
+// Who is in the room and what they publish, as the VideoRoom tells it. Takes whatever the room
+// says, of any shape, and reports each change once.
+class Room {
+ public:
+  class Listener {
+   public:
+    virtual void connection_created(const otc_connection& connection) = 0;
+    virtual void connection_dropped(const otc_connection& connection) = 0;
+    virtual void stream_received(const otc_stream& stream) = 0;
+    virtual void stream_dropped(const otc_stream& stream) = 0;
+    virtual void has_audio_changed(const otc_stream& stream) = 0;
+    virtual void has_video_changed(const otc_stream& stream) = 0;
+
+   protected:
+    ~Listener() = default;
+  };
+
+  explicit Room(Listener& listener) : listener_(listener) {}
+
+  // A participant with this id is ourselves and is not reported.
+  void add_own_id(const std::string& id) { own_ids_.insert(id); }
+
+  // The answer to a join: who is there already. What was known before and is not in it is dropped.
+  void joined(const nlohmann::json& data);
+  // An event of the VideoRoom's.
+  void event(const nlohmann::json& data);
+
+  // Null where there is none. A connection lives as long as the room, also one that was dropped.
+  const otc_connection* connection(const std::string& id) const;
+  const otc_stream* stream(const std::string& id) const;
+
+ private:
+  struct Participant {
+    otc_connection connection;
+    bool present = false;
+  };
+
+  otc_connection& arrived(const std::string& id);
+  void left(const std::string& id);
+  void published(const nlohmann::json& publisher);
+  void unpublished(const std::string& id);
+
+  Listener& listener_;
+  std::set<std::string> own_ids_;
+  std::map<std::string, Participant> participants_;
+  std::map<std::string, otc_stream> streams_;
+};
+
+}  // namespace engine

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "callback_scope.h"
+#include "janus_connection.h"
+#include "room.h"
+#include "signals.h"
+#include "subscriber.h"
+
+namespace engine {
+class Session;
+}
+
+// What the program holds of a session. It outlives the session by the rest of the process, so that
+// a call that comes too late finds that out and harms nothing.
+struct otc_session {
+  std::mutex mutex;
+  std::shared_ptr<engine::Session> session;
+};
+
+namespace engine {
+
+// A participant of a room: its connection, who else is there, the signals, what is received and
+// what is published. Lives on the engine's thread; its callbacks come on that thread.
+class Session : public std::enable_shared_from_this<Session>,
+                private JanusConnection::Listener,
+                private Room::Listener,
+                private Signals::Listener {
+ public:
+  Session(otc_session* handle, const otc_session_callbacks& callbacks, std::string id);
+
+  const std::string& id() const { return id_; }
+
+  void connect(const std::string& token);
+  // Leaves. No callback of the session's, its subscribers' or publishers' runs after it.
+  void close();
+
+  // Takes a message of Signals::encode.
+  void send_signal(const std::string& message);
+  void subscribe(otc_subscriber& subscriber);
+  void unsubscribe(otc_subscriber& subscriber);
+
+ private:
+  void janus_opened() override;
+  void janus_unreachable(const std::string& reason) override;
+  void janus_lost() override;
+  void janus_recovered() override;
+  void janus_gone(const std::string& reason) override;
+
+  void connection_created(const otc_connection& connection) override;
+  void connection_dropped(const otc_connection& connection) override;
+  void stream_received(const otc_stream& stream) override;
+  void stream_dropped(const otc_stream& stream) override;
+  void has_audio_changed(const otc_stream& stream) override;
+  void has_video_changed(const otc_stream& stream) override;
+  void signal_received(const std::string& type, const std::string& data, const std::string& from) override;
+
+  void join(JanusConnection::Handle handle);
+  void joined(const json& data);
+  void room_event(const json& event);
+  void learn_what_was_missed();
+  void fail(int code, const std::string& text);
+  void disconnected(const std::string& reason);
+  void end();
+
+  template <typename... Parameters, typename... Arguments>
+  void call(void (*callback)(otc_session*, void*, Parameters...), Arguments... arguments) {
+    if (closed_) return;
+    const CallbackScope scope;
+    callback(handle_, callbacks_.user_data, arguments...);
+  }
+
+  otc_session* const handle_;
+  const otc_session_callbacks callbacks_;
+  const std::string id_;
+  const std::string server_;
+  std::string token_;
+  bool closed_ = false;
+  bool joined_ = false;
+  std::shared_ptr<JanusConnection> janus_;
+  Room room_;
+  Signals signals_;
+  std::map<otc_subscriber*, std::unique_ptr<Subscription>> subscriptions_;
+};
+
+}  // namespace engine
