@@ -23,7 +23,7 @@ void RebindingIndex::add(IndexedRebinding* rebindings, size_t count) {
     added->length = strlen(name);
     added->newest.store(added, std::memory_order_relaxed);
     IndexedRebinding* const nearest = candidate(name, added->length + 1);
-    if (nearest == nullptr || !isNamed(*nearest, name)) {
+    if (nearest == nullptr || nearest->length != added->length || !isNamed(*nearest, name)) {
       insert(*added, nearest);
     } else if (before(nearest->newest.load(std::memory_order_relaxed), rebindings) ||
                !before(nearest->newest.load(std::memory_order_relaxed), added)) {

@@ -3,6 +3,7 @@
 #include <mach-o/dyld.h>
 #include <pthread.h>
 
+#include <cstdint>
 #include <new>
 
 #include "image_rewriting.h"
@@ -32,7 +33,9 @@ constinit RebindingList allRebindings;
 // Taken to add a set. Those who rewrite images do not ask for it.
 pthread_mutex_t addingSets = PTHREAD_MUTEX_INITIALIZER;
 
+// nullptr if there is no memory.
 RebindingSet* makeSet(const SymbolRebinding rebindings[], size_t count) {
+  if (count > PTRDIFF_MAX / sizeof(IndexedRebinding)) return nullptr;
   auto* const set = new (std::nothrow) RebindingSet{nullptr, count, nullptr};
   if (set == nullptr) return nullptr;
   set->rebindings = new (std::nothrow) IndexedRebinding[count];

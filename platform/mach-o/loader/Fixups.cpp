@@ -60,7 +60,7 @@ void FixupTarget::write(const segment_command_64& segment, uint64_t offset, uint
 
 uint64_t FixupTarget::address(const std::string& symbol, bool weak) const {
   if (symbol == "dyld_stub_binder") return reinterpret_cast<uint64_t>(&lateBinding);
-  void* const address = symbol.starts_with('_') ? resolve_(symbol.substr(1)) : nullptr;
+  void* const address = resolve_(symbol.starts_with('_') ? symbol.substr(1) : symbol);
   if (address == nullptr && !weak) throw ImageRefused(fmt::format("nobody has \"{}\"", symbol));
   return reinterpret_cast<uint64_t>(address);
 }

@@ -24,7 +24,7 @@ class ImageRefused : public std::runtime_error {
 // thread at a time; different ones by any threads.
 class LoadedImage {
  public:
-  // Answers the address that an imported name (without its leading underscore) is bound to; nullptr: unknown,
+  // Answers the address that an imported name (less a leading underscore) is bound to; nullptr: unknown,
   // which refuses the image unless the import is weak. All imports are bound before the image is announced.
   using Resolver = std::function<void*(const std::string& name)>;
 
