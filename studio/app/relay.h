@@ -1,0 +1,34 @@
+// Carries one guest's WebSocket on to Janus.
+#pragma once
+
+#include <libsoup/soup.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace studio {
+
+/// Passes text messages both ways until either end closes. For the main loop's thread.
+class Relay {
+ public:
+  /// `closed` is called once, when both ends are closed; it may destroy this object.
+  Relay(SoupWebsocketConnection* guest, SoupSession* session, const std::string& url,
+        std::function<void(Relay& self)> closed);
+  ~Relay();
+  Relay(const Relay&) = delete;
+  Relay& operator=(const Relay&) = delete;
+
+ private:
+  void attach(SoupWebsocketConnection* end);
+  void onMessage(const SoupWebsocketConnection* from, int type, GBytes* message);
+  void onClosed();
+
+  SoupWebsocketConnection* guest_;
+  SoupWebsocketConnection* janus_ = nullptr;
+  std::vector<GBytes*> early_;  // came before Janus was reached
+  GCancellable* cancellable_;
+  std::function<void(Relay& self)> closed_;
+};
+
+}  // namespace studio

@@ -1,0 +1,287 @@
+// The host's commands.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "app/studio.h"
+
+namespace studio {
+
+namespace {
+
+constexpr std::size_t ownLinesKept = 1000;
+
+std::string newUuid() {
+  char* text = g_uuid_string_random();
+  const std::string uuid = text;
+  g_free(text);
+  return uuid;
+}
+
+bool isIn(const GuestRow& row) {
+  return row.state == GuestState::greenroom || row.state == GuestState::live;
+}
+
+}  // namespace
+
+void Studio::onLine(const std::string& line) {
+  const auto parsed = parseCommand(line);
+  if (const auto* command = std::get_if<Command>(&parsed)) {
+    run(*command);
+  } else {
+    output_.note(std::get<Misunderstood>(parsed).text);
+  }
+}
+
+void Studio::run(const Command& command) {
+  const std::shared_ptr<Client> link = client();
+  const bool local = command.verb == Verb::help || command.verb == Verb::exit || command.verb == Verb::link ||
+                     command.verb == Verb::log || command.verb == Verb::guests || command.verb == Verb::show;
+  if (!link && !local) {
+    output_.note("The service is being started anew; try again in a moment.");
+    return;
+  }
+  switch (command.verb) {
+    case Verb::admit:
+    case Verb::live:
+    case Verb::greenroom:
+    case Verb::mute:
+    case Verb::unmute:
+    case Verb::remove:
+    case Verb::snapshot:
+    case Verb::recordAudio: {
+      const auto found = board_.find(command.guest);
+      if (const auto* unknown = std::get_if<GuestBoard::Unknown>(&found)) {
+        output_.note(unknown->text);
+      } else if (command.verb == Verb::snapshot) {
+        snapshot(std::get<std::string>(found), command.file);
+      } else if (command.verb == Verb::recordAudio) {
+        recordAudio(std::get<std::string>(found), command.seconds, command.file);
+      } else {
+        runForGuest(command.verb, std::get<std::string>(found));
+      }
+      break;
+    }
+    case Verb::offair:
+      offAirAudio_ = command.on;
+      board_.setOffAirAudio(command.on);
+      link->setOffAirAudio(command.on);
+      guestsChanged();
+      break;
+    case Verb::golive:
+      setShowState(true, false);
+      break;
+    case Verb::record:
+      setShowState(true, true);
+      break;
+    case Verb::endshow:
+      setShowState(false, false);
+      break;
+    case Verb::viewers:
+      link->viewerCount(command.text);
+      break;
+    case Verb::comment:
+    case Verb::chat:
+      say(command.verb, command);
+      break;
+    case Verb::fav:
+      link->favourite(command.uuid, command.on ? "yes" : "no");
+      break;
+    case Verb::pref:
+      link->prefUpdate(command.text);
+      break;
+    case Verb::stop:
+      link->stop();
+      board_.allGone();
+      guestsChanged();
+      output_.note("The session is left; \"rejoin\" joins it again.");
+      break;
+    case Verb::rejoin:
+      join();
+      break;
+    case Verb::there:
+      link->there([this](bool alive) { onMainLoop([this, alive] { event("there", {{"alive", alive}}); }); });
+      break;
+    case Verb::guests:
+      printGuests();
+      break;
+    case Verb::show:
+      playShow(command.text);
+      break;
+    case Verb::link:
+      printLink();
+      break;
+    case Verb::log:
+      printLog_ = command.on;
+      break;
+    case Verb::help:
+      output_.note(helpText(command.text));
+      break;
+    case Verb::exit:
+      quit();
+      break;
+  }
+}
+
+void Studio::runForGuest(Verb verb, const std::string& id) {
+  const std::shared_ptr<Client> link = client();
+  const auto rows = board_.rows();
+  const auto row =
+      std::find_if(rows.begin(), rows.end(), [&](const GuestRow& each) { return each.id == id; });
+  if (row->state == GuestState::gone && verb != Verb::remove) {
+    output_.note(fmt::format("#{0} has gone; \"remove #{0}\" takes them off the list.", row->number));
+    return;
+  }
+  if (row->state == GuestState::ringing && (verb == Verb::live || verb == Verb::greenroom)) {
+    output_.note(fmt::format("#{0} only rings as yet: \"admit #{0}\" first.", row->number));
+    return;
+  }
+  switch (verb) {
+    case Verb::admit:
+      link->startBroadcast(id);
+      board_.setState(id, GuestState::greenroom);
+      break;
+    case Verb::live:
+    case Verb::greenroom:
+      link->greenroomStatus(id, verb == Verb::greenroom);
+      board_.setState(id, verb == Verb::live ? GuestState::live : GuestState::greenroom);
+      break;
+    case Verb::mute:
+    case Verb::unmute:
+      link->remoteMute(id, verb == Verb::mute);
+      board_.setMuted(id, verb == Verb::mute);
+      break;
+    case Verb::remove:
+      link->stopBroadcast(id);
+      board_.remove(id);
+      // The service ends the session with the last guest it knows of, and then reports that guest's stream
+      // as dropped.
+      if (rows.size() == 1 && options_.autoRejoin) rejoinAfter_ = id;
+      break;
+    default:
+      break;
+  }
+  guestsChanged();
+}
+
+// After any change of who is in, or heard.
+void Studio::guestsChanged() {
+  const auto rows = board_.rows();
+  anybodyIn_ = std::any_of(rows.begin(), rows.end(), isIn);
+  const std::lock_guard lock(recordingsMutex_);
+  for (Recording& recording : recordings_) {
+    for (const GuestRow& row : rows) {
+      if (row.heard && row.id != recording.guest) recording.spoiled = true;
+    }
+  }
+}
+
+void Studio::setShowState(bool onAir, bool recordOnly) {
+  onAir_ = onAir;
+  recordOnly_ = recordOnly;
+  board_.setOnAir(onAir);
+  client()->liveStatus(onAir, recordOnly);
+  guestsChanged();
+}
+
+void Studio::say(Verb verb, const Command& command) {
+  const std::string uuid = newUuid();
+  const bool isChat = verb == Verb::chat;
+  if (isChat) {
+    ownLines_.push_back(uuid);
+    if (ownLines_.size() > ownLinesKept) ownLines_.pop_front();
+    client()->chat(command.name, command.text, uuid);
+  } else {
+    client()->comment(command.name, command.text, uuid);
+  }
+  event(isChat ? "chatSent" : "commentSent",
+        {{"name", command.name}, {"text", command.text}, {"uuid", uuid}});
+}
+
+void Studio::snapshot(const std::string& id, const std::string& file) {
+  snapshots_.request(id, file, [this, id, file](const Snapshots::Outcome& outcome) {
+    if (outcome.fault.empty()) {
+      event("snapshot", {{"id", id}, {"file", file}, {"width", outcome.width}, {"height", outcome.height}});
+    } else {
+      output_.note(fmt::format("snapshot: {}", outcome.fault));
+    }
+    quitWhenDone();
+  });
+}
+
+void Studio::recordAudio(const std::string& id, double seconds, const std::string& file) {
+  for (const GuestRow& row : board_.rows()) {
+    if (row.id == id && !row.heard) {
+      output_.note(fmt::format("record-audio: #{} is not heard now; \"guests\" shows who is", row.number));
+      return;
+    }
+    if (row.id != id && row.heard) {
+      output_.note(
+          fmt::format("record-audio: #{} is heard, too, and the service does not say whose sound is whose; "
+                      "move others off first (\"golive\" and \"greenroom\" silence them)",
+                      row.number));
+      return;
+    }
+  }
+  const auto done = [this, id, file](const WavRecorder::Outcome& outcome) {
+    Recording ended;
+    {
+      const std::lock_guard lock(recordingsMutex_);
+      const auto found = std::find_if(recordings_.begin(), recordings_.end(),
+                                      [&](const Recording& each) { return each.file == file; });
+      if (found == recordings_.end()) return;
+      ended = std::move(*found);
+      recordings_.erase(found);
+    }
+    if (!outcome.fault.empty()) {
+      output_.note(fmt::format("record-audio: {}", outcome.fault));
+    } else {
+      if (ended.spoiled) output_.note(fmt::format("record-audio: {} has other guests in it, too", file));
+      event("recorded",
+            {{"id", id}, {"file", file}, {"seconds", outcome.seconds}, {"alone", !ended.spoiled}});
+    }
+    quitWhenDone();
+  };
+  try {
+    auto recorder = std::make_shared<WavRecorder>(file, seconds, done);
+    const std::lock_guard lock(recordingsMutex_);
+    recordings_.push_back({id, file, false, std::move(recorder)});
+  } catch (const std::runtime_error& error) {
+    output_.note(fmt::format("record-audio: {}", error.what()));
+  }
+}
+
+void Studio::playShow(const std::string& source) {
+  if (source.empty()) {
+    output_.note("The show: " + show_->source());
+    return;
+  }
+  const std::string fault = show_->play(source);
+  if (!fault.empty()) output_.note(fmt::format("show: {}", fault));
+  event("show", {{"state", fault.empty() ? "playing" : "refused"}, {"source", show_->source()}});
+}
+
+void Studio::printGuests() {
+  const auto rows = board_.rows();
+  const auto level = board_.level();
+  output_.note(guestTable(rows, level));
+  if (output_.isTerminal()) return;
+  Json guests = Json::array();
+  for (const GuestRow& row : rows) {
+    guests.push_back({{"number", row.number},
+                      {"id", row.id},
+                      {"name", row.name},
+                      {"screenShare", row.screenShare},
+                      {"state", nameOf(row.state)},
+                      {"muted", row.muted},
+                      {"width", row.width},
+                      {"height", row.height},
+                      {"fps", row.framesPerSecond},
+                      {"heard", row.heard},
+                      {"level", row.level ? Json(*row.level) : Json()}});
+  }
+  event("guests", {{"guests", guests}, {"level", level ? Json(*level) : Json()}});
+}
+
+}  // namespace studio

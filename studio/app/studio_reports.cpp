@@ -1,0 +1,121 @@
+// What the service reports, on its way to the host.
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "app/studio.h"
+
+namespace studio {
+
+// The reports come on the client's queue and refer to the message: what goes on to the main loop is copied.
+
+void Studio::onRing(const Ring& ring) {
+  board_.ring(ring.id, ring.name, ring.screenShare);
+  Json fields = {{"ring", ring.id},
+                 {"name", ring.name},
+                 {"sessionId", ring.sessionId},
+                 {"screenShare", ring.screenShare}};
+  onMainLoop([this, fields = std::move(fields), id = std::string(ring.id), name = std::string(ring.name),
+              screenShare = ring.screenShare] {
+    event("ring", fields);
+    for (const GuestRow& row : board_.rows()) {
+      if (row.id != id) continue;
+      output_.note(fmt::format("#{0}, {1}, {2}: \"admit #{0}\" brings them in.", row.number, printable(name),
+                               screenShare ? "would like to share a screen" : "rings"));
+    }
+    guestsChanged();
+  });
+}
+
+void Studio::onAudioChanged(const AudioChanged& change) {
+  Json fields = {{"hasAudio", change.hasAudio}, {"sessionHasAudioChanged", change.sessionId}};
+  onMainLoop([this, fields = std::move(fields)] { event("hasAudioChanged", fields); });
+}
+
+void Studio::onDropped(const Dropped& dropped) {
+  Json fields = {{"dropped", dropped.id}, {"sessionId", dropped.sessionId}};
+  onMainLoop([this, fields = std::move(fields), id = std::string(dropped.id)] {
+    board_.setState(id, GuestState::gone);
+    event("dropped", fields);
+    guestsChanged();
+    if (rejoinAfter_ == id) {
+      output_.note("With the last guest the session has ended: joining it anew.");
+      join();
+    }
+  });
+}
+
+void Studio::onChat(const Chat& chat) {
+  Json fields = {
+      {"message", chat.text}, {"name", chat.name}, {"uuid", chat.uuid}, {"sessionId", chat.sessionId}};
+  onMainLoop([this, fields = std::move(fields), uuid = std::string(chat.uuid)]() mutable {
+    // Everybody in the session gets a signal, who sent it too.
+    if (std::find(ownLines_.begin(), ownLines_.end(), uuid) != ownLines_.end()) fields["own"] = true;
+    event("chat", fields);
+  });
+}
+
+void Studio::onFavourite(const Favourite& favourite) {
+  Json fields = {{"uuid", favourite.uuid}, {"state", favourite.state}, {"sessionId", favourite.sessionId}};
+  onMainLoop([this, fields = std::move(fields)] { event("fav", fields); });
+}
+
+void Studio::onFrame(Frame frame) {
+  const bool changed = board_.frame(frame.id(), frame.width(), frame.height());
+  snapshots_.offer(frame);
+  if (!changed && !options_.everyFrame) return;
+  Json fields = {{"sessionId", frame.sessionId()}, {"num", frame.number()}, {"timestamp", frame.timestamp()},
+                 {"name", frame.name()},           {"id", frame.id()},      {"width", frame.width()},
+                 {"height", frame.height()}};
+  onMainLoop([this, fields = std::move(fields)] { event("frame", fields); });
+}
+
+void Studio::onSound(const Sound& sound) {
+  const bool first = board_.sound(sound.samples);
+  {
+    const std::lock_guard lock(recordingsMutex_);
+    for (const Recording& recording : recordings_) recording.recorder->add(sound.samples);
+  }
+  if (!first && !options_.everySound) return;
+  Json fields = {{"sessionId", sound.sessionId}, {"samples", sound.samples.size() / 2}};
+  onMainLoop([this, fields = std::move(fields)] { event("sound", fields); });
+}
+
+void Studio::onLogLine(std::string_view line) {
+  onMainLoop([this, text = std::string(line)] {
+    lastLog_ = text;
+    if (printLog_) event("log", {{"logMessage", text}});
+  });
+}
+
+void Studio::onFatalError(std::string_view text) {
+  onMainLoop([this, text = std::string(text)] {
+    event("fatalError", {{"fatalErrorMessage", text}});
+    output_.note("The service cannot go on: " + text);
+  });
+}
+
+void Studio::onRefused(std::string_view reason) {
+  onMainLoop([this, reason = std::string(reason)] {
+    output_.note("The service sent " + reason + "; it was thrown away.");
+  });
+}
+
+void Studio::onLost(Client::Loss loss) {
+  onMainLoop([this, loss, from = client().get()] { onServiceLost(loss, from); });
+}
+
+bool Studio::showWanted() {
+  return anybodyIn_;
+}
+
+bool Studio::showPicture(IOSurfaceRef surface) {
+  const std::shared_ptr<Client> link = client();
+  return link && link->videoFrame(surface);
+}
+
+void Studio::showSound(std::span<const std::int16_t> samples) {
+  if (const std::shared_ptr<Client> link = client()) link->audioData(samples);
+}
+
+}  // namespace studio

@@ -1,0 +1,86 @@
+#include <utility>
+
+#include "studio/reports.h"
+
+namespace studio {
+
+namespace {
+
+std::string_view text(const XpcObject& message, const char* key) {
+  return xpc_dictionary_get_string(message.get(), key);
+}
+
+}  // namespace
+
+Frame::Frame(XpcObject message, Surface surface)
+    : message_(std::move(message)), surface_(std::move(surface)) {
+  IOSurfaceIncrementUseCount(surface_.get());
+  IOSurfaceLock(surface_.get(), kIOSurfaceLockReadOnly, nullptr);
+}
+
+Frame& Frame::operator=(Frame&& other) noexcept {
+  if (this != &other) {
+    letGo();
+    message_ = std::move(other.message_);
+    surface_ = std::move(other.surface_);
+  }
+  return *this;
+}
+
+Frame::~Frame() {
+  letGo();
+}
+
+void Frame::letGo() {
+  if (!message_) return;
+  IOSurfaceUnlock(surface_.get(), kIOSurfaceLockReadOnly, nullptr);
+  IOSurfaceDecrementUseCount(surface_.get());
+  surface_.reset();
+  const XpcObject reply(xpc_dictionary_create_reply(message_.get()));
+  if (reply) xpc_connection_send_message(xpc_dictionary_get_remote_connection(message_.get()), reply.get());
+  message_.reset();
+}
+
+std::string_view Frame::id() const {
+  return text(message_, "id");
+}
+std::string_view Frame::name() const {
+  return text(message_, "name");
+}
+std::string_view Frame::sessionId() const {
+  return text(message_, "sessionId");
+}
+std::int64_t Frame::number() const {
+  return xpc_dictionary_get_int64(message_.get(), "num");
+}
+std::int64_t Frame::timestamp() const {
+  return xpc_dictionary_get_int64(message_.get(), "timestamp");
+}
+
+std::size_t Frame::width() const {
+  return IOSurfaceGetWidth(surface_.get());
+}
+std::size_t Frame::height() const {
+  return IOSurfaceGetHeight(surface_.get());
+}
+OSType Frame::format() const {
+  return IOSurfaceGetPixelFormat(surface_.get());
+}
+
+std::size_t Frame::planeCount() const {
+  const std::size_t planes = IOSurfaceGetPlaneCount(surface_.get());
+  return planes == 0 ? 1 : planes;
+}
+
+Plane Frame::plane(std::size_t index) const {
+  const IOSurfaceRef surface = surface_.get();
+  if (IOSurfaceGetPlaneCount(surface) == 0) {
+    return {static_cast<const std::uint8_t*>(IOSurfaceGetBaseAddress(surface)),
+            IOSurfaceGetBytesPerRow(surface), width(), height()};
+  }
+  return {static_cast<const std::uint8_t*>(IOSurfaceGetBaseAddressOfPlane(surface, index)),
+          IOSurfaceGetBytesPerRowOfPlane(surface, index), IOSurfaceGetWidthOfPlane(surface, index),
+          IOSurfaceGetHeightOfPlane(surface, index)};
+}
+
+}  // namespace studio

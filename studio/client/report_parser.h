@@ -1,0 +1,30 @@
+// From the service's dictionaries to typed reports.
+#pragma once
+
+#include <xpc/xpc.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "studio/client.h"
+
+namespace studio {
+
+/// Takes the events of a connection one at a time. What is not exactly as agreed is refused.
+class ReportParser {
+ public:
+  explicit ReportParser(Client::Listener& listener) : listener_(listener) {}
+
+  void handle(xpc_object_t event);
+
+ private:
+  void report(xpc_object_t message);
+  void frame(xpc_object_t message);
+  void sound(xpc_object_t message);
+
+  Client::Listener& listener_;
+  // Sound is copied to here, since nothing aligns it inside a message.
+  std::vector<std::int16_t> samples_;
+};
+
+}  // namespace studio
