@@ -56,7 +56,7 @@ TEST(SerialQueue, RunsEachThreadsBlocksInOrderAndOneAtATime) {
   int elsewhere = 0;
 
   std::vector<std::thread> threads;
-  for (int thread = 0; thread < kThreads; ++thread) {
+  for (std::size_t thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       for (int i = 0; i < kBlocks; ++i) {
         const auto step = [&, thread, i] { outOfOrder += std::exchange(last[thread], i) != i - 1; };

@@ -61,6 +61,7 @@ class Listener {
         const std::lock_guard guard(ready);
         connection_ = connection;
         runLoop_ = CFRunLoopGetCurrent();
+        CFRetain(runLoop_);
         started.notify_one();
       }
       CFRunLoopRun();
@@ -70,6 +71,7 @@ class Listener {
   ~Listener() {
     CFRunLoopStop(runLoop_);
     thread_.join();
+    CFRelease(runLoop_);
   }
 
   io_connect_t connection() const { return *connection_; }
