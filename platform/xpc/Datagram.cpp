@@ -13,7 +13,8 @@ namespace platform::xpc {
 namespace {
 
 constexpr uint8_t kVersion = 1;
-constexpr uint8_t kLargeBody = 1;  // of the flags
+constexpr uint8_t kLargeBody = 1;    // of the flags
+constexpr size_t kUsualSize = 1024;  // a frame's message takes some 500 bytes
 constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
 
 struct Header {
@@ -39,31 +40,15 @@ Ref<Descriptor> sealed(std::span<const uint8_t> body) {
   return make<Descriptor>(std::move(file));
 }
 
-// A large body, mapped for reading. The seals keep its owner from changing it under the reader.
-class MappedBody {
- public:
-  MappedBody(int fd, size_t length) : m_length(length) {
-    struct stat status;
-    const int seals = fcntl(fd, F_GET_SEALS);
-    if (seals < 0 || (seals & kSeals) != kSeals || fstat(fd, &status) < 0 ||
-        status.st_size != static_cast<off_t>(length))
-      return;
-    void* address = mmap(nullptr, length, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
-    if (address != MAP_FAILED) m_bytes = static_cast<const uint8_t*>(address);
-  }
-  MappedBody(const MappedBody&) = delete;
-  MappedBody& operator=(const MappedBody&) = delete;
-  ~MappedBody() {
-    if (m_bytes) munmap(const_cast<uint8_t*>(m_bytes), m_length);
-  }
-
-  explicit operator bool() const { return m_bytes; }
-  std::span<const uint8_t> bytes() const { return {m_bytes, m_length}; }
-
- private:
-  const uint8_t* m_bytes = nullptr;
-  size_t m_length;
-};
+// A large body, copied out of its memfd: a mapping could be made to fault. The seals say that it is a memfd,
+// so that reading it does not wait, and that it stays what it is meanwhile.
+bool read(int fd, Bytes& body) {
+  struct stat status;
+  const int seals = fcntl(fd, F_GET_SEALS);
+  return seals >= 0 && (seals & kSeals) == kSeals && fstat(fd, &status) == 0 &&
+         status.st_size == static_cast<off_t>(body.size()) &&
+         pread(fd, body.data(), body.size(), 0) == static_cast<ssize_t>(body.size());
+}
 
 // What is wrong with the header, or null.
 const char* problemOf(const Header& header, size_t inlineLength, size_t descriptors) {
@@ -89,8 +74,8 @@ const char* problemOf(const Header& header, size_t inlineLength, size_t descript
 }  // namespace
 
 const char* encode(const Dictionary& message, Outgoing& datagram) {
+  datagram.bytes.reserve(kUsualSize);
   datagram.bytes.resize(kHeaderSize);
-  datagram.descriptors.clear();
   if (const char* problem = writeBody(message, datagram.bytes, datagram.descriptors)) return problem;
 
   datagram.bodyLength = datagram.bytes.size() - kHeaderSize;
@@ -131,10 +116,9 @@ Incoming decode(std::span<const uint8_t> datagram, std::span<FileDescriptor> des
   incoming.serial = header.serial;
   incoming.bodyLength = header.bodyLength;
   if (header.flags & kLargeBody) {
-    const MappedBody mapped(descriptors.back().get(), header.bodyLength);
-    if (mapped)
-      incoming.dictionary =
-          readBody(mapped.bytes(), descriptors.first(descriptors.size() - 1), incoming.problem);
+    Bytes large(header.bodyLength);
+    if (read(descriptors.back().get(), large))
+      incoming.dictionary = readBody(large, descriptors.first(descriptors.size() - 1), incoming.problem);
     else
       incoming.problem = "a large body that is not sealed or of another size";
   } else {

@@ -19,7 +19,7 @@ constexpr unsigned kDeepest = 32;        // containers within containers
 
 enum class Kind : uint8_t { message = 0, messageAwaitingReply = 1, reply = 2 };
 
-// A message as it goes out. The buffers are kept from one message to the next.
+// A message as it goes out.
 struct Outgoing {
   Bytes bytes;  // header, and the body unless it is large
   std::vector<Ref<Descriptor>> descriptors;

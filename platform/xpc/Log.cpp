@@ -1,7 +1,7 @@
 #include "Log.h"
 
-#include <cstdio>
+#include <Foundation/NSLog.h>
 
 void platform::xpc::logLine(const std::string& text) {
-  fprintf(stderr, "%s\n", text.c_str());
+  NSLog(CFSTR("%s"), text.c_str());
 }

@@ -1,0 +1,223 @@
+// Peers that do not keep to the protocol, and peers that should not be there.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <memory>
+#include <vector>
+
+#include "support.h"
+
+namespace {
+
+constexpr char kName[] = "echo";
+
+std::string number(uint64_t value, int size) {
+  return std::string(reinterpret_cast<const char*>(&value), static_cast<size_t>(size));
+}
+
+struct Header {
+  std::string magic = "XPC";
+  uint8_t version = 1;
+  uint8_t kind = 0;
+  uint8_t flags = 0;
+  uint16_t descriptors = 0;
+  int64_t length = -1;  // the body's own
+  uint32_t serial = 0;
+};
+
+std::string datagram(const std::string& body, const Header& h = {}) {
+  return h.magic + number(h.version, 1) + number(h.kind, 1) + number(h.flags, 1) + number(h.descriptors, 2) +
+         number(h.length < 0 ? body.size() : static_cast<uint64_t>(h.length), 4) + number(h.serial, 4) + body;
+}
+
+// An entry of a dictionary: the key "k" and a value, or what stands in place of the value.
+std::string entry(const std::string& value, const std::string& key = std::string("k\0", 2)) {
+  std::string bytes = key;
+  bytes.resize((bytes.size() + 7) / 8 * 8);
+  return bytes + value + number(key.size(), 1);
+}
+std::string dictionary(const std::string& entry) {
+  return entry + number(entry.size(), 1);
+}
+std::string value(const std::string& bytes, const std::string& type) {
+  return bytes + '\0' + type;
+}
+std::string handle(uint32_t index) {
+  return dictionary(entry(value(number(index, 4), "h")));
+}
+
+std::string deep(int levels) {
+  std::string inner;
+  for (int i = 0; i < levels; i++) {
+    const std::string bytes = value(inner, "a{sv}");
+    std::string whole("k\0\0\0\0\0\0\0", 8);
+    whole += bytes;
+    const auto size = [](size_t total) { return total <= 0xff ? 1 : 2; };
+    whole += number(2, size(whole.size() + 1));
+    inner = whole + number(whole.size(), size(whole.size() + 1));
+  }
+  return inner;
+}
+
+int memory(off_t size, int seals) {
+  const int fd = memfd_create("body", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  EXPECT_EQ(ftruncate(fd, size), 0);
+  EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
+  return fd;
+}
+
+bool sendBare(int socket, const std::string& bytes, const std::vector<int>& descriptors) {
+  iovec vector{const_cast<char*>(bytes.data()), bytes.size()};
+  msghdr message{};
+  message.msg_iov = &vector;
+  message.msg_iovlen = 1;
+  std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
+  if (!descriptors.empty()) {
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    *header = {CMSG_LEN(descriptors.size() * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+    memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size() * sizeof(int));
+  }
+  return sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+
+// Whether the service answers or hangs up: 1 or 0 as recv has it.
+ssize_t answer(int socket) {
+  timeval deadline{kDeadline.count(), 0};
+  setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+  char buffer[1 << 17];
+  return std::min<ssize_t>(recv(socket, buffer, sizeof buffer, 0), 1);
+}
+
+class HostileTest : public testing::Test {
+ protected:
+  HostileTest() {
+    xpc_connection_activate(m_service);
+    xpc_connection_activate(m_witness);
+    EXPECT_TRUE(eventually([&] { return access(m_directory.path(kName).c_str(), F_OK) == 0; }));
+    expectServed();
+  }
+  void expectServed() {
+    const Object reply(xpc_connection_send_message_with_reply_sync(m_witness, message("still", "there")));
+    EXPECT_STREQ(xpc_dictionary_get_string(reply, "still"), "there");
+  }
+
+  RuntimeDirectory m_directory;
+  Connection m_service{listener(kName), acceptEcho};
+  Connection m_witness{client(kName)};
+};
+
+TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
+  constexpr int kSealed = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
+  const std::string good = dictionary(entry(value(number(1, 8), "x")));
+  const auto asking = [](Header header) {
+    header.kind = 1;
+    header.serial = 1;
+    return header;
+  };
+  const Header large = asking({.flags = 1, .descriptors = 1, .length = 70'000});
+  struct Case {
+    const char* name;
+    std::string bytes;
+    std::vector<int> descriptors;  // closed when sent
+    bool isGood = false;
+  };
+  const auto file = [] { return memory(4096, 0); };
+  const std::vector<Case> cases = {
+      {"a good one", datagram(good, asking({})), {}, true},
+      {"a good one with a descriptor", datagram(handle(0), asking({.descriptors = 1})), {file()}, true},
+      {"31 containers deep", datagram(deep(31), asking({})), {}, true},
+      {"empty", "", {}},
+      {"half a header", datagram(good).substr(0, 9), {}},
+      {"other magic", datagram(good, {.magic = "GET"}), {}},
+      {"other version", datagram(good, {.version = 2}), {}},
+      {"unknown kind", datagram(good, {.kind = 3, .serial = 1}), {}},
+      {"unknown flags", datagram(good, {.flags = 2}), {}},
+      {"serial without a reply", datagram(good, {.serial = 1}), {}},
+      {"awaited reply without a serial", datagram(good, {.kind = 1}), {}},
+      {"reply that nobody awaits", datagram(good, {.kind = 2, .serial = 77}), {}},
+      {"truncated",
+       datagram(good.substr(0, good.size() - 1), {.length = static_cast<int64_t>(good.size())}),
+       {}},
+      {"longer than said", datagram(good + '\0', {.length = static_cast<int64_t>(good.size()) - 1}), {}},
+      {"oversized", datagram(std::string(65'537, '\0')), {}},
+      {"missing descriptor", datagram(handle(0), {.descriptors = 1}), {}},
+      {"descriptor not counted", datagram(handle(0)), {file()}},
+      {"descriptor not named", datagram(good, {.descriptors = 1}), {file()}},
+      {"descriptor named twice", datagram(handle(1), {.descriptors = 1}), {file()}},
+      {"negative handle", datagram(handle(UINT32_MAX), {.descriptors = 1}), {file()}},
+      {"65 descriptors", datagram(good, {.descriptors = 65}), std::vector<int>(65, file())},
+      {"253 descriptors", datagram(good, {.descriptors = 253}), std::vector<int>(253, file())},
+      {"large body without its memory", datagram("", {.flags = 1, .length = 70'000}), {}},
+      {"large body that is small",
+       datagram("", {.flags = 1, .descriptors = 1, .length = 100}),
+       {memory(100, kSealed)}},
+      {"large body above the limit",
+       datagram("", {.flags = 1, .descriptors = 1, .length = 9 << 20}),
+       {memory(9 << 20, kSealed)}},
+      {"large body not sealed", datagram("", large), {memory(70'000, F_SEAL_SHRINK | F_SEAL_GROW)}},
+      {"large body of another size", datagram("", large), {memory(69'999, kSealed)}},
+      {"large body in no memfd", datagram("", large), {open("/dev/null", O_RDONLY | O_CLOEXEC)}},
+      {"large body of nonsense", datagram("", large), {memory(70'000, kSealed)}},
+      {"large body inline too", datagram(good, large), {memory(70'000, kSealed)}},
+      {"unknown type", datagram(dictionary(entry(value("\1", "y")))), {}},
+      {"no type", datagram(dictionary(entry("kkkkkkkk"))), {}},
+      {"empty value", datagram(dictionary(entry(""))), {}},
+      {"number too short", datagram(dictionary(entry(value(number(1, 7), "x")))), {}},
+      {"boolean 2", datagram(dictionary(entry(value("\2", "b")))), {}},
+      {"string not UTF-8", datagram(dictionary(entry(value(std::string("\xff\0", 2), "s")))), {}},
+      {"string with a zero", datagram(dictionary(entry(value(std::string("a\0b\0", 4), "s")))), {}},
+      {"string without end", datagram(dictionary(entry(value("a", "s")))), {}},
+      {"key not UTF-8", datagram(dictionary(entry(value("\1", "b"), std::string("\xc3\0", 2)))), {}},
+      {"padding not zero", datagram(std::string("k\0\0\0\1\0\0\0", 8) + value("\1", "b") + "\2\14"), {}},
+      {"key's offset outside",
+       datagram(dictionary(std::string("k\0\0\0\0\0\0\0", 8) + value("\1", "b") + "\x60")),
+       {}},
+      {"entry's offset outside", datagram(entry(value("\1", "b")) + "\x60"), {}},
+      {"entries overlap", datagram(entry(value("\1", "b")) + "\4\14"), {}},
+      {"32 containers deep", datagram(deep(32)), {}},
+      {"noise", datagram("\x01\x02\x03\x04\x05\x06\x07\x08\x09"), {}},
+  };
+  size_t opened = 0;
+  for (const Case& each : cases) opened += each.descriptors.empty() ? 0 : 1;
+  const size_t before = openDescriptors() - opened;
+
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.name);
+    const int socket = bareClient(m_directory.path(kName));
+    ASSERT_GE(socket, 0);
+    EXPECT_TRUE(sendBare(socket, each.bytes, each.descriptors));
+    if (!each.descriptors.empty()) close(each.descriptors.front());
+    EXPECT_EQ(answer(socket), each.isGood ? 1 : 0);
+    close(socket);
+  }
+  expectServed();
+  EXPECT_TRUE(eventually([&] { return openDescriptors() == before; }))
+      << openDescriptors() << " from " << before;
+}
+
+TEST_F(HostileTest, AnotherUsersPeerIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  // Let the stranger as far as the socket itself.
+  ASSERT_EQ(chmod(m_directory.path("").c_str(), 0711), 0);
+  ASSERT_EQ(chmod(m_directory.path(kName).c_str(), 0666), 0);
+  const std::string hello = datagram("", {.kind = 1, .serial = 1});
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(9);
+    const int socket = bareClient(m_directory.path(kName));
+    if (socket < 0) _exit(8);
+    sendBare(socket, hello, {});
+    _exit(answer(socket) > 0 ? 7 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  expectServed();
+}
+
+}  // namespace
