@@ -14,6 +14,8 @@ struct GstRelease {
   void operator()(GstCaps* caps) const { gst_caps_unref(caps); }
   void operator()(GstSample* sample) const { gst_sample_unref(sample); }
   void operator()(GstBuffer* buffer) const { gst_buffer_unref(buffer); }
+  void operator()(GstBufferPool* pool) const { gst_object_unref(pool); }
+  void operator()(GstClock* clock) const { gst_object_unref(clock); }
   void operator()(gchar* text) const { g_free(text); }
 };
 template <typename T>

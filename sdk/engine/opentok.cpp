@@ -6,6 +6,7 @@
 
 #include "callback_scope.h"
 #include "log.h"
+#include "publisher.h"
 #include "session.h"
 #include "stream.h"
 #include "subscriber.h"
@@ -120,6 +121,20 @@ otc_status otc_session_unsubscribe(otc_session* handle, otc_subscriber* subscrib
   const std::shared_ptr<Session> session = session_of(handle);
   if (session == nullptr || subscriber == nullptr) return OTC_INVALID_PARAM;
   run_or_post([session, subscriber] { session->unsubscribe(*subscriber); });
+  return OTC_SUCCESS;
+}
+
+otc_status otc_session_publish(otc_session* handle, otc_publisher* publisher) {
+  const std::shared_ptr<Session> session = session_of(handle);
+  if (session == nullptr || publisher == nullptr) return OTC_INVALID_PARAM;
+  EngineThread::get().post([session, publisher] { session->publish(*publisher); });
+  return OTC_SUCCESS;
+}
+
+otc_status otc_session_unpublish(otc_session* handle, otc_publisher* publisher) {
+  const std::shared_ptr<Session> session = session_of(handle);
+  if (session == nullptr || publisher == nullptr) return OTC_INVALID_PARAM;
+  run_or_post([session, publisher] { session->unpublish(*publisher); });
   return OTC_SUCCESS;
 }
 

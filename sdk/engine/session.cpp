@@ -45,6 +45,7 @@ void Session::close() {
 void Session::end() {
   joined_ = false;
   subscriptions_.clear();
+  publications_.clear();
   signals_.close();
   janus_->close();
 }
@@ -116,6 +117,9 @@ void Session::joined(const json& data) {
   log_info("Connected to session {} as {}.", id_, own_id);
   signals_.open(token_, own_id);
   call(callbacks_.on_connected);
+  for (auto& [publisher, publication] : publications_) {
+    publication = std::make_unique<Publication>(janus_, *publisher, room_, id_, token_);
+  }
   room_.joined(data);
 }
 
@@ -199,5 +203,13 @@ void Session::subscribe(otc_subscriber& subscriber) {
 }
 
 void Session::unsubscribe(otc_subscriber& subscriber) { subscriptions_.erase(&subscriber); }
+
+void Session::publish(otc_publisher& publisher) {
+  if (closed_ || publications_.contains(&publisher)) return;
+  auto& publication = publications_[&publisher];
+  if (joined_) publication = std::make_unique<Publication>(janus_, publisher, room_, id_, token_);
+}
+
+void Session::unpublish(otc_publisher& publisher) { publications_.erase(&publisher); }
 
 }  // namespace engine

@@ -7,6 +7,7 @@
 
 #include "callback_scope.h"
 #include "janus_connection.h"
+#include "publisher.h"
 #include "room.h"
 #include "signals.h"
 #include "subscriber.h"
@@ -43,6 +44,9 @@ class Session : public std::enable_shared_from_this<Session>,
   void send_signal(const std::string& message);
   void subscribe(otc_subscriber& subscriber);
   void unsubscribe(otc_subscriber& subscriber);
+  // Publishes as soon as the session is connected.
+  void publish(otc_publisher& publisher);
+  void unpublish(otc_publisher& publisher);
 
  private:
   void janus_opened() override;
@@ -85,6 +89,7 @@ class Session : public std::enable_shared_from_this<Session>,
   Room room_;
   Signals signals_;
   std::map<otc_subscriber*, std::unique_ptr<Subscription>> subscriptions_;
+  std::map<otc_publisher*, std::unique_ptr<Publication>> publications_;  // null: waits for the connection
 };
 
 }  // namespace engine

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "audio_device.h"
 #include "log.h"
 #include "video_frame.h"
 
@@ -75,6 +76,8 @@ GstPadProbeReturn sound_decoded(GstPad*, GstPadProbeInfo* probe, gpointer data) 
   audio.sample_rate = 48000;
   audio.number_of_channels = 2;
   audio.number_of_samples = mapped.size / 4;
+  AudioDevice::get().play(&subscriber, static_cast<const std::int16_t*>(audio.sample_buffer),
+                          audio.number_of_samples);
   subscriber.call(subscriber.callbacks.on_audio_data, &audio);
   gst_buffer_unmap(buffer, &mapped);
   return GST_PAD_PROBE_OK;
@@ -97,6 +100,7 @@ Subscription::Subscription(std::shared_ptr<JanusConnection> janus, otc_subscribe
 
 Subscription::~Subscription() {
   peer_.reset();
+  AudioDevice::get().forget(&subscriber_);
   subscriber_.subscription = nullptr;
 }
 
@@ -151,6 +155,7 @@ void Subscription::switch_stream(const std::string& mid, bool on, bool& current)
 
 void Subscription::peer_connected() {
   failures_ = 0;
+  AudioDevice::get().start_renderer();
   if (std::exchange(was_connected_, true)) {
     subscriber_.call(subscriber_.callbacks.on_reconnected);
   } else {

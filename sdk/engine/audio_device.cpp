@@ -1,0 +1,165 @@
+#include "audio_device.h"
+
+#include <gst/app/gstappsrc.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "callback_scope.h"
+#include "engine_thread.h"
+
+struct otc_audio_device {};
+
+namespace engine {
+namespace {
+
+const otc_audio_device the_device;
+
+constexpr std::size_t channels = 2;
+constexpr std::int64_t rate = 48000;
+// A fifth of a second waits for a reader; what is older than that is too late.
+constexpr std::size_t longest_track = rate / 5 * channels;
+// Who has not read for so long is taken not to read.
+constexpr std::int64_t reading_time = 1000000;  // microseconds
+// Blocks follow each other without a gap unless they come this much too late or too early.
+constexpr std::int64_t largest_drift = 100000000;  // nanoseconds
+constexpr guint64 most_waiting = 5 * rate * channels * sizeof(std::int16_t);  // bytes: five seconds
+
+std::int64_t running_time(GstAppSrc* output) {
+  const Gst<GstClock> clock(gst_element_get_clock(GST_ELEMENT(output)));
+  if (clock == nullptr) return 0;
+  const GstClockTime now = gst_clock_get_time(clock.get());
+  return static_cast<std::int64_t>(now - gst_element_get_base_time(GST_ELEMENT(output)));
+}
+
+}  // namespace
+
+AudioDevice& AudioDevice::get() {
+  static AudioDevice& device = *new AudioDevice;
+  return device;
+}
+
+std::int64_t AudioDevice::Output::next() const { return begin + frames * 1000000000 / rate; }
+
+void AudioDevice::set_callbacks(const otc_audio_device_callbacks& callbacks) {
+  callbacks_ = callbacks;
+  has_callbacks_ = true;
+}
+
+void AudioDevice::initialise() {
+  if (initialised_) return;
+  initialised_ = true;
+  callbacks_.init(&the_device, callbacks_.user_data);
+}
+
+void AudioDevice::start_capturer() {
+  if (!has_callbacks_ || capturer_started_) return;
+  capturer_started_ = true;
+  const CallbackScope scope;
+  initialise();
+  if (callbacks_.is_capturer_initialized(&the_device, callbacks_.user_data) == OTC_FALSE) {
+    callbacks_.init_capturer(&the_device, callbacks_.user_data);
+  }
+  callbacks_.start_capturer(&the_device, callbacks_.user_data);
+}
+
+void AudioDevice::start_renderer() {
+  if (!has_callbacks_ || renderer_started_) return;
+  renderer_started_ = true;
+  const CallbackScope scope;
+  initialise();
+  if (callbacks_.is_renderer_initialized(&the_device, callbacks_.user_data) == OTC_FALSE) {
+    callbacks_.init_renderer(&the_device, callbacks_.user_data);
+  }
+  callbacks_.start_renderer(&the_device, callbacks_.user_data);
+}
+
+void AudioDevice::add_output(GstAppSrc* output) {
+  const std::lock_guard lock(outputs_mutex_);
+  outputs_[output] = {};
+}
+
+void AudioDevice::remove_output(GstAppSrc* output) {
+  const std::lock_guard lock(outputs_mutex_);
+  outputs_.erase(output);
+}
+
+void AudioDevice::write(const std::int16_t* samples, std::size_t frames) {
+  const std::lock_guard lock(outputs_mutex_);
+  for (auto& [output, state] : outputs_) {
+    const std::size_t bytes = frames * channels * sizeof(std::int16_t);
+    if (bytes == 0 || gst_app_src_get_current_level_bytes(output) + bytes > most_waiting) continue;
+    GstBuffer* buffer = gst_buffer_new_memdup(samples, bytes);
+    const std::int64_t now = running_time(output);
+    if (std::abs(state.next() - now) > largest_drift) {
+      GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
+      state = {now, 0};
+    }
+    const std::int64_t begin = state.next();
+    state.frames += static_cast<std::int64_t>(frames);
+    GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(std::max<std::int64_t>(begin, 0));
+    GST_BUFFER_DURATION(buffer) = static_cast<GstClockTime>(state.next() - begin);
+    gst_app_src_push_buffer(output, buffer);
+  }
+}
+
+void AudioDevice::play(const void* source, const std::int16_t* samples, std::size_t frames) {
+  const std::lock_guard lock(tracks_mutex_);
+  if (g_get_monotonic_time() - last_read_ > reading_time) {
+    tracks_.clear();
+    return;
+  }
+  Track& track = tracks_[source];
+  track.samples.resize(longest_track);
+  const std::size_t count = std::min(frames * channels, longest_track);
+  samples += frames * channels - count;
+  for (std::size_t i = 0; i < count; ++i) {
+    track.samples[(track.begin + track.size + i) % longest_track] = samples[i];
+  }
+  track.size += count;
+  if (track.size > longest_track) {
+    track.begin = (track.begin + track.size - longest_track) % longest_track;
+    track.size = longest_track;
+  }
+}
+
+void AudioDevice::forget(const void* source) {
+  const std::lock_guard lock(tracks_mutex_);
+  tracks_.erase(source);
+}
+
+void AudioDevice::read(std::int16_t* samples, std::size_t frames) {
+  const std::lock_guard lock(tracks_mutex_);
+  last_read_ = g_get_monotonic_time();
+  const std::size_t count = frames * channels;
+  mix_.assign(count, 0);
+  for (auto& [source, track] : tracks_) {
+    const std::size_t taken = std::min(count, track.size);
+    for (std::size_t i = 0; i < taken; ++i) mix_[i] += track.samples[(track.begin + i) % longest_track];
+    track.begin = (track.begin + taken) % longest_track;
+    track.size -= taken;
+  }
+  std::transform(mix_.begin(), mix_.end(), samples, [](std::int32_t sample) {
+    return static_cast<std::int16_t>(std::clamp(sample, -32768, 32767));
+  });
+}
+
+}  // namespace engine
+
+otc_status otc_set_audio_device(const struct otc_audio_device_callbacks* callbacks) {
+  if (callbacks == nullptr) return OTC_INVALID_PARAM;
+  engine::EngineThread::get().run([callbacks] { engine::AudioDevice::get().set_callbacks(*callbacks); });
+  return OTC_SUCCESS;
+}
+
+otc_status otc_audio_device_write_capture_data(const int16_t* samples, size_t number_of_samples) {
+  if (samples == nullptr && number_of_samples > 0) return OTC_INVALID_PARAM;
+  engine::AudioDevice::get().write(samples, number_of_samples);
+  return OTC_SUCCESS;
+}
+
+size_t otc_audio_device_read_render_data(int16_t* samples, size_t number_of_samples) {
+  if (samples == nullptr) return 0;
+  engine::AudioDevice::get().read(samples, number_of_samples);
+  return number_of_samples;
+}

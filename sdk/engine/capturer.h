@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+#include "gst.h"
+#include "opentok.h"
+
+typedef struct _GstAppSrc GstAppSrc;
+
+// The way by which a program's pictures enter: they are converted to planar 4:2:0 as they are
+// handed over, in one pass, so that nothing of the program's memory is held afterwards.
+struct otc_video_capturer {
+ public:
+  explicit otc_video_capturer(const otc_video_capturer_callbacks& callbacks) : callbacks_(callbacks) {}
+
+  // The capturer's callbacks, on the engine's thread; each one that was begun is ended.
+  void start();
+  void stop();
+
+  // Where pictures go from now on; null: nowhere. On return the former place gets none.
+  void set_output(GstAppSrc* output);
+
+  // Any thread. OTC_INVALID_PARAM for a picture that is none; one that comes while there is no output,
+  // or before the encoder has taken those before it, is dropped.
+  otc_status provide(const otc_video_frame& frame, int rotation);
+
+ private:
+  const otc_video_capturer_callbacks callbacks_;
+  bool started_ = false;  // of the engine's thread
+  std::mutex mutex_;
+  GstAppSrc* output_ = nullptr;
+  engine::Gst<GstBufferPool> pool_;
+  engine::Gst<GstCaps> caps_;
+  int width_ = 0;
+  int height_ = 0;
+};

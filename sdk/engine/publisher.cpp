@@ -1,0 +1,211 @@
+#include "publisher.h"
+
+#include <gst/app/gstappsrc.h>
+
+#include <sstream>
+#include <utility>
+
+#include "audio_device.h"
+#include "bitrate.h"
+#include "log.h"
+#include "room.h"
+
+namespace engine {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto retry_interval = 1s;
+
+// The encoder keeps up by giving up quality: with a positive cpu-used it picks its own speed, so that a
+// frame takes a part of the time between two. It never drops a frame and holds none back. Key frames come
+// when somebody asks, and once in a long while.
+constexpr const char* video_elements =
+    "appsrc name=source is-live=true format=time do-timestamp=true"
+    " ! vp8enc name=encoder deadline=1 cpu-used=8 threads=2 end-usage=cbr lag-in-frames=0 dropframe-threshold=0"
+    " resize-allowed=false keyframe-max-dist=3000 min-quantizer=4 max-quantizer=63 undershoot=100 overshoot=15"
+    " buffer-size=1000 buffer-initial-size=500 buffer-optimal-size=600 error-resilient=default static-threshold=1"
+    " ! rtpvp8pay picture-id-mode=15-bit auto-header-extension=true"
+    " ! application/x-rtp,media=video,clock-rate=90000,encoding-name=VP8,payload=96,"
+    "extmap-3=(string)\"http://www.ietf.org/id/draft-holmer-rmcat-transport-wide-cc-extensions-01\"";
+
+std::string audio_elements(bool stereo) {
+  return std::string(
+             "appsrc name=source is-live=true format=time"
+             " caps=audio/x-raw,format=S16LE,layout=interleaved,rate=48000,channels=2"
+             " ! audioconvert ! audio/x-raw,channels=") +
+         (stereo ? "2" : "1") +
+         " ! opusenc frame-size=20 audio-type=generic inband-fec=true packet-loss-percentage=10 bitrate=" +
+         (stereo ? "96000" : "64000") +
+         " ! rtpopuspay ! application/x-rtp,media=audio,clock-rate=48000,encoding-name=OPUS,payload=97";
+}
+
+// The names of the media in a description: "m=video …" followed, before the next "m=", by "a=mid:NAME".
+json descriptions(const std::string& sdp) {
+  json list = json::array();
+  std::istringstream lines(sdp);
+  std::string kind;
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.starts_with("m=")) kind = line.substr(2, line.find(' ') - 2);
+    if (!line.starts_with("a=mid:")) continue;
+    list.push_back({{"mid", line.substr(6)}, {"description", kind == "video" ? "camera" : "on"}});
+  }
+  return list;
+}
+
+}  // namespace
+
+Publication::Publication(std::shared_ptr<JanusConnection> janus, otc_publisher& publisher, Room& us,
+                         std::string room, std::string token)
+    : janus_(std::move(janus)),
+      publisher_(publisher),
+      us_(us),
+      room_(std::move(room)),
+      token_(std::move(token)) {
+  stream_.name = publisher_.settings.name;
+  stream_.has_audio = publisher_.settings.audio;
+  stream_.has_video = publisher_.settings.video;
+  open();
+}
+
+Publication::~Publication() {
+  if (publisher_.settings.has_capturer) publisher_.capturer.stop();
+  close_peer();
+  if (announced_) publisher_.call(publisher_.callbacks.on_stream_destroyed, &stream_);
+}
+
+void Publication::close_peer() {
+  publisher_.capturer.set_output(nullptr);
+  if (audio_ != nullptr) AudioDevice::get().remove_output(GST_APP_SRC(audio_.get()));
+  bitrate_.reset();
+  peer_.reset();
+  audio_.reset();
+  video_.reset();
+}
+
+void Publication::open() {
+  close_peer();
+  peer_ = std::make_shared<Peer>(janus_, static_cast<Peer::Listener&>(*this));
+  if (!build()) return;
+  // The id is chosen here, so that the room's news of it are known to be of ourselves.
+  const Gst<gchar> id(g_uuid_string_random());
+  stream_.id = id.get();
+  us_.add_own_id(stream_.id);
+  peer_->open("janus.plugin.videoroom");
+}
+
+// Adds a source and its encoder, linked to the webrtcbin; null when an element is missing.
+GstElement* Publication::add(const char* elements, GError** error) {
+  GstElement* bin = gst_parse_bin_from_description(elements, TRUE, error);
+  if (bin == nullptr) return nullptr;
+  gst_bin_add(GST_BIN(peer_->pipeline()), bin);
+  gst_element_link(bin, peer_->webrtc());
+  return gst_bin_get_by_name(GST_BIN(bin), "source");
+}
+
+bool Publication::build() {
+  GError* error = nullptr;
+  if (publisher_.settings.video && publisher_.settings.has_capturer) {
+    video_.reset(add(video_elements, &error));
+  }
+  if (publisher_.settings.audio && error == nullptr) {
+    audio_.reset(add(audio_elements(publisher_.settings.stereo).c_str(), &error));
+  }
+  if (error == nullptr) return true;
+  const std::string text = std::string("Publishing is not possible: ") + error->message +
+                           ". Install GStreamer's base, good and bad plugins.";
+  g_error_free(error);
+  publisher_.call(publisher_.callbacks.on_error, text.c_str(), OTC_FATAL);
+  return false;
+}
+
+void Publication::peer_attached() {
+  const json join = {{"request", "join"}, {"ptype", "publisher"}, {"room", room_},
+                     {"token", token_},   {"id", stream_.id},     {"display", stream_.name}};
+  peer_->ask(join, [this](const json& data) {
+    const std::string error = string_at(data, "error");
+    if (!error.empty()) {
+      peer_failed(error);
+      return;
+    }
+    peer_->offer(
+        [](const std::string& sdp) {
+          return json{{"request", "publish"}, {"descriptions", descriptions(sdp)}};
+        },
+        [this](const json& answer) {
+          const std::string refused = string_at(answer, "error");
+          if (!refused.empty()) peer_failed(refused);
+        });
+  });
+}
+
+void Publication::peer_connected() {
+  if (video_ != nullptr) {
+    bitrate_ = std::make_unique<Bitrate>(peer_->webrtc(), video_.get());
+    publisher_.capturer.set_output(GST_APP_SRC(video_.get()));
+  }
+  if (audio_ != nullptr) {
+    AudioDevice::get().add_output(GST_APP_SRC(audio_.get()));
+    AudioDevice::get().start_capturer();
+  }
+  if (publisher_.settings.has_capturer) publisher_.capturer.start();
+  announced_ = true;
+  publisher_.call(publisher_.callbacks.on_stream_created, &stream_);
+}
+
+void Publication::peer_failed(const std::string& reason) {
+  if (retry_.running()) return;
+  log_warning("Publishing \"{}\": {}. Trying again.", stream_.name, reason);
+  if (std::exchange(announced_, false)) {
+    publisher_.call(publisher_.callbacks.on_stream_destroyed, &stream_);
+  }
+  retry_.once(retry_interval, [this] { open(); });
+}
+
+}  // namespace engine
+
+otc_publisher_settings* otc_publisher_settings_new(void) { return new otc_publisher_settings; }
+
+otc_status otc_publisher_settings_set_name(otc_publisher_settings* settings, const char* name) {
+  if (settings == nullptr || name == nullptr) return OTC_INVALID_PARAM;
+  settings->name = name;
+  return OTC_SUCCESS;
+}
+
+otc_status otc_publisher_settings_set_video_capturer(otc_publisher_settings* settings,
+                                                     const struct otc_video_capturer_callbacks* capturer) {
+  if (settings == nullptr || capturer == nullptr) return OTC_INVALID_PARAM;
+  settings->capturer = *capturer;
+  settings->has_capturer = true;
+  return OTC_SUCCESS;
+}
+
+otc_status otc_publisher_settings_set_audio_track(otc_publisher_settings* settings, otc_bool on) {
+  if (settings == nullptr) return OTC_INVALID_PARAM;
+  settings->audio = on != OTC_FALSE;
+  return OTC_SUCCESS;
+}
+
+otc_status otc_publisher_settings_set_video_track(otc_publisher_settings* settings, otc_bool on) {
+  if (settings == nullptr) return OTC_INVALID_PARAM;
+  settings->video = on != OTC_FALSE;
+  return OTC_SUCCESS;
+}
+
+otc_status otc_publisher_settings_set_stereo(otc_publisher_settings* settings, otc_bool on) {
+  if (settings == nullptr) return OTC_INVALID_PARAM;
+  settings->stereo = on != OTC_FALSE;
+  return OTC_SUCCESS;
+}
+
+otc_publisher* otc_publisher_new_with_settings(const struct otc_publisher_callbacks* callbacks,
+                                               const otc_publisher_settings* settings) {
+  if (callbacks == nullptr || settings == nullptr) return nullptr;
+  return new otc_publisher(*callbacks, *settings);
+}
+
+// There is no fallback to sound alone that could be switched off: pictures only lose quality.
+otc_status otc_publisher_set_audio_fallback_enabled(otc_publisher* publisher, otc_bool) {
+  return publisher == nullptr ? OTC_INVALID_PARAM : OTC_SUCCESS;
+}
