@@ -21,6 +21,9 @@ void RebindingIndex::add(IndexedRebinding* rebindings, size_t count) {
   for (IndexedRebinding* added = rebindings; added != rebindings + count; ++added) {
     const char* const name = added->rebinding.name;
     added->length = strlen(name);
+    if (const size_t size = added->length + 1; size >= sizeof added->ending) {
+      memcpy(&added->ending, name + size - sizeof added->ending, sizeof added->ending);
+    }
     added->newest.store(added, std::memory_order_relaxed);
     IndexedRebinding* const nearest = candidate(name, added->length + 1);
     if (nearest == nullptr || nearest->length != added->length || !isNamed(*nearest, name)) {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "symbol_rebinding.h"
@@ -11,7 +12,8 @@
 // index is used.
 struct IndexedRebinding {
   SymbolRebinding rebinding{};
-  size_t length = 0;  // of the name
+  size_t length = 0;    // of the name
+  uint64_t ending = 0;  // the name's last eight bytes, its NUL included, if it has so many
 
   // As a node of the index.
   size_t bit = 0;                                 // the one that it tests
@@ -57,9 +59,15 @@ class RebindingIndex {
     return nullptr;
   }
 
-  // Needs length < room. The end first: names of one image often begin alike.
+  // Needs length < room. The last eight bytes first: names of one image often begin alike.
   static bool isNamed(const IndexedRebinding& node, const char* name) {
-    return name[node.length] == '\0' && memcmp(name, node.rebinding.name, node.length) == 0;
+    const size_t size = node.length + 1;
+    if (size >= sizeof node.ending) {
+      uint64_t ending = 0;
+      memcpy(&ending, name + size - sizeof ending, sizeof ending);
+      if (ending != node.ending) return false;
+    }
+    return memcmp(name, node.rebinding.name, size) == 0;
   }
 
   void insert(IndexedRebinding& added, const IndexedRebinding* nearest);

@@ -132,7 +132,9 @@ void remoteMute(ZarvoGuestSession& session, xpc_object_t message) {
   }
 }
 
-void stop(ZarvoGuestSession&, xpc_object_t) { serviceDelegate.load()->stopCurrentBroadcast(); }
+void stop(ZarvoGuestSession&, xpc_object_t) {
+  serviceDelegate.load()->stopCurrentBroadcast();
+}
 
 void liveStatus(ZarvoGuestSession& session, xpc_object_t message) {
   session.broadcastIsLive(flagArgument(message, "LiveStatus"), flagArgument(message, "RecordOnly"));

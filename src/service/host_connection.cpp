@@ -45,8 +45,7 @@ void handleConnectionEvent(xpc_connection_t connection, xpc_object_t event) {
 void acceptConnection(xpc_connection_t connection) {
   dispatch_queue_attr_t attributes =
       dispatch_queue_attr_make_with_qos_class(DISPATCH_QUEUE_CONCURRENT, QOS_CLASS_USER_INTERACTIVE, 0);
-  const auto queue =
-      Ref<dispatch_queue_t>::adopt(dispatch_queue_create("event handler queue", attributes));
+  const auto queue = Ref<dispatch_queue_t>::adopt(dispatch_queue_create("event handler queue", attributes));
   xpc_connection_set_target_queue(connection, queue.get());
   const auto held = Ref<xpc_connection_t>::retain(connection);
   xpc_connection_set_event_handler(connection,

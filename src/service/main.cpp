@@ -2,4 +2,6 @@
 
 #include "service/host_connection.h"
 
-int main() { xpc_main(acceptConnection); }
+int main() {
+  xpc_main(acceptConnection);
+}

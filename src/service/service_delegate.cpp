@@ -77,9 +77,13 @@ void ServiceDelegate::startWithSession(const std::string& id, const std::string&
   guestSession()->joinWithSession(id, andToken);
 }
 
-void ServiceDelegate::startBroadcasting() { guestSession()->startPublishingToSession(); }
+void ServiceDelegate::startBroadcasting() {
+  guestSession()->startPublishingToSession();
+}
 
-void ServiceDelegate::stopCurrentBroadcast() { guestSession()->stopCurrentSession(true); }
+void ServiceDelegate::stopCurrentBroadcast() {
+  guestSession()->stopCurrentSession(true);
+}
 
 void ServiceDelegate::ring(const std::string& forName, const std::string& andID, bool screenShare) {
   Report()
@@ -91,10 +95,7 @@ void ServiceDelegate::ring(const std::string& forName, const std::string& andID,
 }
 
 void ServiceDelegate::hasAudioChanged(bool hasAudio) {
-  Report()
-      .setFlag("hasAudio", hasAudio)
-      .set("sessionHasAudioChanged", guestSession()->sessionId())
-      .send();
+  Report().setFlag("hasAudio", hasAudio).set("sessionHasAudioChanged", guestSession()->sessionId()).send();
 }
 
 void ServiceDelegate::streamDropped(const std::string& id) {
@@ -140,8 +141,8 @@ void ServiceDelegate::pixelBufferReceived(CVPixelBufferRef buffer, const std::st
   const int32_t number = frameCount.fetch_add(1, std::memory_order_relaxed) + 1;
   auto connection = appConn.load();
   if (!connection) return;
-  const auto frame = std::make_shared<Frame>(Frame{std::move(connection), std::move(owned),
-                                                   std::move(surface), forName, andID, number, timestamp});
+  const auto frame = std::make_shared<Frame>(
+      Frame{std::move(connection), std::move(owned), std::move(surface), forName, andID, number, timestamp});
   dispatch_async(_frameQueue.get(), [this, frame] { sendFrame(*frame); });
 }
 
@@ -159,8 +160,7 @@ void ServiceDelegate::sendFrame(const Frame& frame) {
                             .set("id", frame.id);
   numberOfFramesQueued++;
   // The buffer lives until the studio has answered, whatever the answer, or until the connection fails.
-  xpc_connection_send_message_with_reply(frame.connection.get(), report.message(), _frameQueue.get(),
-                                         [this, buffer = frame.buffer](xpc_object_t) {
-                                           numberOfFramesQueued--;
-                                         });
+  xpc_connection_send_message_with_reply(
+      frame.connection.get(), report.message(), _frameQueue.get(),
+      [this, buffer = frame.buffer](xpc_object_t) { numberOfFramesQueued--; });
 }

@@ -1,10 +1,10 @@
 #pragma once
 
+#include <dispatch/dispatch.h>
+#include <xpc/xpc.h>
 #include <atomic>
 #include <cstdint>
-#include <dispatch/dispatch.h>
 #include <string>
-#include <xpc/xpc.h>
 
 #include "session/guest_session.h"
 #include "session/guest_session_delegate.h"

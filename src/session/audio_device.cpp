@@ -12,17 +12,25 @@ namespace {
 constexpr int kSamplingRate = 48000;
 constexpr int kChannels = 2;
 
-ZarvoGuestSession& sessionOf(void* userData) { return *static_cast<ZarvoGuestSession*>(userData); }
+ZarvoGuestSession& sessionOf(void* userData) {
+  return *static_cast<ZarvoGuestSession*>(userData);
+}
 
-otc_bool init(const otc_audio_device*, void*) { return OTC_TRUE; }
-otc_bool destroy(const otc_audio_device*, void*) { return OTC_TRUE; }
+otc_bool init(const otc_audio_device*, void*) {
+  return OTC_TRUE;
+}
+otc_bool destroy(const otc_audio_device*, void*) {
+  return OTC_TRUE;
+}
 
 otc_bool init_capturer(const otc_audio_device*, void* userData) {
   sessionOf(userData).capinited = true;
   return OTC_TRUE;
 }
 
-otc_bool destroy_capturer(const otc_audio_device*, void*) { return OTC_TRUE; }
+otc_bool destroy_capturer(const otc_audio_device*, void*) {
+  return OTC_TRUE;
+}
 
 otc_bool start_capturer(const otc_audio_device*, void* userData) {
   sessionOf(userData).audio_capture_connected = true;
@@ -31,7 +39,9 @@ otc_bool start_capturer(const otc_audio_device*, void* userData) {
 }
 
 // Stopping clears nothing: sound that still comes is offered to the SDK all the same.
-otc_bool stop_capturer(const otc_audio_device*, void*) { return OTC_TRUE; }
+otc_bool stop_capturer(const otc_audio_device*, void*) {
+  return OTC_TRUE;
+}
 
 otc_bool is_capturer_initialized(const otc_audio_device*, void* userData) {
   return sessionOf(userData).capinited;
@@ -41,7 +51,9 @@ otc_bool is_capturer_started(const otc_audio_device*, void* userData) {
   return sessionOf(userData).capstarted;
 }
 
-int get_estimated_capture_delay(const otc_audio_device*, void*) { return 0; }
+int get_estimated_capture_delay(const otc_audio_device*, void*) {
+  return 0;
+}
 
 otc_bool fillSettings(otc_audio_device_settings* settings) {
   if (settings) *settings = {kSamplingRate, kChannels};
@@ -69,7 +81,9 @@ otc_bool start_renderer(const otc_audio_device*, void* userData) {
   return OTC_TRUE;
 }
 
-otc_bool stop_renderer(const otc_audio_device*, void*) { return OTC_TRUE; }
+otc_bool stop_renderer(const otc_audio_device*, void*) {
+  return OTC_TRUE;
+}
 
 otc_bool is_renderer_initialized(const otc_audio_device*, void* userData) {
   return sessionOf(userData).rendinited;
@@ -79,7 +93,9 @@ otc_bool is_renderer_started(const otc_audio_device*, void* userData) {
   return sessionOf(userData).rendstarted;
 }
 
-int get_estimated_render_delay(const otc_audio_device*, void*) { return 0; }
+int get_estimated_render_delay(const otc_audio_device*, void*) {
+  return 0;
+}
 
 otc_bool get_render_settings(const otc_audio_device*, void*, otc_audio_device_settings* settings) {
   return fillSettings(settings);

@@ -1,8 +1,8 @@
 // Joining the video session, and the session's events.
 
+#include <unistd.h>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 #include "session/guest_session.h"
 #include "session/log.h"
@@ -14,11 +14,17 @@ namespace {
 
 constexpr char kGuestPrefix[] = "Guest - ";
 
-ZarvoGuestSession& sessionOf(void* userData) { return *static_cast<ZarvoGuestSession*>(userData); }
+ZarvoGuestSession& sessionOf(void* userData) {
+  return *static_cast<ZarvoGuestSession*>(userData);
+}
 
-unsigned long long addressOf(const void* pointer) { return reinterpret_cast<uintptr_t>(pointer); }
+unsigned long long addressOf(const void* pointer) {
+  return reinterpret_cast<uintptr_t>(pointer);
+}
 
-void on_connected(otc_session*, void*) { logMessageToApp("on_connected"); }
+void on_connected(otc_session*, void*) {
+  logMessageToApp("on_connected");
+}
 
 void on_disconnected(otc_session* session, void* userData) {
   logMessageToApp("on_disconnected");
@@ -83,9 +89,13 @@ void on_signal_received(otc_session*, void* userData, const char* type, const ch
   sessionOf(userData).signalReceived(type, data);
 }
 
-void on_reconnection_started(otc_session*, void*) { logMessageToApp("session on_reconnection_start"); }
+void on_reconnection_started(otc_session*, void*) {
+  logMessageToApp("session on_reconnection_start");
+}
 
-void on_reconnected(otc_session*, void*) { logMessageToApp("session on_reconnection_success"); }
+void on_reconnected(otc_session*, void*) {
+  logMessageToApp("session on_reconnection_success");
+}
 
 void on_error(otc_session* session, void* userData, const char* text, int code) {
   logMessageToApp("on_error %d %s", code, printable(text));

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <CoreVideo/CoreVideo.h>
+#include <dispatch/dispatch.h>
+#include <opentok.h>
 #include <atomic>
 #include <cstdint>
-#include <dispatch/dispatch.h>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <opentok.h>
 #include <optional>
 #include <string>
 
@@ -182,7 +182,6 @@ class ZarvoGuestSession {
  private:
   explicit ZarvoGuestSession(const std::string& key);
 
-  void installAudioDevice();
   void startRenderTimer();
 
   // The record of a guest, or none.

@@ -1,7 +1,7 @@
 // The show's picture and sound on their way to the SDK.
 
-#include <cstdio>
 #include <pthread.h>
+#include <cstdio>
 
 #include "session/guest_session.h"
 #include "session/log.h"
@@ -43,9 +43,9 @@ otc_video_frame* wrapPlanes(CVPixelBufferRef buffer) {
     planes[i] = static_cast<const uint8_t*>(CVPixelBufferGetBaseAddressOfPlane(buffer, i));
     strides[i] = static_cast<int>(CVPixelBufferGetBytesPerRowOfPlane(buffer, i));
   }
-  return otc_video_frame_new_from_planes(
-      OTC_VIDEO_FRAME_FORMAT_NV12, static_cast<int>(CVPixelBufferGetWidth(buffer)),
-      static_cast<int>(CVPixelBufferGetHeight(buffer)), planes, strides);
+  return otc_video_frame_new_from_planes(OTC_VIDEO_FRAME_FORMAT_NV12,
+                                         static_cast<int>(CVPixelBufferGetWidth(buffer)),
+                                         static_cast<int>(CVPixelBufferGetHeight(buffer)), planes, strides);
 }
 
 void provideFrame(const otc_video_capturer* capturer, CVPixelBufferRef buffer) {

@@ -3,8 +3,8 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <IOKit/IOMessage.h>
 #include <IOKit/pwr_mgt/IOPMLib.h>
-#include <cstdlib>
 #include <unistd.h>
+#include <cstdlib>
 
 #include "session/guest_session.h"
 #include "support/system_log.h"

@@ -55,8 +55,7 @@ void ZarvoGuestSession::updateAudioInfo() {
                     {"remoteMuted", stream->remoteMuted()},
                     {"offAirAudio", offAirAudio()}});
   }
-  const json info = {
-      {"subs", subs}, {"broadcastIsLive", broadcastLive()}, {"recordOnly", recordOnly.load()}};
+  const json info = {{"subs", subs}, {"broadcastIsLive", broadcastLive()}, {"recordOnly", recordOnly.load()}};
   sendStreamMessage(prettyPrinted(info), "audio_setting");
 }
 
@@ -74,7 +73,9 @@ void ZarvoGuestSession::setFav(const std::string& uuid, const std::string& state
   sendStreamMessage(prettyPrinted({{"uuid", uuid}, {"state", state}}), "fav");
 }
 
-void ZarvoGuestSession::prefUpdate(const std::string& text) { sendStreamMessage(text, "prefUpdate"); }
+void ZarvoGuestSession::prefUpdate(const std::string& text) {
+  sendStreamMessage(text, "prefUpdate");
+}
 
 void ZarvoGuestSession::broadcastViewCount(const std::string& count) {
   if (viewerCount() == count) return;

@@ -1,9 +1,9 @@
 // Making the session object: SDK start-up and logging, the audio device, the queues and the render timer.
 
+#include <unistd.h>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
-#include <unistd.h>
 
 #include "session/audio_device.h"
 #include "session/guest_session.h"

@@ -17,9 +17,13 @@ void on_stream_connected(otc_subscriber*, void*, const otc_stream* stream) {
   logMessageToApp("on_stream_connected %s", printable(otc_stream_get_name(stream)));
 }
 
-void on_stream_disconnected(otc_subscriber*, void*) { logMessageToApp("subscriber on_stream_disconnected"); }
+void on_stream_disconnected(otc_subscriber*, void*) {
+  logMessageToApp("subscriber on_stream_disconnected");
+}
 
-void on_stream_reconnected(otc_subscriber*, void*) { logMessageToApp("subscriber on_stream_reconnected"); }
+void on_stream_reconnected(otc_subscriber*, void*) {
+  logMessageToApp("subscriber on_stream_reconnected");
+}
 
 void on_caption_text(otc_subscriber*, void*, const char*) {}
 

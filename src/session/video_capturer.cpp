@@ -6,14 +6,18 @@
 
 namespace {
 
-ZarvoGuestSession& sessionOf(void* userData) { return *static_cast<ZarvoGuestSession*>(userData); }
+ZarvoGuestSession& sessionOf(void* userData) {
+  return *static_cast<ZarvoGuestSession*>(userData);
+}
 
 otc_bool video_capturer_init(const otc_video_capturer* capturer, void* userData) {
   sessionOf(userData).video_capturer = capturer;
   return OTC_TRUE;
 }
 
-otc_bool video_capturer_destroy(const otc_video_capturer*, void*) { return OTC_TRUE; }
+otc_bool video_capturer_destroy(const otc_video_capturer*, void*) {
+  return OTC_TRUE;
+}
 
 otc_bool video_capturer_start(const otc_video_capturer*, void* userData) {
   sessionOf(userData).video_connected = true;

@@ -2,10 +2,10 @@
 
 #include <CoreVideo/CoreVideo.h>
 #include <VideoToolbox/VideoToolbox.h>
+#include <opentok.h>
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <opentok.h>
 #include <string>
 
 #include "session/guest_session_delegate.h"

@@ -80,8 +80,9 @@ void ZarvoGuestSession::pixelBufferReceived(CVPixelBufferRef buffer, const std::
 void ZarvoGuestSessionStream::pixelBufferReceived(CVPixelBufferRef source, int64_t timestamp) {
   if (!mPixelTransfer) VTPixelTransferSessionCreate(kCFAllocatorDefault, &mPixelTransfer);
   auto destination = Ref<CVPixelBufferRef>::adopt(pixelBufferManager->pixelBufferFromPoolWithWidth(
-      static_cast<int32_t>(CVPixelBufferGetWidth(source)), static_cast<int32_t>(CVPixelBufferGetHeight(source)),
-      kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, false));
+      static_cast<int32_t>(CVPixelBufferGetWidth(source)),
+      static_cast<int32_t>(CVPixelBufferGetHeight(source)), kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange,
+      false));
   if (!destination) {
     logMessageToApp("pixelBufferFromPoolWithWidth 4 fails");
     return;

@@ -48,7 +48,8 @@ bool ZVPixelBufferPoolManager::createPool(int32_t width, int32_t height, OSType 
   setNumber(attributes.get(), kCVPixelBufferWidthKey, width);
   setNumber(attributes.get(), kCVPixelBufferHeightKey, height);
   CFDictionarySetValue(attributes.get(), kCVPixelBufferIOSurfacePropertiesKey, surfaceProperties.get());
-  CFDictionarySetValue(attributes.get(), kCVPixelBufferIOSurfaceOpenGLTextureCompatibilityKey, kCFBooleanTrue);
+  CFDictionarySetValue(attributes.get(), kCVPixelBufferIOSurfaceOpenGLTextureCompatibilityKey,
+                       kCFBooleanTrue);
   CFDictionarySetValue(attributes.get(), kCVPixelBufferIOSurfaceOpenGLFBOCompatibilityKey, kCFBooleanTrue);
 
   CVPixelBufferPoolRef pool = nullptr;

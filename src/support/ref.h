@@ -2,9 +2,9 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <dispatch/dispatch.h>
+#include <xpc/xpc.h>
 #include <mutex>
 #include <utility>
-#include <xpc/xpc.h>
 
 // How an object of handle type T is retained and released. CoreFoundation's way unless said otherwise;
 // surfaces, pixel buffers and pools are CoreFoundation objects, too.

@@ -13,7 +13,9 @@ std::optional<std::string> stringWithUTF8String(const char* bytes);
 std::string replacingInvalidUTF8(const std::string& text);
 
 // A C string for a log line: "(null)" for null.
-inline const char* printable(const char* text) { return text ? text : "(null)"; }
+inline const char* printable(const char* text) {
+  return text ? text : "(null)";
+}
 inline const char* printable(const std::optional<std::string>& text) {
   return text ? text->c_str() : "(null)";
 }
