@@ -50,6 +50,7 @@ class Retained {
   Retained(const Retained&) = delete;
   Retained& operator=(const Retained&) = delete;
   ~Retained() {
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the analyser does not follow the count.
     if (object_) object_->release();
   }
 
