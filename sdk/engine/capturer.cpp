@@ -5,6 +5,7 @@
 #include <libyuv.h>
 
 #include <array>
+#include <utility>
 
 #include "callback_scope.h"
 #include "video_frame.h"
@@ -77,22 +78,26 @@ void convert(const otc_video_frame& from, int rotation, GstVideoFrame& to) {
 
 }  // namespace
 
-void otc_video_capturer::start() {
-  if (started_) return;
-  started_ = true;
+otc_video_capturer_settings otc_video_capturer::init() {
   const engine::CallbackScope scope;
+  initialised_ = true;
   callbacks_.init(this, callbacks_.user_data);
   otc_video_capturer_settings settings = {};
   callbacks_.get_capture_settings(this, callbacks_.user_data, &settings);
+  return settings;
+}
+
+void otc_video_capturer::start() {
+  if (started_) return;
+  const engine::CallbackScope scope;
+  started_ = true;
   callbacks_.start(this, callbacks_.user_data);
 }
 
-void otc_video_capturer::stop() {
-  if (!started_) return;
-  started_ = false;
+void otc_video_capturer::stop_and_destroy() {
   const engine::CallbackScope scope;
-  callbacks_.stop(this, callbacks_.user_data);
-  callbacks_.destroy(this, callbacks_.user_data);
+  if (std::exchange(started_, false)) callbacks_.stop(this, callbacks_.user_data);
+  if (std::exchange(initialised_, false)) callbacks_.destroy(this, callbacks_.user_data);
 }
 
 void otc_video_capturer::set_output(GstAppSrc* output) {

@@ -14,9 +14,10 @@ struct otc_video_capturer {
  public:
   explicit otc_video_capturer(const otc_video_capturer_callbacks& callbacks) : callbacks_(callbacks) {}
 
-  // The capturer's callbacks, on the engine's thread; each one that was begun is ended.
+  // The capturer's callbacks, on the engine's thread. What was begun, and only that, is ended.
+  otc_video_capturer_settings init();
   void start();
-  void stop();
+  void stop_and_destroy();
 
   // Where pictures go from now on; null: nowhere. On return the former place gets none.
   void set_output(GstAppSrc* output);
@@ -27,7 +28,8 @@ struct otc_video_capturer {
 
  private:
   const otc_video_capturer_callbacks callbacks_;
-  bool started_ = false;  // of the engine's thread
+  bool initialised_ = false;  // these two of the engine's thread
+  bool started_ = false;
   std::mutex mutex_;
   GstAppSrc* output_ = nullptr;
   engine::Gst<GstBufferPool> pool_;

@@ -2,13 +2,16 @@
 
 #include <gst/app/gstappsrc.h>
 
+#include <algorithm>
 #include <sstream>
 #include <utility>
+#include <vector>
 
 #include "audio_device.h"
 #include "bitrate.h"
 #include "log.h"
 #include "room.h"
+#include "video_frame.h"
 
 namespace engine {
 namespace {
@@ -25,9 +28,12 @@ constexpr const char* video_elements =
     " ! vp8enc name=encoder deadline=1 cpu-used=8 threads=2 end-usage=cbr lag-in-frames=0 dropframe-threshold=0"
     " resize-allowed=false keyframe-max-dist=3000 min-quantizer=4 max-quantizer=63 undershoot=100 overshoot=15"
     " buffer-size=1000 buffer-initial-size=500 buffer-optimal-size=600 error-resilient=default static-threshold=1"
-    " ! rtpvp8pay picture-id-mode=15-bit auto-header-extension=true"
-    " ! application/x-rtp,media=video,clock-rate=90000,encoding-name=VP8,payload=96,"
+    " ! rtpvp8pay picture-id-mode=15-bit auto-header-extension=true ! capsfilter name=rtp";
+// With the numbers by which the server reports what arrives, and when.
+constexpr const char* video_caps =
+    "application/x-rtp,media=video,clock-rate=90000,encoding-name=VP8,payload=96,"
     "extmap-3=(string)\"http://www.ietf.org/id/draft-holmer-rmcat-transport-wide-cc-extensions-01\"";
+constexpr const char* audio_caps = "application/x-rtp,media=audio,clock-rate=48000,encoding-name=OPUS,payload=97";
 
 std::string audio_elements(bool stereo) {
   return std::string(
@@ -37,7 +43,7 @@ std::string audio_elements(bool stereo) {
          (stereo ? "2" : "1") +
          " ! opusenc frame-size=20 audio-type=generic inband-fec=true packet-loss-percentage=10 bitrate=" +
          (stereo ? "96000" : "64000") +
-         " ! rtpopuspay ! application/x-rtp,media=audio,clock-rate=48000,encoding-name=OPUS,payload=97";
+         " ! rtpopuspay ! capsfilter name=rtp";
 }
 
 // The names of the media in a description: "m=video …" followed, before the next "m=", by "a=mid:NAME".
@@ -66,11 +72,12 @@ Publication::Publication(std::shared_ptr<JanusConnection> janus, otc_publisher& 
   stream_.name = publisher_.settings.name;
   stream_.has_audio = publisher_.settings.audio;
   stream_.has_video = publisher_.settings.video;
+  if (publisher_.settings.has_capturer) hint_ = publisher_.capturer.init();
   open();
 }
 
 Publication::~Publication() {
-  if (publisher_.settings.has_capturer) publisher_.capturer.stop();
+  publisher_.capturer.stop_and_destroy();
   close_peer();
   if (announced_) publisher_.call(publisher_.callbacks.on_stream_destroyed, &stream_);
 }
@@ -96,9 +103,12 @@ void Publication::open() {
 }
 
 // Adds a source and its encoder, linked to the webrtcbin; null when an element is missing.
-GstElement* Publication::add(const char* elements, GError** error) {
+GstElement* Publication::add(const char* elements, const char* rtp_caps, GError** error) {
   GstElement* bin = gst_parse_bin_from_description(elements, TRUE, error);
   if (bin == nullptr) return nullptr;
+  const Gst<GstElement> rtp(gst_bin_get_by_name(GST_BIN(bin), "rtp"));
+  const Gst<GstCaps> caps(gst_caps_from_string(rtp_caps));
+  g_object_set(rtp.get(), "caps", caps.get(), nullptr);
   gst_bin_add(GST_BIN(peer_->pipeline()), bin);
   gst_element_link(bin, peer_->webrtc());
   return gst_bin_get_by_name(GST_BIN(bin), "source");
@@ -107,10 +117,10 @@ GstElement* Publication::add(const char* elements, GError** error) {
 bool Publication::build() {
   GError* error = nullptr;
   if (publisher_.settings.video && publisher_.settings.has_capturer) {
-    video_.reset(add(video_elements, &error));
+    video_.reset(add(video_elements, video_caps, &error));
   }
   if (publisher_.settings.audio && error == nullptr) {
-    audio_.reset(add(audio_elements(publisher_.settings.stereo).c_str(), &error));
+    audio_.reset(add(audio_elements(publisher_.settings.stereo).c_str(), audio_caps, &error));
   }
   if (error == nullptr) return true;
   const std::string text = std::string("Publishing is not possible: ") + error->message +
@@ -118,6 +128,29 @@ bool Publication::build() {
   g_error_free(error);
   publisher_.call(publisher_.callbacks.on_error, text.c_str(), OTC_FATAL);
   return false;
+}
+
+// One black frame and one block of silence: what is sent can be offered only once it has begun.
+void Publication::prime() {
+  if (video_ != nullptr) {
+    constexpr int largest = 4096;
+    const int width = std::clamp(hint_.width, 16, largest);
+    const int height = std::clamp(hint_.height, 16, largest);
+    const std::vector<std::uint8_t> black(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4);
+    otc_video_frame frame;
+    frame.format = OTC_VIDEO_FRAME_FORMAT_ARGB32;
+    frame.width = width;
+    frame.height = height;
+    frame.planes[0] = black.data();
+    frame.strides[0] = 4 * width;
+    publisher_.capturer.set_output(GST_APP_SRC(video_.get()));
+    publisher_.capturer.provide(frame, 0);
+    publisher_.capturer.set_output(nullptr);
+  }
+  if (audio_ != nullptr) {
+    constexpr std::size_t bytes = 960 * 2 * sizeof(std::int16_t);
+    gst_app_src_push_buffer(GST_APP_SRC(audio_.get()), gst_buffer_new_memdup(std::vector<char>(bytes).data(), bytes));
+  }
 }
 
 void Publication::peer_attached() {
@@ -137,6 +170,7 @@ void Publication::peer_attached() {
           const std::string refused = string_at(answer, "error");
           if (!refused.empty()) peer_failed(refused);
         });
+    prime();
   });
 }
 

@@ -62,7 +62,8 @@ class Publication : private Peer::Listener {
   void open();
   void close_peer();
   bool build();
-  GstElement* add(const char* elements, GError** error);
+  void prime();
+  GstElement* add(const char* elements, const char* rtp_caps, GError** error);
 
   const std::shared_ptr<JanusConnection> janus_;
   otc_publisher& publisher_;
@@ -73,6 +74,7 @@ class Publication : private Peer::Listener {
   Gst<GstElement> audio_;  // the pipeline's sources
   Gst<GstElement> video_;
   std::unique_ptr<Bitrate> bitrate_;
+  otc_video_capturer_settings hint_ = {};
   otc_stream stream_;
   bool announced_ = false;
   Timer retry_;
