@@ -202,6 +202,7 @@ class Reader {
     if (!isPadding(bytes, keyEnd, valueStart)) return fail("padding that is not zero");
     std::string_view key;
     if (!text(bytes.first(keyEnd), key)) return false;
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the analyzer loses count of references
     Ref<> value = variant(bytes.subspan(valueStart, valueEnd - valueStart));
     if (!value) return false;
     dictionary.entries.push_back({std::string(key), std::move(value)});
@@ -257,6 +258,7 @@ class Reader {
     if (isArray) {
       auto array = make<Array>();
       forEachElement(bytes, [&](std::span<const uint8_t> element) {
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the analyzer loses count of references
         Ref<> value = variant(element);
         if (value) array->values.push_back(std::move(value));
         return problem == nullptr;

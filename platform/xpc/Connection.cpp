@@ -16,7 +16,7 @@ using platform::xpc::Ref;
 namespace {
 
 // So much may have been read and not yet handled before the connection stops reading.
-constexpr size_t kInboxLimit = 8 * 1024 * 1024;
+constexpr size_t kInboxLimit = size_t{8} * 1024 * 1024;
 
 Ref<> reference(xpc_object_t object) {
   return Ref<>::retained(static_cast<Object*>(object));

@@ -12,8 +12,8 @@
 namespace platform::xpc {
 
 constexpr size_t kHeaderSize = 16;
-constexpr size_t kLargestInline = 64 * 1024;  // a larger body travels in a memfd
-constexpr size_t kLargestBody = 8 * 1024 * 1024;
+constexpr size_t kLargestInline = size_t{64} * 1024;  // a larger body travels in a memfd
+constexpr size_t kLargestBody = size_t{8} * 1024 * 1024;
 constexpr size_t kMostDescriptors = 64;  // a large body's memfd among them
 constexpr unsigned kDeepest = 32;        // containers within containers
 

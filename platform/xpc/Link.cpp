@@ -14,9 +14,9 @@
 namespace platform::xpc {
 namespace {
 
-constexpr size_t kOutboxLimit = 8 * 1024 * 1024;
+constexpr size_t kOutboxLimit = size_t{8} * 1024 * 1024;
 constexpr size_t kChargePerDatagram = 256;
-constexpr size_t kChargePerDescriptor = 64 * 1024;
+constexpr size_t kChargePerDescriptor = size_t{64} * 1024;
 constexpr size_t kMostDescriptorsOfTheSystem = 253;  // SCM_MAX_FD
 // So many messages are read before their handlers are started, though more may be there.
 constexpr unsigned kMessagesAtOnce = 32;

@@ -228,7 +228,9 @@ TEST_F(MessageTest, HandlersMayWait) {
   for (int i = 0; i < 8; i++) {
     stuck.push_back(std::make_unique<Connection>(client(kName)));
     xpc_connection_activate(*stuck.back());
-    xpc_connection_send_message_with_reply(*stuck.back(), message("a", "b"), nullptr, [&](xpc_object_t) {
+  }
+  for (auto& connection : stuck) {
+    xpc_connection_send_message_with_reply(*connection, message("a", "b"), nullptr, [&](xpc_object_t) {
       replies.put(sync(*stuck.front(), message("inner", "question")));
       release.next();
     });
