@@ -16,6 +16,8 @@ constexpr int lowest = 150000;
 constexpr int first = 1500000;
 constexpr int highest = 4000000;
 constexpr auto interval = 500ms;
+constexpr guint fewest_packets = 10;
+constexpr gint64 largest_growth = 1000000;  // nanoseconds
 
 // The limit in a REMB message, 0 where it is none: "REMB", one byte, 6 bits of exponent, 18 of mantissa.
 int remb_limit(const guint8* data, gsize size) {
@@ -35,9 +37,12 @@ Bitrate::Bitrate(GstElement* webrtc, GstElement* source) : limit_(highest), rate
   g_object_set(encoder_.get(), "target-bitrate", rate_, nullptr);
 
   const Gst<GstElement> rtpbin(gst_bin_get_by_name(GST_BIN(webrtc), "rtpbin"));
-  if (rtpbin != nullptr) g_signal_emit_by_name(rtpbin.get(), "get-internal-session", 0U, &session_);
-  if (session_ == nullptr) return;
-  g_signal_connect(session_, "on-feedback-rtcp",
+  GstElement* session = nullptr;
+  if (rtpbin != nullptr) g_signal_emit_by_name(rtpbin.get(), "get-session", 0U, &session);
+  if (session == nullptr) return;
+  statistics_.reset(session);
+  g_object_get(session, "internal-session", &feedback_, nullptr);
+  g_signal_connect(feedback_, "on-feedback-rtcp",
                    G_CALLBACK(+[](GObject*, guint type, guint format, guint, guint, GstBuffer* data, Bitrate* self) {
                      constexpr guint payload_specific = 206;
                      constexpr guint application_layer = 15;
@@ -55,29 +60,32 @@ Bitrate::Bitrate(GstElement* webrtc, GstElement* source) : limit_(highest), rate
 }
 
 Bitrate::~Bitrate() {
-  if (session_ == nullptr) return;
-  g_signal_handlers_disconnect_by_data(session_, this);
-  g_object_unref(session_);
+  if (feedback_ == nullptr) return;
+  g_signal_handlers_disconnect_by_data(feedback_, this);
+  g_object_unref(feedback_);
 }
 
 void Bitrate::adapt() {
   GstStructure* stats = nullptr;
-  g_object_get(session_, "twcc-stats", &stats, nullptr);
+  g_object_get(statistics_.get(), "twcc-stats", &stats, nullptr);
+  if (stats == nullptr) return;
   double lost = 0;     // per cent
   gint64 growing = 0;  // nanoseconds by which the delay of a packet exceeds that of the one before
-  if (stats != nullptr) {
-    gst_structure_get_double(stats, "packet-loss-pct", &lost);
-    gst_structure_get_int64(stats, "avg-delta-of-delta", &growing);
-    gst_structure_free(stats);
-  }
+  guint packets = 0;
+  guint sent = 0;  // bits a second
+  gst_structure_get(stats, "packet-loss-pct", G_TYPE_DOUBLE, &lost, "avg-delta-of-delta", G_TYPE_INT64, &growing,
+                    "packets-sent", G_TYPE_UINT, &packets, "bitrate-sent", G_TYPE_UINT, &sent, nullptr);
+  gst_structure_free(stats);
   double wanted = rate_;
-  if (lost > 10) {
+  if (packets < fewest_packets) {
+    lost = 0;  // too little to judge by
+  } else if (lost > 10) {
     wanted *= 1 - lost / 200;
-  } else if (growing > 1000000) {
+  } else if (growing > largest_growth) {
     wanted *= 0.9;
-  } else if (lost < 2) {
-    wanted = wanted * 1.04 + 10000;
   }
+  // More is tried only where what there is is used.
+  if (wanted >= rate_ && lost < 2 && sent > rate_ * 0.7) wanted = wanted * 1.05 + 10000;
   const int rate = std::clamp(static_cast<int>(wanted), lowest, std::max(lowest, limit_.load()));
   if (rate == rate_) return;
   rate_ = rate;

@@ -22,7 +22,8 @@ class Bitrate {
   void adapt();
 
   Gst<GstElement> encoder_;
-  GObject* session_ = nullptr;
+  Gst<GstElement> statistics_;   // the session's element
+  GObject* feedback_ = nullptr;  // and what is inside it
   std::atomic<int> limit_;
   int rate_;
   Timer timer_;

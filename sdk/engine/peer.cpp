@@ -270,6 +270,7 @@ void Peer::state_changed(int state) {
 }
 
 void Peer::bus_message(GstMessage* message) {
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_LATENCY) gst_bin_recalculate_latency(GST_BIN(pipeline_.get()));
   if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) return;
   GError* error = nullptr;
   gst_message_parse_error(message, &error, nullptr);

@@ -24,7 +24,7 @@ constexpr auto retry_interval = 1s;
 // frame takes a part of the time between two. It never drops a frame and holds none back. Key frames come
 // when somebody asks, and once in a long while.
 constexpr const char* video_elements =
-    "appsrc name=source is-live=true format=time do-timestamp=true"
+    "appsrc name=source is-live=true format=time do-timestamp=true min-latency=0 max-latency=1000000000"
     " ! vp8enc name=encoder deadline=1 cpu-used=8 threads=2 end-usage=cbr lag-in-frames=0 dropframe-threshold=0"
     " resize-allowed=false keyframe-max-dist=3000 min-quantizer=4 max-quantizer=63 undershoot=100 overshoot=15"
     " buffer-size=1000 buffer-initial-size=500 buffer-optimal-size=600 error-resilient=default static-threshold=1"
@@ -37,7 +37,7 @@ constexpr const char* audio_caps = "application/x-rtp,media=audio,clock-rate=480
 
 std::string audio_elements(bool stereo) {
   return std::string(
-             "appsrc name=source is-live=true format=time"
+             "appsrc name=source is-live=true format=time min-latency=0 max-latency=1000000000"
              " caps=audio/x-raw,format=S16LE,layout=interleaved,rate=48000,channels=2"
              " ! audioconvert ! audio/x-raw,channels=") +
          (stereo ? "2" : "1") +
