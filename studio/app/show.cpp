@@ -97,7 +97,7 @@ std::string Show::testSource() const {
       "videotestsrc is-live=true pattern=smpte horizontal-speed=2 ! "
       "video/x-raw,format=I420,width={},height={},framerate={}/1 ! "
       "clockoverlay time-format=%H:%M:%S font-desc=\"Sans 40\" halignment=center valignment=center "
-      "shaded-background=true  "
+      "shaded-background=true ! video/x-raw ! identity  "
       "audiotestsrc is-live=true freq=440 volume=0.1 samplesperbuffer=480 ! "
       "audio/x-raw,rate=48000,channels=2 ! "
       "identity",
@@ -203,7 +203,11 @@ void Show::append(GstPad* pad, const std::string& branch, GstFlowReturn (*onSamp
   gst_bin_add(GST_BIN(pipeline_), bin);
   gst_element_sync_state_with_parent(bin);
   GstPad* entry = gst_element_get_static_pad(bin, "sink");
-  gst_pad_link(pad, entry);
+  if (GST_PAD_LINK_FAILED(gst_pad_link(pad, entry))) {
+    onMainLoop([news = news_] {
+      news("failed", "the source is in a form that cannot be read; decode or convert it");
+    });
+  }
   gst_object_unref(entry);
 }
 

@@ -80,6 +80,7 @@ int Studio::run() {
     guestLink_ = fmt::format("{}#room={}&token={}", web_->pageUrl(), room_.id, room_.tokens[1]);
     show_ = std::make_unique<Show>(Show::Settings{options_.width, options_.height, options_.framesPerSecond},
                                    *this, [this](const std::string& state, const std::string& text) {
+                                     if (!show_) return;
                                      event("show", {{"state", state}, {"source", show_->source()}});
                                      output_.note("The show: " + text);
                                    });
