@@ -156,10 +156,11 @@ void _xpc_connection_s::post(const Dictionary& message, Pending pending) {
       addReply(pending.queue, std::move(pending.handler), reference(XPC_ERROR_CONNECTION_INVALID), work);
   } else {
     std::lock_guard lock(m_mutex);
-    if (m_active || m_ended)
-      link = prepare(datagram, std::move(pending), work);
-    else
+    if (!m_active && !m_ended) {
       m_held.push_back({std::move(datagram), std::move(pending), {}});
+      return;
+    }
+    link = prepare(datagram, std::move(pending), work);
   }
   if (link) link->send(datagram);
   work.submit();

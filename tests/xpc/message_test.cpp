@@ -232,11 +232,12 @@ TEST_F(MessageTest, HandlersMayWait) {
   for (auto& connection : stuck) {
     xpc_connection_send_message_with_reply(*connection, message("a", "b"), nullptr, [&](xpc_object_t) {
       replies.put(sync(*stuck.front(), message("inner", "question")));
-      release.next();
+      replies.put(release.next());
     });
   }
   for (int i = 0; i < 8; i++) EXPECT_STREQ(xpc_dictionary_get_string(replies.next(), "inner"), "question");
   for (int i = 0; i < 8; i++) release.put(XPC_ERROR_CONNECTION_INVALID);
+  for (int i = 0; i < 8; i++) EXPECT_EQ(replies.next(), XPC_ERROR_CONNECTION_INVALID);
 }
 
 TEST_F(MessageTest, APeerThatDoesNotReadIsDisconnectedAndAnotherServed) {
