@@ -1,6 +1,6 @@
 // The guest's place in the session: the camera's stream, the screen's, the show's, and the signals.
 
-import { NO_SUCH_SESSION, Session } from "./janus.js";
+import { NO_SUCH_SESSION, Session } from "./session.js";
 import { Signals } from "./signals.js";
 import { Publisher, Subscriber } from "./streams.js";
 

@@ -25,11 +25,10 @@ const FLAGS = [
   "--allow-loopback-in-peer-connection",
   "--autoplay-policy=no-user-gesture-required",
   "--use-fake-device-for-media-stream",
-  "--use-fake-ui-for-media-stream",
 ];
 
-/** A browser for guests; `close` ends it and takes its files away. */
-export async function launch() {
+/** A browser for guests that allows the camera, or refuses it; `close` ends it and takes its files away. */
+export async function launch({ refusing = false } = {}) {
   const folder = mkdtempSync(join(tmpdir(), "guests-"));
   writeCamera(join(folder, "camera.y4m"), CAMERA_SIZE.width, CAMERA_SIZE.height);
   writeTones(join(folder, "tones.wav"), TONES);
@@ -37,6 +36,7 @@ export async function launch() {
     executablePath: "/usr/bin/chromium",
     args: [
       ...FLAGS,
+      ...(refusing ? [] : ["--use-fake-ui-for-media-stream"]),
       `--use-file-for-fake-video-capture=${join(folder, "camera.y4m")}`,
       `--use-file-for-fake-audio-capture=${join(folder, "tones.wav")}`,
     ],
@@ -51,7 +51,7 @@ export async function launch() {
     async open(link, { name, ...options } = {}) {
       const context = await browser.newContext({ viewport: { width: 1280, height: 800 }, ...options });
       const page = await context.newPage();
-      page.setDefaultTimeout(15_000);
+      page.setDefaultTimeout(30_000);
       page.on("pageerror", (error) => faults.push(error.stack));
       page.on("console", (message) => message.type() === "error" && faults.push(message.text()));
       if (name) {

@@ -2,12 +2,15 @@
 
 import { spawn } from "node:child_process";
 import { once } from "node:events";
-import { mkdtempSync, rmSync } from "node:fs";
+import { mkdtempSync, readFileSync, rmSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { createInterface } from "node:readline";
+import { setTimeout as pause } from "node:timers/promises";
 
-const DEADLINE = 20_000;
+import { readPicture, readSound } from "./content.js";
+
+const DEADLINE = 30_000;
 
 export class Studio {
   /** Every report so far, oldest first. */
@@ -23,7 +26,7 @@ export class Studio {
   static async start(...options) {
     const studio = new Studio();
     studio.#start(options);
-    studio.link = (await studio.report("link")).url;
+    studio.link = (await studio.report("ready")).link;
     return studio;
   }
 
@@ -87,6 +90,44 @@ export class Studio {
     const after = this.now;
     this.say(line);
     return this.report(name, fields, after);
+  }
+
+  /** Asks for the table of guests until it is as `fits` wants it; resolves with it. */
+  async guests(what, fits) {
+    const end = Date.now() + DEADLINE;
+    for (;;) {
+      const table = await this.ask("guests", "guests");
+      if (fits(table)) return table;
+      if (Date.now() > end) throw new Error(`the guests' table never said: ${what}; it says ${JSON.stringify(table)}`);
+      await pause(100);
+    }
+  }
+
+  /** Brings a ringing guest in by its stream's id; resolves with the first frame's report. */
+  async admit(id) {
+    return this.ask(`admit ${id}`, "frame", { id });
+  }
+
+  /** Writes a guest's next picture to a file; resolves with what is in it. */
+  async snapshot(id) {
+    const file = join(this.folder, `${this.now}.png`);
+    await this.ask(`snapshot ${id} ${file}`, "snapshot", { file });
+    return readPicture(file);
+  }
+
+  /** Records a guest who alone is heard; resolves with what is in the sound. */
+  async listen(id, tones) {
+    const file = join(this.folder, `${this.now}.wav`);
+    await this.ask(`record-audio ${id} 0.6 ${file}`, "recorded", { file });
+    return readSound(file, tones);
+  }
+
+  /** Kills the service's process as a crash would. */
+  killService() {
+    const { pid } = this.#process;
+    const children = readFileSync(`/proc/${pid}/task/${pid}/children`, "utf8").trim().split(" ");
+    const service = children.find((child) => readFileSync(`/proc/${child}/cmdline`, "utf8").includes("guest-service"));
+    process.kill(Number(service), "SIGKILL");
   }
 
   /** Ends the studio in the orderly way; rejects if it does not end well. */
