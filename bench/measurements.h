@@ -1,0 +1,27 @@
+// What is measured. Each function adds its rows to the report.
+#pragma once
+
+#include <cstdint>
+
+#include "report.h"
+#include "service.h"
+
+namespace bench {
+
+// Of a service that has joined and has a guest: guests' frames of one size, the show's frames, messages.
+void measureFrames(Service& service, Report& report, int width, int height);
+void measureShowFrames(Service& service, Report& report);
+void measureMessages(Service& service, Report& report);
+
+// Of services of their own.
+void measureStart(Report& report);
+void measureMemory(Report& report);
+
+// Between two measurements the threads of both processes fall asleep, as they do between two frames.
+void rest();
+
+Message frameMessage(Order order, int width, int height, int guest = 0);
+// Has a guest's frame sent and answers how long it took until the studio held its surface, in nanoseconds.
+int64_t frame(Service& service, int width, int height, int guest = 0);
+
+}  // namespace bench
