@@ -96,6 +96,7 @@ void remove(xpc_object_t xdict, const char* key) {
 
 Ref<Descriptor> duplicated(int fd) {
   FileDescriptor copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the analyzer loses count of references
   return copy ? make<Descriptor>(std::move(copy)) : Ref<Descriptor>();
 }
 
@@ -288,6 +289,7 @@ size_t xpc_dictionary_get_count(xpc_object_t xdict) {
   return dictionary ? dictionary->entries.size() : 0;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the system's signature
 bool xpc_dictionary_apply(xpc_object_t xdict, xpc_dictionary_applier_t applier) {
   if (auto* dictionary = cast<Dictionary>(xdict, XPC_TYPE_DICTIONARY))
     for (const auto& entry : dictionary->entries)
