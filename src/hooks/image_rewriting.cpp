@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 namespace {
 
@@ -108,10 +109,11 @@ class ImportTables {
     if (symbol >= symbolCount_) return nullptr;  // local and absolute entries are higher than any
     uint32_t nameOffset = 0;
     memcpy(&nameOffset, symbols_ + symbol * sizeof(nlist_64) + offsetof(nlist_64, n_un), sizeof nameOffset);
-    if (nameOffset >= stringsSize_ || stringsSize_ - nameOffset < 3) return nullptr;
+    if (nameOffset >= stringsSize_) return nullptr;
     const char* const name = strings_ + nameOffset;
-    if (name[0] == '\0' || name[1] == '\0') return nullptr;
-    return rebindings.find(name + 1, stringsSize_ - nameOffset - 1);
+    const SymbolRebinding* const found = rebindings.find(name + 1, stringsSize_ - nameOffset - 1);
+    // No rebinding has an empty name, so one that was found is at least the second character of this one.
+    return found != nullptr && name[0] != '\0' ? found : nullptr;
   }
 
  private:
@@ -175,25 +177,36 @@ void redirect(void** slot, const ImportTables& tables, const RebindingIndex& reb
   }
 }
 
-void rewriteSlots(const section_64& section, void** bindings, const ImportTables& tables,
-                  const RebindingIndex& rebindings) {
-  const uint64_t first = section.reserved1;
-  if (first >= tables.indirectCount()) return;
-  const uint64_t count = std::min(section.size / sizeof(void*), tables.indirectCount() - first);
-  for (uint64_t i = 0; i < count; ++i) {
-    if (tables.rebinding(rebindings, first + i) != nullptr)
-      redirect(bindings + i, tables, rebindings, first + i);
+// The slots of a section of symbol pointers, with their part of the indirect table.
+struct PointerSection {
+  void** bindings;
+  uint64_t firstEntry;
+  uint64_t count;
+
+  // The first slot from `slot` on that a rebinding is for; `count` if there is none. The tables come by value:
+  // so the compiler knows that they stay the same from slot to slot.
+  uint64_t nextMatch(uint64_t slot, ImportTables tables, const RebindingIndex& rebindings) const {
+    while (slot < count && tables.rebinding(rebindings, firstEntry + slot) == nullptr) ++slot;
+    return slot;
   }
-}
+};
 
 void rewriteSection(const section_64& section, intptr_t slide, const ImportTables& tables,
                     const RebindingIndex& rebindings) {
-  auto** const bindings = reinterpret_cast<void**>(static_cast<uint64_t>(slide) + section.addr);
+  if (section.reserved1 >= tables.indirectCount()) return;
+  const PointerSection slots{
+      reinterpret_cast<void**>(static_cast<uint64_t>(slide) + section.addr), section.reserved1,
+      std::min(section.size / sizeof(void*), tables.indirectCount() - section.reserved1)};
+  uint64_t slot = slots.nextMatch(0, tables, rebindings);
+  // Most images import none of the names, and opening pages costs far more than going over the table.
+  if (slot == slots.count) return;
+
+  std::optional<WritableSection> open;
   if (isNamed(section.segname, "__DATA_CONST") || isNamed(section.segname, "__AUTH_CONST")) {
-    const WritableSection open(bindings, section.size);
-    rewriteSlots(section, bindings, tables, rebindings);
-  } else {
-    rewriteSlots(section, bindings, tables, rebindings);
+    open.emplace(slots.bindings, section.size);
+  }
+  for (; slot < slots.count; slot = slots.nextMatch(slot + 1, tables, rebindings)) {
+    redirect(slots.bindings + slot, tables, rebindings, slots.firstEntry + slot);
   }
 }
 

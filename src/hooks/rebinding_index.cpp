@@ -20,6 +20,7 @@ void RebindingIndex::add(IndexedRebinding* rebindings, size_t count) {
   const std::less<const IndexedRebinding*> before;
   for (IndexedRebinding* added = rebindings; added != rebindings + count; ++added) {
     const char* const name = added->rebinding.name;
+    if (name[0] == '\0') continue;  // symbols of one character take no part
     added->length = strlen(name);
     if (const size_t size = added->length + 1; size >= sizeof added->ending) {
       memcpy(&added->ending, name + size - sizeof added->ending, sizeof added->ending);
@@ -37,21 +38,18 @@ void RebindingIndex::add(IndexedRebinding* rebindings, size_t count) {
 
 void RebindingIndex::insert(IndexedRebinding& added, const IndexedRebinding* nearest) {
   if (nearest == nullptr) {
-    // The first node tests nothing: what there is lies on its one side.
-    added.next[0].store(&added, std::memory_order_relaxed);
-    root_.store(&added, std::memory_order_release);
+    top_.store(&added, std::memory_order_release);
     return;
   }
   const char* const name = added.rebinding.name;
   const size_t room = added.length + 1;
   added.bit = firstDifference(name, nearest->rebinding.name);
 
-  IndexedRebinding* above = root_.load(std::memory_order_relaxed);
-  std::atomic<IndexedRebinding*>* link = &above->next[0];
+  std::atomic<IndexedRebinding*>* link = &top_;
   IndexedRebinding* below = link->load(std::memory_order_relaxed);
-  while (below->bit > above->bit && below->bit < added.bit) {
-    above = below;
-    link = &above->next[isSet(name, room, above->bit)];
+  for (size_t tested = 0; below->bit > tested && below->bit < added.bit;) {
+    tested = below->bit;
+    link = &below->next[isSet(name, room, tested)];
     below = link->load(std::memory_order_relaxed);
   }
   const bool side = isSet(name, room, added.bit);

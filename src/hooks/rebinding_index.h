@@ -16,7 +16,7 @@ struct IndexedRebinding {
   uint64_t ending = 0;  // the name's last eight bytes, its NUL included, if it has so many
 
   // As a node of the index.
-  size_t bit = 0;                                 // the one that it tests
+  size_t bit = 0;                                 // the one that it tests; 0: none, as the first node
   std::atomic<const IndexedRebinding*> newest{};  // of those with its name
   std::atomic<IndexedRebinding*> next[2]{};
 };
@@ -50,13 +50,13 @@ class RebindingIndex {
 
   // The one node whose name can be this one; nullptr while the index is empty.
   IndexedRebinding* candidate(const char* name, size_t room) const {
-    IndexedRebinding* node = root_.load(std::memory_order_acquire);
-    while (node != nullptr) {
-      IndexedRebinding* const next = node->next[isSet(name, room, node->bit)].load(std::memory_order_acquire);
-      if (next->bit <= node->bit) return next;
-      node = next;
+    IndexedRebinding* node = top_.load(std::memory_order_acquire);
+    if (node == nullptr) return nullptr;
+    for (size_t tested = 0; node->bit > tested;) {
+      tested = node->bit;
+      node = node->next[isSet(name, room, tested)].load(std::memory_order_acquire);
     }
-    return nullptr;
+    return node;
   }
 
   // Needs length < room. The last eight bytes first: names of one image often begin alike.
@@ -72,5 +72,5 @@ class RebindingIndex {
 
   void insert(IndexedRebinding& added, const IndexedRebinding* nearest);
 
-  std::atomic<IndexedRebinding*> root_{};
+  std::atomic<IndexedRebinding*> top_{};
 };

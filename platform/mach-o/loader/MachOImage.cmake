@@ -3,21 +3,21 @@
 # the target macho_<name>. What it imports and does not define is looked up when it is loaded.
 set(MACHO_IMAGE_DIR ${CMAKE_BINARY_DIR}/macho CACHE INTERNAL "Where Mach-O images are built")
 
+find_program(MACHO_CLANG NAMES clang clang-19 clang-16 clang-14)
+find_program(MACHO_LINKER NAMES ld64.lld-19 ld64.lld-16 ld64.lld-15 ld64.lld)
+set(MACHO_IMAGES_CAN_BE_BUILT FALSE CACHE INTERNAL "Whether clang and an ld64.lld that knows chained fixups are there")
+if(MACHO_CLANG AND MACHO_LINKER)
+  execute_process(COMMAND ${MACHO_LINKER} --help OUTPUT_VARIABLE linker_help ERROR_QUIET)
+  if(linker_help MATCHES "-fixup_chains")
+    set(MACHO_IMAGES_CAN_BE_BUILT TRUE CACHE INTERNAL "")
+  endif()
+endif()
+
 function(add_macho_image name)
   cmake_parse_arguments(ARG "" "SOURCE;ARCHITECTURE" "COMPILE;LINK" ${ARGN})
-  find_program(MACHO_CLANG NAMES clang clang-19 clang-16 clang-14)
-  find_program(MACHO_LINKER NAMES ld64.lld-19 ld64.lld-16 ld64.lld-15 ld64.lld)
-  if(NOT MACHO_CLANG OR NOT MACHO_LINKER)
+  if(NOT MACHO_IMAGES_CAN_BE_BUILT)
     message(FATAL_ERROR "Mach-O images are built with clang and ld64.lld of version 15 or later, which are not both \
-installed. On Debian: apt-get install clang lld-16")
-  endif()
-  if(NOT MACHO_LINKER_CHAINS)
-    execute_process(COMMAND ${MACHO_LINKER} --help OUTPUT_VARIABLE help ERROR_QUIET)
-    if(NOT help MATCHES "fixup_chains")
-      message(FATAL_ERROR "${MACHO_LINKER} knows no chained fixups: version 15 or later of ld64.lld is needed. \
-On Debian: apt-get install lld-16")
-    endif()
-    set(MACHO_LINKER_CHAINS TRUE CACHE INTERNAL "The linker was seen to know chained fixups")
+here (clang: ${MACHO_CLANG}, ld64.lld: ${MACHO_LINKER}). On Debian: apt-get install clang lld-16")
   endif()
 
   set(source ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_SOURCE})
