@@ -17,6 +17,7 @@ using namespace std::chrono_literals;
 
 constexpr auto retry_interval = 1s;
 constexpr int most_failures = 10;
+constexpr auto picture_check_interval = 1s;
 
 // From RTP to what the program gets, by the codec's name in the caps.
 struct Decoder {
@@ -25,14 +26,14 @@ struct Decoder {
 };
 // A decoder that has lost something shows nothing before the next key frame, and asks for that.
 #define ASKS_FOR_KEY_FRAMES " automatic-request-sync-points=true"
-#define SINK " ! fakesink name=sink sync=false async=false enable-last-sample=false"
-#define PICTURES ASKS_FOR_KEY_FRAMES " ! video/x-raw,format=I420" SINK
+#define SINK " ! fakesink sync=false async=false enable-last-sample=false"
+#define PICTURES ASKS_FOR_KEY_FRAMES " ! video/x-raw,format=I420" SINK " name=video"
 constexpr std::array<Decoder, 4> decoders = {{
     {"VP8", "rtpvp8depay request-keyframe=true wait-for-keyframe=true ! vp8dec threads=1" PICTURES},
     {"VP9", "rtpvp9depay request-keyframe=true wait-for-keyframe=true ! vp9dec threads=1" PICTURES},
     {"H264", "rtph264depay request-keyframe=true wait-for-keyframe=true ! h264parse ! openh264dec" PICTURES},
     {"OPUS", "rtpopusdepay ! opusdec use-inband-fec=true plc=true"
-             " ! audio/x-raw,format=S16LE,layout=interleaved,rate=48000,channels=2" SINK},
+             " ! audio/x-raw,format=S16LE,layout=interleaved,rate=48000,channels=2" SINK " name=audio"},
 }};
 #undef PICTURES
 #undef SINK
@@ -58,6 +59,7 @@ GstPadProbeReturn picture_decoded(GstPad* pad, GstPadProbeInfo* probe, gpointer 
   }
   const GstClockTime time = GST_BUFFER_PTS(mapped.buffer);
   frame.timestamp = GST_CLOCK_TIME_IS_VALID(time) ? static_cast<std::int64_t>(time / 1000) : 0;
+  ++subscriber.pictures;
   subscriber.call(subscriber.callbacks.on_render_frame, &frame);
   gst_video_frame_unmap(&mapped);
   return GST_PAD_PROBE_OK;
@@ -150,11 +152,28 @@ void Subscription::apply_switches() {
 void Subscription::switch_stream(const std::string& mid, bool on, bool& current) {
   if (mid.empty() || on == current) return;
   current = on;
-  peer_->ask({{"request", "configure"}, {"streams", json::array({{{"mid", mid}, {"send", on}}})}});
+  peer_->ask({{"request", "configure"}, {"streams", json::array({{{"mid", mid}, {"send", on}}})}},
+             [this, on](const json&) {
+               if (on) ask_for_key_frame();
+             });
+}
+
+void Subscription::ask_for_key_frame() {
+  const Gst<GstElement> sink(gst_bin_get_by_name(GST_BIN(peer_->pipeline()), "video"));
+  if (sink == nullptr) return;
+  const Gst<GstPad> pad(gst_element_get_static_pad(sink.get(), "sink"));
+  gst_pad_push_event(pad.get(), gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
+}
+
+// Pictures that have stopped may only lack a key frame: the request for it, or the key frame, was lost.
+void Subscription::look_after_pictures() {
+  const unsigned pictures = subscriber_.pictures;
+  if (pictures == std::exchange(pictures_before_, pictures) && subscriber_.video) ask_for_key_frame();
 }
 
 void Subscription::peer_connected() {
   failures_ = 0;
+  picture_check_.every(picture_check_interval, [this] { look_after_pictures(); });
   AudioDevice::get().start_renderer();
   if (std::exchange(was_connected_, true)) {
     subscriber_.call(subscriber_.callbacks.on_reconnected);
@@ -165,6 +184,7 @@ void Subscription::peer_connected() {
 
 void Subscription::peer_failed(const std::string& reason) {
   if (retry_.running()) return;
+  picture_check_.stop();
   log_warning("Stream {}: {}.", subscriber_.stream.id, reason);
   if (failures_ == 0 && was_connected_) subscriber_.call(subscriber_.callbacks.on_disconnected);
   if (++failures_ > most_failures) {
@@ -188,11 +208,11 @@ void Subscription::peer_pad_added(GstPad* pad) {
       g_error_free(error);
       return;
     }
-    const Gst<GstElement> sink(gst_bin_get_by_name(GST_BIN(bin), "sink"));
+    const bool sound = std::strcmp(encoding, "OPUS") == 0;
+    const Gst<GstElement> sink(gst_bin_get_by_name(GST_BIN(bin), sound ? "audio" : "video"));
     const Gst<GstPad> output(gst_element_get_static_pad(sink.get(), "sink"));
     gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER,
-                      std::strcmp(encoding, "OPUS") == 0 ? sound_decoded : picture_decoded, &subscriber_,
-                      nullptr);
+                      sound ? sound_decoded : picture_decoded, &subscriber_, nullptr);
 
     const Gst<GstElement> webrtc(gst_pad_get_parent_element(pad));
     const Gst<GstElement> pipeline(GST_ELEMENT(gst_element_get_parent(webrtc.get())));

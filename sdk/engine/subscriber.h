@@ -31,6 +31,7 @@ struct otc_subscriber {
   std::mutex one_at_a_time;
   std::atomic<bool> video{true};
   std::atomic<bool> audio{true};
+  std::atomic<unsigned> pictures{0};  // that have come so far
   engine::Subscription* subscription = nullptr;  // of the engine's thread
 };
 
@@ -63,6 +64,8 @@ class Subscription : private Peer::Listener {
 
   void open();
   void streams_listed(const json& data);
+  void ask_for_key_frame();
+  void look_after_pictures();
   void switch_stream(const std::string& mid, bool on, bool& current);
 
   const std::shared_ptr<JanusConnection> janus_;
@@ -77,7 +80,9 @@ class Subscription : private Peer::Listener {
   bool audio_sent_ = true;
   bool was_connected_ = false;
   int failures_ = 0;
+  unsigned pictures_before_ = 0;
   Timer retry_;
+  Timer picture_check_;
 };
 
 }  // namespace engine

@@ -124,7 +124,7 @@ window.describe = ({ as, kind, description }) => {
 window.unpublish = ({ as }) => {
   const me = participants.get(as);
   me.connection.close();
-  return me.janus.ask(me.handle, { request: 'unpublish' }).then(() => null);
+  return me.janus.request({ janus: 'message', handle_id: me.handle, body: { request: 'unpublish' } }).then(() => null);
 };
 // As a page that goes away does.
 window.leave = ({ as }) => {
