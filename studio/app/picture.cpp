@@ -53,8 +53,10 @@ void PictureConverter::prepare(const GstVideoInfo& from, const GstVideoInfo& to)
 }
 
 bool PictureConverter::convert(GstBuffer* picture, const GstVideoInfo& info, IOSurfaceRef surface) {
-  const GstVideoInfo target =
+  GstVideoInfo target =
       infoOf(GST_VIDEO_FORMAT_BGRA, IOSurfaceGetWidth(surface), IOSurfaceGetHeight(surface));
+  target.fps_n = info.fps_n;  // the converter insists, and does nothing with them
+  target.fps_d = info.fps_d;
   prepare(info, target);
   if (!converter_) return false;
   GstVideoFrame from;
