@@ -20,6 +20,12 @@ bool isNamed(const char (&field)[16], const char* name) {
   return strncmp(field, name, sizeof field) == 0;
 }
 
+// Images tell addresses as numbers.
+template <typename T>
+T* pointerTo(uint64_t address) {
+  return reinterpret_cast<T*>(address);  // NOLINT(performance-no-int-to-ptr)
+}
+
 // Whether `size` bytes at `start` lie in the `room` bytes at `from`.
 bool liesIn(uint64_t start, uint64_t size, uint64_t from, uint64_t room) {
   return start >= from && start - from <= room && size <= room - (start - from);
@@ -93,9 +99,9 @@ class ImportTables {
       return false;
     }
     const uint64_t base = static_cast<uint64_t>(slide) + linkEdit.vmaddr - linkEdit.fileoff;
-    symbols_ = reinterpret_cast<const char*>(base + symtab.symoff);
-    strings_ = reinterpret_cast<const char*>(base + symtab.stroff);
-    indirect_ = reinterpret_cast<const char*>(base + dysymtab.indirectsymoff);
+    symbols_ = pointerTo<const char>(base + symtab.symoff);
+    strings_ = pointerTo<const char>(base + symtab.stroff);
+    indirect_ = pointerTo<const char>(base + dysymtab.indirectsymoff);
     return true;
   }
 
@@ -132,7 +138,7 @@ class WritableSection {
   WritableSection(void** bindings, uint64_t size) {
     pthread_mutex_lock(&readOnlySections);
     const uintptr_t start = reinterpret_cast<uintptr_t>(bindings) / vm_page_size * vm_page_size;
-    start_ = reinterpret_cast<void*>(start);
+    start_ = pointerTo<void>(start);
     size_ = reinterpret_cast<uintptr_t>(bindings) + size - start;
 
     vm_address_t address = start;
@@ -183,8 +189,8 @@ struct PointerSection {
   uint64_t firstEntry;
   uint64_t count;
 
-  // The first slot from `slot` on that a rebinding is for; `count` if there is none. The tables come by value:
-  // so the compiler knows that they stay the same from slot to slot.
+  // The first slot from `slot` on that a rebinding is for; `count` if there is none. The tables come by
+  // value: so the compiler knows that they stay the same from slot to slot.
   uint64_t nextMatch(uint64_t slot, ImportTables tables, const RebindingIndex& rebindings) const {
     while (slot < count && tables.rebinding(rebindings, firstEntry + slot) == nullptr) ++slot;
     return slot;
@@ -195,7 +201,7 @@ void rewriteSection(const section_64& section, intptr_t slide, const ImportTable
                     const RebindingIndex& rebindings) {
   if (section.reserved1 >= tables.indirectCount()) return;
   const PointerSection slots{
-      reinterpret_cast<void**>(static_cast<uint64_t>(slide) + section.addr), section.reserved1,
+      pointerTo<void*>(static_cast<uint64_t>(slide) + section.addr), section.reserved1,
       std::min(section.size / sizeof(void*), tables.indirectCount() - section.reserved1)};
   uint64_t slot = slots.nextMatch(0, tables, rebindings);
   // Most images import none of the names, and opening pages costs far more than going over the table.

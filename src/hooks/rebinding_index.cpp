@@ -20,7 +20,7 @@ void RebindingIndex::add(IndexedRebinding* rebindings, size_t count) {
   const std::less<const IndexedRebinding*> before;
   for (IndexedRebinding* added = rebindings; added != rebindings + count; ++added) {
     const char* const name = added->rebinding.name;
-    if (name[0] == '\0') continue;  // symbols of one character take no part
+    if (name[0] == '\0') continue;  // a symbol of one character takes no part
     added->length = strlen(name);
     if (const size_t size = added->length + 1; size >= sizeof added->ending) {
       memcpy(&added->ending, name + size - sizeof added->ending, sizeof added->ending);

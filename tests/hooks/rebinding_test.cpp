@@ -276,7 +276,7 @@ TEST_F(RebindingSets, GrowWhileThreadsLoadImages) {
 TEST(RebindingIndex, FindsWhatGoingThroughTheSetsWouldFind) {
   std::vector<std::string> names;
   for (int i = 0; i < 2000; ++i) names.push_back("import_" + std::to_string(i * 7919 % 4001));
-  for (int i = 0; i < 40; ++i) names.push_back(std::string(static_cast<size_t>(i), 'a'));
+  for (size_t i = 1; i < 40; ++i) names.push_back(std::string(i, 'a'));
   names.insert(names.end(),
                {"\xc3\xa9tage", "\xc3\xa9tages", "ab", "abc", "import_", "import_1", "import_1"});
 
