@@ -57,11 +57,20 @@ void describe(GstElement* webrtc, const char* what, std::function<void(const std
   gst_promise_unref(promise);
 }
 
-// A backlog longer than the buffer's latency is dropped and not played late.
 void tune(GstBin*, GstBin*, GstElement* element, gpointer) {
   const GstElementFactory* factory = gst_element_get_factory(element);
-  if (factory != nullptr && g_strcmp0(GST_OBJECT_NAME(factory), "rtpjitterbuffer") == 0) {
-    g_object_set(element, "drop-on-latency", TRUE, nullptr);
+  const char* kind = factory == nullptr ? "" : GST_OBJECT_NAME(factory);
+  if (g_str_equal(kind, "rtpjitterbuffer")) {
+    // A backlog longer than the buffer's latency is dropped and not played late. Only what was seen to
+    // be missing is asked for again, not also what could have come by now.
+    g_object_set(element, "drop-on-latency", TRUE, "rtx-next-seqnum", FALSE, nullptr);
+  } else if (g_str_equal(kind, "rtpsession")) {
+    // The server takes a compound report as being about the first source in it, and would miss a request
+    // for a key frame of the second: requests travel without a report.
+    GObject* session = nullptr;
+    g_object_get(element, "internal-session", &session, nullptr);
+    g_object_set(session, "rtcp-reduced-size", TRUE, nullptr);
+    g_object_unref(session);
   }
 }
 
