@@ -68,10 +68,11 @@ void Reactor::loop() {
   for (;;) {
     epoll_event event;
     if (epoll_wait(m_epoll, &event, 1, -1) != 1) continue;
+    const uint64_t id = event.data.u64;  // the structure is packed
     std::shared_ptr<Source> source;
     {
       std::lock_guard lock(m_mutex);
-      if (auto found = m_sources.find(event.data.u64); found != m_sources.end()) source = found->second;
+      if (auto found = m_sources.find(id); found != m_sources.end()) source = found->second;
     }
     if (source) source->ready(event.events);
   }
