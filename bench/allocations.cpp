@@ -16,11 +16,13 @@ void* __libc_memalign(size_t alignment, size_t size);
 
 namespace {
 
+std::atomic<bool> counting{false};
 std::atomic<int64_t> count{0};
 std::atomic<int64_t> bytes{0};
 std::atomic<int64_t> largest{0};
 
 void note(size_t size) {
+  if (!counting.load(std::memory_order_relaxed)) return;
   const auto amount = static_cast<int64_t>(size);
   count.fetch_add(1, std::memory_order_relaxed);
   bytes.fetch_add(amount, std::memory_order_relaxed);
@@ -61,6 +63,10 @@ int posix_memalign(void** memory, size_t alignment, size_t size) {
 }
 
 namespace bench {
+
+void countAllocations(bool on) {
+  counting = on;
+}
 
 Allocations allocations() {
   return {count.load(), bytes.load(), largest.exchange(0)};

@@ -10,6 +10,8 @@ struct Allocations {
   int64_t bytes;
   int64_t largest;  // since the last call
 };
+// Counting begins when it is switched on, and what is timed is timed without it.
+void countAllocations(bool on);
 Allocations allocations();
 
 int64_t minorFaults();

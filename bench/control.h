@@ -20,7 +20,7 @@ enum class Order : int32_t {
   frameFloor,     // one conversion and one round trip on the floor socket; answered with their time
   sound,          // a guest's sound: not answered, the time is in its first samples
   soundFloor,     // the same bytes over the floor socket
-  counters,       // answered with the counters
+  counters,       // answered with the counters, which count on or not as `counting` says
 };
 
 struct Message {
@@ -29,7 +29,8 @@ struct Message {
   int32_t width = 0;
   int32_t height = 0;
   int64_t sent = 0;  // nanoseconds, see now()
-  char padding[40] = {};
+  bool counting = false;
+  char padding[39] = {};
 };
 
 struct Answer {

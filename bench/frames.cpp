@@ -67,10 +67,8 @@ void measureFrames(Service& service, Report& report, int width, int height) {
   }
   report.add(name, road, floor, height == 1080 ? 1.15 : 0);
 
-  // The floor's own messages are part of neither count.
-  service.ask({.order = Order::counters});
-  const Answer before = service.ask({.order = Order::counters});
-  allocations();
+  const Answer before = service.ask({.order = Order::counters, .counting = true});
+  countAllocations(true);
   const Allocations studioBefore = allocations();
   const int64_t studioFaults = minorFaults();
   for (int i = 0; i < kFrames; ++i) {
@@ -79,6 +77,7 @@ void measureFrames(Service& service, Report& report, int width, int height) {
   }
   const Allocations studioAfter = allocations();
   const int64_t studioFaultsAfter = minorFaults();
+  countAllocations(false);
   const Answer after = service.ask({.order = Order::counters});
 
   const auto each = [](int64_t from, int64_t to) { return static_cast<double>(to - from) / kFrames; };

@@ -170,7 +170,8 @@ void sendSound(int floor) {
   bench::sendPlain(floor, samples.data(), bench::kSoundBytes);
 }
 
-void answerCounters() {
+void answerCounters(bool counting) {
+  bench::countAllocations(counting);
   const auto [count, bytes, largest] = bench::allocations();
   answer({.nanoseconds = 0,
           .allocations = count,
@@ -215,7 +216,7 @@ void obey(const Message& message, int floor) {
       sendSound(floor);
       break;
     case Order::counters:
-      answerCounters();
+      answerCounters(message.counting);
       break;
   }
 }

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "IOSurface/Surface.h"
+#include "xpc/Object.h"
 
 namespace {
 
@@ -181,9 +182,8 @@ IOSurfaceRef IOSurfaceLookupFromXPCObject(xpc_object_t object) {
   if (object == nullptr || xpc_get_type(object) != XPC_TYPE_DICTIONARY) return nullptr;
   const auto layout = readLayout(object);
   if (!layout) return nullptr;
-  const int descriptor = xpc_dictionary_dup_fd(object, "memory");
-  if (descriptor < 0) return nullptr;
-  const IOSurfaceRef surface = receivedSurfaces().find(descriptor, *layout);
-  close(descriptor);
-  return surface;
+  // Looked at in place: a copy of the descriptor would cost more than all the rest of a look-up.
+  const auto* const memory =
+      platform::xpc::cast<platform::xpc::Descriptor>(xpc_dictionary_get_value(object, "memory"), XPC_TYPE_FD);
+  return memory != nullptr ? receivedSurfaces().find(memory->value.get(), *layout) : nullptr;
 }
