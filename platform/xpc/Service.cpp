@@ -49,7 +49,8 @@ std::string ownName() {
 // The socket that systemd passed, else one at the service's name.
 std::shared_ptr<Listener> listeningSocket() {
   const int count = sd_listen_fds(1);
-  if (count > 1 || (count == 1 && sd_is_socket(SD_LISTEN_FDS_START, AF_UNIX, SOCK_SEQPACKET, 1) <= 0))
+  if (count < 0 || count > 1 ||
+      (count == 1 && sd_is_socket(SD_LISTEN_FDS_START, AF_UNIX, SOCK_SEQPACKET, 1) <= 0))
     fail("systemd must pass one socket, made with ListenSequentialPacket=");
   if (count == 1) {
     state().startedOnDemand = true;

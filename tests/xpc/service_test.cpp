@@ -25,7 +25,7 @@ class ServiceTest : public testing::Test {
     const pid_t pid = fork();
     if (pid == 0) {
       if (socket >= 0) {
-        dup2(socket, 3);
+        dup2(dup(socket), 3);  // by another number, since a descriptor is not copied onto itself
         setenv("LISTEN_FDS", "1", 1);
         setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
       }
