@@ -72,27 +72,32 @@ export function alike(one, other) {
 
 /**
  * A 16-bit stereo WAV file's channels: how loud each is (1 is full scale), and the part of its power that is
- * in each of the tones, from 0 to 1.
+ * in each of the tones, from 0 to 1. Looked at in short pieces: a gap between two changes the phase.
  */
 export function readSound(file, tones) {
   const bytes = readFileSync(file);
   const start = bytes.indexOf("data") + 8;
-  const frames = Math.floor((bytes.length - start) / 4);
+  const piece = RATE / 20;
+  const pieces = Math.floor((bytes.length - start) / 4 / piece);
   return [0, 1].map((channel) => {
-    const sums = tones.map(() => [0, 0]);
+    const inTones = tones.map(() => 0);
     let power = 0;
-    for (let frame = 0; frame < frames; frame++) {
-      const sample = bytes.readInt16LE(start + frame * 4 + channel * 2) / 32_768;
-      power += sample * sample;
+    for (let frame = 0; frame < pieces * piece; frame += piece) {
+      const sample = (at) => bytes.readInt16LE(start + (frame + at) * 4 + channel * 2) / 32_768;
+      for (let at = 0; at < piece; at++) power += sample(at) ** 2;
       tones.forEach((hertz, which) => {
-        const angle = (2 * Math.PI * hertz * frame) / RATE;
-        sums[which][0] += sample * Math.cos(angle);
-        sums[which][1] += sample * Math.sin(angle);
+        let cosine = 0, sine = 0;
+        for (let at = 0; at < piece; at++) {
+          const angle = (2 * Math.PI * hertz * at) / RATE;
+          cosine += sample(at) * Math.cos(angle);
+          sine += sample(at) * Math.sin(angle);
+        }
+        inTones[which] += (2 * (cosine * cosine + sine * sine)) / piece;
       });
     }
     return {
-      loudness: frames ? Math.sqrt(power / frames) : 0,
-      inTones: sums.map(([cosine, sine]) => (power ? (2 * (cosine * cosine + sine * sine)) / frames / power : 0)),
+      loudness: pieces ? Math.sqrt(power / (pieces * piece)) : 0,
+      inTones: inTones.map((part) => (power ? part / power : 0)),
     };
   });
 }

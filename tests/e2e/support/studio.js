@@ -2,7 +2,7 @@
 
 import { spawn } from "node:child_process";
 import { once } from "node:events";
-import { mkdtempSync, readFileSync, rmSync } from "node:fs";
+import { mkdtempSync, readFileSync, readdirSync, rmSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { createInterface } from "node:readline";
@@ -125,8 +125,11 @@ export class Studio {
   /** Kills the service's process as a crash would. */
   killService() {
     const { pid } = this.#process;
-    const children = readFileSync(`/proc/${pid}/task/${pid}/children`, "utf8").trim().split(" ");
-    const service = children.find((child) => readFileSync(`/proc/${child}/cmdline`, "utf8").includes("guest-service"));
+    const children = readdirSync(`/proc/${pid}/task`).flatMap((task) =>
+      readFileSync(`/proc/${pid}/task/${task}/children`, "utf8").trim().split(" "),
+    );
+    const isService = (child) => child && readFileSync(`/proc/${child}/cmdline`, "utf8").includes("guest-service");
+    const service = children.find(isService);
     process.kill(Number(service), "SIGKILL");
   }
 
