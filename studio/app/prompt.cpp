@@ -158,14 +158,15 @@ class Terminal : public Prompt {
   gboolean read(GIOCondition condition) {
     int count = 0;
     const char* text = (condition & G_IO_IN) ? el_gets(editor_, &count) : nullptr;
-    if (ended_ || !(condition & G_IO_IN) || count < 0) {
+    // An empty line, too, is answered as if the input had ended.
+    if (ended_ || !(condition & G_IO_IN)) {
       watch_ = 0;
       hide();
       edit(false);
       onEnd_();
       return G_SOURCE_REMOVE;
     }
-    if (!text || count == 0 || text[count - 1] != '\n') return G_SOURCE_CONTINUE;
+    if (!text || count <= 0 || text[count - 1] != '\n') return G_SOURCE_CONTINUE;
     const std::string line(text, static_cast<std::size_t>(count - 1));
     edit(false);
     HistEvent event;
