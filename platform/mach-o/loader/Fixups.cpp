@@ -40,6 +40,7 @@ uint8_t* FixupTarget::pointer(const segment_command_64& segment, uint64_t offset
     throw ImageRefused(fmt::format("segment {}: a fixup at {} of {}", segmentName(segment.segname), offset,
                                    segment.filesize));
   }
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): images tell addresses as numbers
   return reinterpret_cast<uint8_t*>(slid(segment.vmaddr) + offset);
 }
 

@@ -47,6 +47,7 @@ struct MappedTables {
       if (fileOffset < segment.fileoff || fileOffset - segment.fileoff > segment.filesize) continue;
       const uint64_t offset = fileOffset - segment.fileoff;
       if (size > segment.filesize - offset) continue;
+      // NOLINTNEXTLINE(performance-no-int-to-ptr): images tell addresses as numbers
       return {reinterpret_cast<const uint8_t*>(segment.vmaddr + slide + offset), size};
     }
     return {};
@@ -117,6 +118,7 @@ void* LoadedImage::symbol(const std::string& name) const {
     const auto* const text = reinterpret_cast<const char*>(strings.data()) + entry.n_un.n_strx;
     const std::string_view found(text, strnlen(text, strings.size() - entry.n_un.n_strx));
     if (found.size() == name.size() + 1 && found[0] == '_' && found.substr(1) == name) {
+      // NOLINTNEXTLINE(performance-no-int-to-ptr): as above
       return reinterpret_cast<void*>(entry.n_value + static_cast<uint64_t>(slide_));
     }
   }
