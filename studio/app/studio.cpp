@@ -24,8 +24,9 @@ constexpr milliseconds longestPause(10'000);
 constexpr std::chrono::seconds steadyTime(30);
 constexpr milliseconds exitLimit(3000);
 
+// Short, since it becomes a part of a socket's path.
 std::string uniqueServiceName() {
-  return "com.zarvo.guest-service." + unguessable();
+  return "com.zarvo.guest-service." + unguessable().substr(0, 8);
 }
 
 // Where sockets of services are made, as the XPC client looks for them.

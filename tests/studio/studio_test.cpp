@@ -1,0 +1,277 @@
+// The studio as a program, with a real session server and a service that plays its part.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "studio/service_process.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr std::chrono::seconds deadline(30);
+
+class Program {
+ public:
+  explicit Program(const fs::path& directory) {
+    int in[2];
+    int out[2];
+    EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+    const std::string notes = (directory / "notes").string();
+    const std::string temporary = (directory / "temporary").string();
+    fs::create_directory(temporary);
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      dup2(open(notes.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
+      setenv("TMPDIR", temporary.c_str(), 1);
+      unsetenv("XDG_RUNTIME_DIR");
+      execl(ZARVO_STUDIO, "zarvo-studio", "--service", STUB_SERVICE, "--web", ZARVO_WEB, "--show",
+            "videotestsrc is-live=true", "--width", "64", "--height", "64", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    in_ = in[1];
+    out_ = out[0];
+  }
+  ~Program() {
+    closeInput();
+    kill(pid_, SIGKILL);
+    if (!ended_) waitpid(pid_, nullptr, 0);
+    close(out_);
+  }
+
+  void say(const std::string& line) const {
+    const std::string text = line + "\n";
+    ASSERT_EQ(write(in_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  void closeInput() {
+    if (in_ >= 0) close(std::exchange(in_, -1));
+  }
+
+  /// The next report of that name; an empty object when none comes.
+  json report(const std::string& name) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    for (;;) {
+      for (std::size_t line = 0; (line = unread_.find('\n')) != std::string::npos;) {
+        json event = json::parse(unread_.substr(0, line), nullptr, false);
+        unread_.erase(0, line + 1);
+        EXPECT_TRUE(event.is_object()) << "every line is a JSON object";
+        if (event.value("event", "") == name) return event;
+      }
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+      pollfd waiting{out_, POLLIN, 0};
+      char piece[4096];
+      const bool ready = left.count() > 0 && poll(&waiting, 1, static_cast<int>(left.count())) > 0;
+      const ssize_t count = ready ? read(out_, piece, sizeof piece) : 0;
+      if (count <= 0) {
+        ADD_FAILURE() << "no report \"" << name << "\"";
+        return json::object();
+      }
+      unread_.append(piece, static_cast<std::size_t>(count));
+    }
+  }
+
+  int waitForEnd() {
+    int state = 0;
+    waitpid(pid_, &state, 0);
+    ended_ = true;
+    return WIFEXITED(state) ? WEXITSTATUS(state) : -1;
+  }
+
+  void sendSignal(int number) const { kill(pid_, number); }
+
+  std::vector<pid_t> children() const {
+    std::vector<pid_t> found;
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid_) + "/task")) {
+      std::ifstream list(task.path() / "children");
+      for (pid_t child = 0; list >> child;) found.push_back(child);
+    }
+    return found;
+  }
+
+ private:
+  pid_t pid_;
+  int in_;
+  int out_;
+  bool ended_ = false;
+  std::string unread_;
+};
+
+class StudioTest : public testing::Test {
+ protected:
+  StudioTest() {
+    signal(SIGPIPE, SIG_IGN);
+    char directory[] = "/tmp/studio-test-XXXXXX";
+    directory_ = mkdtemp(directory);
+    studio_.emplace(directory_);
+  }
+  ~StudioTest() override {
+    studio_.reset();
+    if (HasFailure()) ADD_FAILURE() << "the studio's notes:\n" << notes();
+    fs::remove_all(directory_);
+  }
+
+  std::string notes() const {
+    std::ostringstream text;
+    text << std::ifstream(directory_ / "notes").rdbuf();
+    return text.str();
+  }
+
+  void expectNothingLeft(const std::vector<pid_t>& children) const {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    for (const pid_t child : children) {
+      // Whose parent has ended belongs to init, which may take a moment to notice.
+      const auto gone = [&] {
+        std::string line;
+        std::getline(std::ifstream("/proc/" + std::to_string(child) + "/stat"), line);
+        return line.empty() || line.find(") Z ") != std::string::npos;
+      };
+      while (!gone() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+      EXPECT_TRUE(gone()) << child;
+    }
+  }
+
+  fs::path directory_;
+  std::optional<Program> studio_;
+};
+
+TEST_F(StudioTest, AGuestFromRingToFiles) {
+  EXPECT_THAT(studio_->report("ready").value("link", ""),
+              testing::MatchesRegex("http://127.0.0.1:[0-9]+/#room=[0-9a-f]{32}&token=[0-9a-f]{32}"));
+  EXPECT_EQ(studio_->report("ring").value("ring", ""), "abc");
+  studio_->say("admit a");
+  const json frame = studio_->report("frame");
+  EXPECT_EQ(frame.value("width", 0), 66);
+  EXPECT_EQ(frame.value("height", 0), 34);
+
+  studio_->say("guests");
+  const json guests = studio_->report("guests");
+  EXPECT_EQ(guests.at("guests").at(0).value("state", ""), "green room");
+  const fs::path picture = directory_ / "a picture.png";
+  studio_->say("snapshot #1 " + picture.string());
+  EXPECT_EQ(studio_->report("snapshot").value("file", ""), picture.string());
+  gst_init(nullptr, nullptr);
+  GstElement* reader = gst_parse_launch(("filesrc location=\"" + picture.string() +
+                                         "\" ! pngdec ! videoconvert ! video/x-raw,format=RGB ! fakesink "
+                                         "name=sink enable-last-sample=true")
+                                            .c_str(),
+                                        nullptr);
+  gst_element_set_state(reader, GST_STATE_PAUSED);
+  ASSERT_EQ(gst_element_get_state(reader, nullptr, nullptr, 20 * GST_SECOND), GST_STATE_CHANGE_SUCCESS);
+  GstElement* sink = gst_bin_get_by_name(GST_BIN(reader), "sink");
+  GstSample* sample = nullptr;
+  g_object_get(sink, "last-sample", &sample, nullptr);
+  ASSERT_TRUE(sample);
+  unsigned char red[3] = {};
+  gst_buffer_extract(gst_sample_get_buffer(sample), 0, red, 3);
+  EXPECT_GT(red[0], 245);
+  EXPECT_LT(red[1], 10);
+  EXPECT_LT(red[2], 10);
+  gst_sample_unref(sample);
+  gst_object_unref(sink);
+  gst_element_set_state(reader, GST_STATE_NULL);
+  gst_object_unref(reader);
+
+  const fs::path sound = directory_ / "sound.wav";
+  studio_->say("record-audio abc 0.1 " + sound.string());
+  EXPECT_NEAR(studio_->report("recorded").value("seconds", 0.0), 0.1, 1e-9);
+  EXPECT_EQ(fs::file_size(sound), 44u + 4800 * 4);
+
+  // The last guest ends the session: the studio joins anew, and who is there rings again.
+  studio_->say("remove #1");
+  EXPECT_EQ(studio_->report("dropped").value("dropped", ""), "abc");
+  EXPECT_EQ(studio_->report("ring").value("ring", ""), "abc");
+
+  studio_->say("nonsense");
+  studio_->say("admit nobody");
+  const auto children = studio_->children();
+  EXPECT_EQ(children.size(), 2u) << "the session server and the service";
+  studio_->closeInput();
+  EXPECT_EQ(studio_->waitForEnd(), 0);
+  EXPECT_THAT(notes(), HasSubstr("there is no command \"nonsense\""));
+  EXPECT_THAT(notes(), HasSubstr("no guest is called \"nobody\""));
+  expectNothingLeft(children);
+  EXPECT_TRUE(fs::is_empty(directory_ / "temporary"));
+}
+
+TEST_F(StudioTest, AServiceThatEndsIsStartedAnew) {
+  studio_->report("ring");
+  studio_->say("admit abc");
+  studio_->report("frame");
+  studio_->say("chat Host: die");
+  json end = studio_->report("serviceEnded");
+  EXPECT_EQ(end.value("reason", ""), "killed by signal 9 (Killed)");
+  EXPECT_EQ(end.value("lastLog", ""), "the last words");
+  EXPECT_EQ(studio_->report("ring").value("ring", ""), "abc");
+
+  studio_->say("chat Host: leave");
+  EXPECT_EQ(studio_->report("serviceEnded").value("reason", ""), "ended with status 3");
+  studio_->report("ring");
+  studio_->say("there");
+  EXPECT_TRUE(studio_->report("there").value("alive", false));
+  studio_->sendSignal(SIGTERM);
+  EXPECT_EQ(studio_->waitForEnd(), 0);
+  EXPECT_TRUE(fs::is_empty(directory_ / "temporary"));
+}
+
+TEST_F(StudioTest, ASessionServerThatEndsIsStartedAnewAndJoined) {
+  studio_->report("ring");
+  for (const pid_t child : studio_->children()) {
+    std::string name;
+    std::getline(std::ifstream("/proc/" + std::to_string(child) + "/comm"), name);
+    if (name == "janus") kill(child, SIGKILL);
+  }
+  EXPECT_THAT(studio_->report("sessionServerEnded").value("reason", ""), HasSubstr("signal 9"));
+  studio_->report("joining");
+  EXPECT_EQ(studio_->report("ring").value("ring", ""), "abc");
+}
+
+TEST_F(StudioTest, NothingOutlivesAKilledStudio) {
+  studio_->report("ring");
+  const auto children = studio_->children();
+  EXPECT_EQ(children.size(), 2u);
+  studio_->sendSignal(SIGKILL);
+  EXPECT_EQ(studio_->waitForEnd(), -1);
+  expectNothingLeft(children);
+}
+
+TEST(ServiceProcess, ThatDoesNotStartSaysSo) {
+  const auto start = [](const char* program) -> std::string {
+    try {
+      const studio::ServiceProcess process({program, "name", "/tmp", {}, 2}, [](auto) { ADD_FAILURE(); });
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "it started";
+  };
+  EXPECT_THAT(start("/nowhere/service"), HasSubstr("No such file"));
+  EXPECT_THAT(start("/bin/false"), HasSubstr("ended at its start"));
+}
+
+}  // namespace
