@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -21,7 +22,7 @@ double Durations::microseconds(double part) const {
   if (values_.empty()) throw std::logic_error("nothing was measured");
   std::vector<int64_t> sorted = values_;
   std::sort(sorted.begin(), sorted.end());
-  const auto index = static_cast<size_t>(part * static_cast<double>(sorted.size() - 1) + 0.5);
+  const auto index = static_cast<size_t>(std::lround(part * static_cast<double>(sorted.size() - 1)));
   return static_cast<double>(sorted[index]) / 1000;
 }
 

@@ -61,10 +61,12 @@ namespace {
 struct Pictures {
   static constexpr size_t kCount = 3;
 
-  Pictures(int theWidth, int theHeight) : width(theWidth), height(theHeight) {
-    const int chromaHeight = (height + 1) / 2;
-    const auto lumaSize = static_cast<size_t>(stride() * height);
-    const auto chromaSize = static_cast<size_t>(chromaStride() * chromaHeight);
+  Pictures(int theWidth, int theHeight)
+      : width(theWidth),
+        height(theHeight),
+        stride((width + 63) / 64 * 64),
+        lumaSize(static_cast<size_t>(stride) * static_cast<size_t>(height)),
+        chromaSize(static_cast<size_t>(stride / 2) * static_cast<size_t>((height + 1) / 2)) {
     uint8_t value = 0;
     for (Planes& picture : pictures) {
       for (size_t plane = 0; plane < 3; ++plane) {
@@ -72,15 +74,12 @@ struct Pictures {
         for (uint8_t& byte : picture[plane]) byte = value++;
       }
     }
-    const auto surfaceSize = static_cast<off_t>(stride() * (height + chromaHeight));
+    const size_t surfaceSize = lumaSize + 2 * chromaSize;
     surfaceDescriptor = memfd_create("floor", MFD_CLOEXEC);
-    if (ftruncate(surfaceDescriptor, surfaceSize) != 0) std::abort();
-    surface = static_cast<uint8_t*>(mmap(nullptr, static_cast<size_t>(surfaceSize), PROT_READ | PROT_WRITE,
-                                         MAP_SHARED | MAP_POPULATE, surfaceDescriptor, 0));
+    if (ftruncate(surfaceDescriptor, static_cast<off_t>(surfaceSize)) != 0) std::abort();
+    surface = static_cast<uint8_t*>(
+        mmap(nullptr, surfaceSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, surfaceDescriptor, 0));
   }
-
-  int stride() const { return (width + 63) / 64 * 64; }
-  int chromaStride() const { return stride() / 2; }
 
   otc_video_frame next() {
     const Planes& picture = pictures[turn++ % kCount];
@@ -88,12 +87,15 @@ struct Pictures {
             width,
             height,
             {picture[0].data(), picture[1].data(), picture[2].data()},
-            {stride(), chromaStride(), chromaStride()}};
+            {stride, stride / 2, stride / 2}};
   }
 
   using Planes = std::array<std::vector<uint8_t>, 3>;
   const int width;
   const int height;
+  const int stride;
+  const size_t lumaSize;
+  const size_t chromaSize;
   std::array<Planes, kCount> pictures;
   size_t turn = 0;
   int surfaceDescriptor;
@@ -147,9 +149,8 @@ void convertAndShare(const Message& message, int floor) {
   const otc_video_frame frame = pictures.next();
   const int64_t begin = now();
   libyuv::I420ToNV12(frame.planes[0], frame.strides[0], frame.planes[1], frame.strides[1], frame.planes[2],
-                     frame.strides[2], pictures.surface, pictures.stride(),
-                     pictures.surface + pictures.stride() * pictures.height, pictures.stride(),
-                     pictures.width, pictures.height);
+                     frame.strides[2], pictures.surface, pictures.stride,
+                     pictures.surface + pictures.lumaSize, pictures.stride, pictures.width, pictures.height);
   bench::sendPlain(floor, &begin, sizeof begin, pictures.surfaceDescriptor);
   char reply = 0;
   bench::receivePlain(floor, &reply, sizeof reply);

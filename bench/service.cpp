@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -29,7 +30,8 @@ int listeningSocket(const std::string& name) {
   const int socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  const std::string path = std::string(std::getenv("XDG_RUNTIME_DIR")) + "/" + name;
+  const char* const directory = std::getenv("XDG_RUNTIME_DIR");
+  const std::string path = fmt::format("{}/{}", directory != nullptr ? directory : "", name);
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   if (bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       listen(socket, 4) != 0) {
@@ -122,10 +124,10 @@ Surroundings::~Surroundings() {
 }
 
 pid_t start(const std::string& program, const std::vector<int>& descriptors) {
-  char process[32] = "LISTEN_PID=";
+  std::array<char, 32> process{};
   std::vector<char*> environment;
   for (char** entry = environ; *entry != nullptr; ++entry) environment.push_back(*entry);
-  environment.push_back(process);
+  environment.push_back(process.data());
   environment.push_back(nullptr);
   std::string path = program;
   char* const arguments[] = {path.data(), nullptr};
@@ -133,7 +135,7 @@ pid_t start(const std::string& program, const std::vector<int>& descriptors) {
   const pid_t started = fork();
   if (started != 0) return started;
   // Nothing here may allocate: other threads may have held the heap's locks.
-  std::strcat(process, fmt::format_int(getpid()).c_str());
+  *fmt::format_to(process.data(), "LISTEN_PID={}", getpid()) = '\0';
   int place = kFirstDescriptor;
   for (const int descriptor : descriptors) {
     // By way of a number that none of them has, so that none is written over and none closes at exec.
