@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "log.h"
+#include "rtcp.h"
 
 namespace engine {
 namespace {
@@ -57,6 +58,17 @@ void describe(GstElement* webrtc, const char* what, std::function<void(const std
   gst_promise_unref(promise);
 }
 
+// An offer without FIR: the server offers it and does not hear it, so that key frames are to be asked for
+// with PLI.
+std::string without_fir(std::string sdp) {
+  constexpr const char* fir = " ccm fir";
+  for (std::size_t end = sdp.find(fir); end != std::string::npos; end = sdp.find(fir)) {
+    const std::size_t begin = sdp.rfind('\n', end) + 1;
+    sdp.erase(begin, sdp.find('\n', end) + 1 - begin);
+  }
+  return sdp;
+}
+
 void tune(GstBin*, GstBin*, GstElement* element, gpointer) {
   const GstElementFactory* factory = gst_element_get_factory(element);
   const char* kind = factory == nullptr ? "" : GST_OBJECT_NAME(factory);
@@ -65,12 +77,7 @@ void tune(GstBin*, GstBin*, GstElement* element, gpointer) {
     // be missing is asked for again, not also what could have come by now.
     g_object_set(element, "drop-on-latency", TRUE, "rtx-next-seqnum", FALSE, nullptr);
   } else if (g_str_equal(kind, "rtpsession")) {
-    // The server takes a compound report as being about the first source in it, and would miss a request
-    // for a key frame of the second: requests travel without a report.
-    GObject* session = nullptr;
-    g_object_get(element, "internal-session", &session, nullptr);
-    g_object_set(session, "rtcp-reduced-size", TRUE, nullptr);
-    g_object_unref(session);
+    report_what_is_asked(element);
   }
 }
 
@@ -217,7 +224,7 @@ void Peer::negotiated(const json& answer) {
 }
 
 void Peer::answer(const std::string& offer) {
-  const Description description = parse(GST_WEBRTC_SDP_TYPE_OFFER, offer);
+  const Description description = parse(GST_WEBRTC_SDP_TYPE_OFFER, without_fir(offer));
   if (description == nullptr) {
     fail("the server's offer is not understood");
     return;
