@@ -216,6 +216,14 @@ TEST_F(Incoming, ALostConnectionIsMadeAgainUntilItIsGone) {
 int open_files() {
   return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
+std::string listed_files() {
+  std::string list;
+  for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    list += file.path().filename().string() + " " + read_symlink(file.path(), error).string() + "\n";
+  }
+  return list;
+}
 int threads() {
   return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
 }
@@ -245,7 +253,7 @@ TEST_F(Incoming, AHundredTurnsLeaveNothingBehind) {
   for (int i = 0; i < 100 && (open_files() > files + 4 || threads() > workers + 4); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
-  EXPECT_LE(open_files(), files + 4);
+  EXPECT_LE(open_files(), files + 4) << listed_files();
   EXPECT_LE(threads(), workers + 4);
 }
 
