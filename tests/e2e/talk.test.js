@@ -9,7 +9,7 @@ import { Studio } from "./support/studio.js";
 
 const SHOW = { rgb: [32, 64, 192], hertz: 880 };
 const SOURCE =
-  "videotestsrc is-live=true pattern=solid-color foreground-color=0xff2040c0 ! video/x-raw,width=320,height=180,framerate=15/1 " +
+  "videotestsrc is-live=true pattern=solid-color foreground-color=0xff2040c0 ! video/x-raw,width=320,height=180,framerate=15/1 ! identity " +
   `audiotestsrc is-live=true freq=${SHOW.hertz} volume=0.5`;
 
 let studio, browser;

@@ -4,17 +4,22 @@
 export const secure = () => Boolean(navigator.mediaDevices?.getUserMedia);
 
 /**
- * Opens a camera and a microphone, those of the wished ids where they are there. `original` asks for
- * the sound as the microphone gives it, in stereo, which suits music and headphones.
+ * Opens a camera and a microphone, those of the chosen ids where they are there. `original` asks for the
+ * sound as the microphone gives it, in stereo, which suits music and headphones.
  */
-export function openCamera({ camera, microphone, original }) {
-  return navigator.mediaDevices.getUserMedia({ video: videoWish(camera), audio: audioWish(microphone, original) });
+export function openCamera(choice) {
+  return open(choice, ({ camera, microphone, original }) => ({
+    video: videoWish(camera),
+    audio: audioWish(microphone, original),
+  }));
 }
 
 /** Another camera's track, or another microphone's. */
-export async function openTrack(kind, { camera, microphone, original }) {
-  const wish = kind === "video" ? { video: videoWish(camera) } : { audio: audioWish(microphone, original) };
-  return (await navigator.mediaDevices.getUserMedia(wish)).getTracks()[0];
+export async function openTrack(kind, choice) {
+  const stream = await open(choice, ({ camera, microphone, original }) =>
+    kind === "video" ? { video: videoWish(camera) } : { audio: audioWish(microphone, original) },
+  );
+  return stream.getTracks()[0];
 }
 
 export function openScreen() {
@@ -74,14 +79,28 @@ export class LevelMeter {
   }
 }
 
-// A device that has gone since it was chosen is no reason to fail: the wish is an ideal.
+// A device that was chosen once may have gone; then any other will do.
+async function open(choice, wish) {
+  try {
+    return await navigator.mediaDevices.getUserMedia(wish(choice));
+  } catch (error) {
+    if (error.name !== "OverconstrainedError") throw error;
+    return navigator.mediaDevices.getUserMedia(wish({ original: choice.original }));
+  }
+}
+
 function videoWish(id) {
-  return { deviceId: id ? { ideal: id } : undefined, width: { ideal: 1280 }, height: { ideal: 720 }, frameRate: { ideal: 30, max: 30 } };
+  return {
+    deviceId: id ? { exact: id } : undefined,
+    width: { ideal: 1280 },
+    height: { ideal: 720 },
+    frameRate: { ideal: 30, max: 30 },
+  };
 }
 
 function audioWish(id, original) {
   return {
-    deviceId: id ? { ideal: id } : undefined,
+    deviceId: id ? { exact: id } : undefined,
     channelCount: original ? 2 : 1,
     echoCancellation: !original,
     noiseSuppression: !original,

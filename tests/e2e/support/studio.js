@@ -55,14 +55,11 @@ export class Studio {
 
   /**
    * Resolves with the first report of that name, from the one numbered `after` on, that has all of
-   * `fields`; a field may be a regular expression. Rejects when it does not come in time.
+   * `fields`. Rejects when it does not come in time.
    */
   report(name, fields = {}, after = 0) {
     const fits = (report) =>
-      report.event === name &&
-      Object.entries(fields).every(([key, value]) =>
-        value instanceof RegExp ? value.test(report[key]) : report[key] === value,
-      );
+      report.event === name && Object.entries(fields).every(([key, value]) => report[key] === value);
     return new Promise((resolve, reject) => {
       const end = (settle, value) => {
         clearTimeout(timer);
@@ -71,8 +68,9 @@ export class Studio {
       };
       const fail = (why) => {
         const recent = this.reports.slice(-15).map((report) => JSON.stringify(report)).join("\n");
-        const wanted = JSON.stringify(fields, (_, value) => (value instanceof RegExp ? String(value) : value));
-        end(reject, new Error(`${why}: no "${name}" ${wanted}; the last reports:\n${recent}\nand notes:\n${this.#notes.slice(-2000)}`));
+        const wanted = `"${name}" ${JSON.stringify(fields)}`;
+        const notes = this.#notes.slice(-2000);
+        end(reject, new Error(`${why}: no ${wanted}; the last reports:\n${recent}\nand notes:\n${notes}`));
       };
       const look = () => {
         const found = this.reports.slice(after).find(fits);
@@ -101,6 +99,14 @@ export class Studio {
       if (Date.now() > end) throw new Error(`the guests' table never said: ${what}; it says ${JSON.stringify(table)}`);
       await pause(100);
     }
+  }
+
+  /** Takes out whoever is on the list; resolves when the studio joins anew, as it does after the last. */
+  async clear() {
+    const { guests } = await this.ask("guests", "guests");
+    const after = this.now;
+    for (const { id } of guests) this.say(`remove ${id}`);
+    await this.report("joining", {}, after);
   }
 
   /** Brings a ringing guest in by its stream's id; resolves with the first frame's report. */
