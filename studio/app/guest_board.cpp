@@ -32,7 +32,7 @@ double decibels(double squares, std::size_t samples) {
 }
 
 std::string shortened(const std::string& text, std::size_t length) {
-  const std::string safe = printable(text);
+  std::string safe = printable(text);
   if (safe.size() <= length) return safe;
   std::size_t end = length - 1;
   while (end > 0 && (safe[end] & 0xc0) == 0x80) --end;  // not in the middle of a letter

@@ -170,7 +170,7 @@ void Studio::openPrompt() {
 }
 
 void Studio::printLink() {
-  output_.note("The guests' link: " + guestLink_);
+  output_.note("Guests ring in at  " + guestLink_);
   const bool local = options_.listen == "127.0.0.1" || options_.listen == "::1";
   if (!local && options_.certificate.empty()) {
     output_.note(

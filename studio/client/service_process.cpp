@@ -33,7 +33,7 @@ std::vector<std::string> environmentWith(const std::vector<std::pair<std::string
     for (const auto& [key, value] : entries) replaced = replaced || key == name;
     if (!replaced) environment.emplace_back(text);
   }
-  for (const auto& [key, value] : entries) environment.push_back(key + "=" + value);
+  for (const auto& [key, value] : entries) environment.push_back(std::string(key).append("=").append(value));
   return environment;
 }
 
@@ -129,6 +129,7 @@ int ServiceProcess::spawn(const Settings& settings) {
   entries.emplace_back("XDG_RUNTIME_DIR", settings.runtimeDirectory.string());
   std::vector<std::string> variables = environmentWith(entries);
   std::vector<char*> environment;
+  environment.reserve(variables.size() + 1);
   for (std::string& variable : variables) environment.push_back(variable.data());
   environment.push_back(nullptr);
   std::string program = settings.executable.string();
