@@ -7,10 +7,12 @@ import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { createInterface } from "node:readline";
 import { setTimeout as pause } from "node:timers/promises";
+import { fileURLToPath } from "node:url";
 
 import { readPicture, readSound } from "./content.js";
 
 const DEADLINE = 30_000;
+const BIN = process.env.ZARVO_BIN ?? fileURLToPath(new URL("../../../build/debug/bin", import.meta.url));
 
 export class Studio {
   /** Every report so far, oldest first. */
@@ -22,7 +24,7 @@ export class Studio {
   #notes = "";
   #waiting = new Set();
 
-  /** Starts the studio of the build that ZARVO_BIN names; resolves when guests can come. */
+  /** Starts the studio that was built; resolves when guests can come. */
   static async start(...options) {
     const studio = new Studio();
     studio.#start(options);
@@ -31,8 +33,7 @@ export class Studio {
   }
 
   #start(options) {
-    const program = join(process.env.ZARVO_BIN, "zarvo-studio");
-    this.#process = spawn(program, ["--port", "0", ...options], { stdio: ["pipe", "pipe", "pipe"] });
+    this.#process = spawn(join(BIN, "zarvo-studio"), ["--port", "0", ...options], { stdio: ["pipe", "pipe", "pipe"] });
     this.#process.stderr.on("data", (text) => (this.#notes += text));
     createInterface({ input: this.#process.stdout }).on("line", (line) => {
       this.reports.push(JSON.parse(line));
