@@ -177,7 +177,7 @@ async function watch({ as, feed }) {
   await connection.setLocalDescription();
   await me.janus.ask(handle, { request: 'start' }, connection.localDescription.toJSON());
   const video = Object.assign(document.createElement('video'), { srcObject: media, muted: true });
-  await video.play();
+  video.play();  // begins with the first picture
   const audio = new AudioContext({ sampleRate: 48000 });
   const analyser = new AnalyserNode(audio, { fftSize: 8192 });
   audio.createMediaStreamSource(media).connect(analyser);

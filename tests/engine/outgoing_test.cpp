@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
@@ -21,6 +23,13 @@ using testing::ElementsAre;
 constexpr const char* token = "the-token";
 
 std::string server() { return std::getenv("ZARVO_SESSION_SERVER"); }
+
+void fill_tone(std::vector<std::int16_t>& stereo, double frequency, double& phase) {
+  for (std::size_t i = 0; i < stereo.size(); i += 2) {
+    phase += 2 * std::numbers::pi * frequency / 48000;
+    stereo[i] = stereo[i + 1] = static_cast<std::int16_t>(12000 * std::sin(phase));
+  }
+}
 
 // A program's own show: a capturer and an audio device that note what the SDK asks of them, and a
 // thread that feeds them a picture of one colour and a tone.
@@ -61,10 +70,12 @@ class Show {
     publisher = otc_publisher_new_with_settings(&callbacks, settings);
   }
 
-  ~Show() {
+  ~Show() { stop(); }
+  void stop() {
     running = false;
     if (feeder.joinable()) feeder.join();
   }
+  bool stopped() const { return !running; }
 
   void feed() {
     feeder = std::thread([this] {
@@ -72,10 +83,7 @@ class Show {
       double phase = 0;
       for (auto next = std::chrono::steady_clock::now(); running; next += 33333us) {
         give_frame();
-        for (std::size_t i = 0; i < sound.size(); i += 2) {
-          phase += 2 * std::numbers::pi * 660 / 48000;
-          sound[i] = sound[i + 1] = static_cast<std::int16_t>(12000 * std::sin(phase));
-        }
+        fill_tone(sound, 660, phase);
         otc_audio_device_write_capture_data(sound.data(), sound.size() / 2);
         std::this_thread::sleep_until(next);
       }
@@ -113,9 +121,9 @@ class Show {
     otc_video_frame_delete(frame);
   }
 
-  bool wait(const std::string& call) {
+  bool wait(const std::string& call, int times = 1) {
     std::unique_lock lock(mutex);
-    return changed.wait_for(lock, 20s, [&] { return std::ranges::count(calls, call) > 0; });
+    return changed.wait_for(lock, 20s, [&] { return std::ranges::count(calls, call) >= times; });
   }
   std::vector<std::string> called_so_far() {
     const std::lock_guard lock(mutex);
@@ -131,7 +139,7 @@ class Show {
   }
 
   otc_publisher* publisher = nullptr;
-  const otc_video_capturer* capturer = nullptr;
+  std::atomic<const otc_video_capturer*> capturer = nullptr;
   std::atomic<std::uint32_t> color{0xff00ff00};
   std::atomic<int> width{1024};
   std::atomic<int> height{576};
@@ -218,6 +226,103 @@ TEST_F(Outgoing, PicturesAndSoundReachTheBrowser) {
   ASSERT_EQ(OTC_SUCCESS, otc_session_unpublish(program.session(), show.publisher));
   EXPECT_THAT(show.called_so_far(), ElementsAre("init", "settings", "start", "created ZarvoLive", "stop", "destroy",
                                                 "destroyed"));
+}
+
+TEST_F(Outgoing, PublishingStartsAndStopsWithEverythingInFlight) {
+  show.feed();
+  std::thread other([this] {
+    while (!show.stopped()) show.give_frame();  // as fast as it goes, and from a second thread
+  });
+  for (int turn = 0; turn < 6; ++turn) {
+    ASSERT_EQ(OTC_SUCCESS, otc_session_publish(program.session(), show.publisher));
+    if (turn % 2 == 0) {
+      ASSERT_TRUE(show.wait("created ZarvoLive", turn / 2 + 1));
+    }
+    if (turn == 2) {  // the session goes first, and the publisher is published into the next
+      program.disconnect();
+      program.events.clear();
+      program.connect(room, token);
+      ASSERT_TRUE(program.wait_event("connected"));
+    } else {
+      ASSERT_EQ(OTC_SUCCESS, otc_session_unpublish(program.session(), show.publisher));
+    }
+  }
+  ASSERT_EQ(OTC_SUCCESS, otc_session_publish(program.session(), show.publisher));
+  ASSERT_TRUE(show.wait("created ZarvoLive", 4));
+  // The program's last publication is the one that a browser finds.
+  program.wait([](Program&) { return false; }, 1s);
+  watch_show();
+  const json seen = look_until([](const json& s) { return near(s["color"], 0, 255, 0); });
+  EXPECT_TRUE(near(seen["color"], 0, 255, 0)) << seen;
+  program.disconnect();
+  show.stop();
+  other.join();
+  EXPECT_EQ(Show::given, Show::released);
+}
+
+TEST_F(Outgoing, AnyPaceAndAnyBlock) {
+  ASSERT_EQ(OTC_SUCCESS, otc_session_publish(program.session(), show.publisher));
+  ASSERT_TRUE(show.wait("created ZarvoLive"));
+  watch_show();
+  // Blocks that do not divide anything, as one tone.
+  std::thread sound([this] {
+    double phase = 0;
+    const std::array<std::size_t, 4> blocks = {1, 7, 960, 4801};
+    auto next = std::chrono::steady_clock::now();
+    for (std::size_t i = 0; !show.stopped(); ++i) {
+      std::vector<std::int16_t> samples(2 * blocks.at(i % blocks.size()));
+      fill_tone(samples, 880, phase);
+      otc_audio_device_write_capture_data(samples.data(), samples.size() / 2);
+      next += std::chrono::nanoseconds(samples.size() / 2 * 1000000000 / 48000);
+      std::this_thread::sleep_until(next);
+    }
+  });
+  const auto frames_seen = [this](std::chrono::milliseconds pause) {
+    const int before = browser->call("look", {{"as", "Guest - Ada"}})["frames"];
+    const auto end = std::chrono::steady_clock::now() + 2s;
+    for (auto next = std::chrono::steady_clock::now(); next < end; next += pause) {
+      show.give_frame();
+      std::this_thread::sleep_until(next);
+    }
+    return browser->call("look", {{"as", "Guest - Ada"}})["frames"].get<int>() - before;
+  };
+  EXPECT_GE(frames_seen(200ms), 5);
+  EXPECT_GE(frames_seen(8ms), 40);
+  const json seen = look_until([](const json& s) { return std::abs(s["tone"].get<double>() - 880) < 12; });
+  EXPECT_NEAR(880, seen["tone"].get<double>(), 12) << seen;
+  show.stop();
+  sound.join();
+}
+
+TEST(VideoFrame, WrapsOnlyWhatIsLargeEnoughAndReleasesOnce) {
+  static int releases;
+  releases = 0;
+  const auto release = [](void*) { ++releases; };
+  std::vector<std::uint8_t> memory(4 * 5 * 3);
+  const auto wrap = [&](otc_bool shallow, std::size_t size, int width) {
+    return otc_video_frame_new_contiguous_memory_wrapper(OTC_VIDEO_FRAME_FORMAT_ARGB32, width, 3, shallow,
+                                                         memory.data(), size, release, nullptr);
+  };
+  EXPECT_EQ(nullptr, wrap(OTC_TRUE, memory.size() - 1, 5));
+  EXPECT_EQ(nullptr, wrap(OTC_TRUE, memory.size(), 0));
+  EXPECT_EQ(0, releases);
+  otc_video_frame* copied = wrap(OTC_FALSE, memory.size(), 5);
+  EXPECT_EQ(1, releases);
+  EXPECT_NE(memory.data(), otc_video_frame_get_plane_binary_data(copied, 0));
+  EXPECT_EQ(20, otc_video_frame_get_plane_stride(copied, 0));
+  otc_video_frame_delete(copied);
+  EXPECT_EQ(1, releases);
+  otc_video_frame_delete(wrap(OTC_TRUE, memory.size(), 5));
+  EXPECT_EQ(2, releases);
+
+  const std::array<const std::uint8_t*, 3> planes = {memory.data(), memory.data(), nullptr};
+  const std::array<int, 3> strides = {8, 8, 0};
+  otc_video_frame* odd =
+      otc_video_frame_new_from_planes(OTC_VIDEO_FRAME_FORMAT_NV12, 5, 3, planes.data(), strides.data());
+  EXPECT_EQ(3, otc_video_frame_get_plane_width(odd, 1));
+  EXPECT_EQ(2, otc_video_frame_get_plane_height(odd, 1));
+  EXPECT_EQ(nullptr, otc_video_frame_get_plane_binary_data(odd, 2));
+  otc_video_frame_delete(odd);
 }
 
 }  // namespace

@@ -13,6 +13,12 @@ void event(void* user_data, const std::string& text) {
   program(user_data).note([&] { program(user_data).events.push_back(text); });
 }
 
+void hook(Program& p, std::function<void()> Program::*which) {
+  std::function<void()> call;
+  p.note([&] { call = p.*which; });
+  if (call) call();
+}
+
 // A subscriber's user data.
 struct Watcher {
   Program& program;
@@ -44,6 +50,7 @@ void on_render_frame(otc_subscriber*, void* user_data, const otc_video_frame* fr
     r.u = middle(1);
     r.v = middle(2);
   });
+  hook(static_cast<Watcher*>(user_data)->program, &Program::on_frame);
 }
 
 void on_audio_data(otc_subscriber*, void* user_data, const otc_audio_data* audio) {
@@ -87,6 +94,7 @@ void on_stream_received(otc_session*, void* user_data, const otc_stream* stream)
     p.events.push_back("stream received " + told.name);
     p.streams[told.name] = told;
   });
+  hook(p, &Program::on_stream);
 }
 
 otc_session_callbacks session_callbacks(Program* self) {

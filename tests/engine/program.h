@@ -62,6 +62,10 @@ class Program {
   std::string error_text;
   int calls_after_delete = 0;
 
+  // Called in the callback, without the lock.
+  std::function<void()> on_frame;
+  std::function<void()> on_stream;
+
   // Notes what a callback tells.
   template <typename Note>
   void note(Note&& write) {
