@@ -30,6 +30,26 @@ int64_t frameFloor(Service& service, int width, int height) {
   return service.answer().nanoseconds;
 }
 
+// One after the other, as with several guests; and after pauses, in which threads and caches go cold.
+template <class Road, class Floor>
+void measureRoad(Report& report, const std::string& name, double goal, Road road, Floor floor) {
+  for (int i = 0; i < kWarmUp; ++i) {
+    road();
+    floor();
+  }
+  for (const bool pausing : {false, true}) {
+    Durations roads;
+    Durations floors;
+    for (int i = 0; i < kFrames; ++i) {
+      if (pausing) rest();
+      roads.add(road());
+      if (pausing) rest();
+      floors.add(floor());
+    }
+    report.add(pausing ? name + " after a pause" : name, roads, floors, pausing ? 0 : goal);
+  }
+}
+
 }  // namespace
 
 void rest() {
@@ -52,20 +72,9 @@ int64_t frame(Service& service, int width, int height, int guest) {
 void measureFrames(Service& service, Report& report, int width, int height) {
   const std::string name = fmt::format("frame road {}p", height);
   service.ask(frameMessage(Order::prepare, width, height));
-  for (int i = 0; i < kWarmUp; ++i) {
-    frame(service, width, height);
-    frameFloor(service, width, height);
-  }
-
-  Durations road;
-  Durations floor;
-  for (int i = 0; i < kFrames; ++i) {
-    rest();
-    road.add(frame(service, width, height));
-    rest();
-    floor.add(frameFloor(service, width, height));
-  }
-  report.add(name, road, floor, height == 1080 ? 1.15 : 0);
+  measureRoad(
+      report, name, height == 1080 ? 1.15 : 0, [&] { return frame(service, width, height); },
+      [&] { return frameFloor(service, width, height); });
 
   const Answer before = service.ask({.order = Order::counters, .counting = true});
   countAllocations(true);
@@ -94,28 +103,27 @@ void measureFrames(Service& service, Report& report, int width, int height) {
 
 void measureShowFrames(Service& service, Report& report) {
   service.ask({.order = Order::startCapturer});
-  studio::SurfacePool pool(3);
-  Durations road;
-  Durations floor;
-  const int descriptor = memfd_create("floor", MFD_CLOEXEC);
-  for (int i = 0; i < kFrames; ++i) {
-    rest();
+  studio::SurfacePool pool(4);
+  const auto showFrame = [&] {
     const IOSurfaceRef surface = pool.take(1024, 576);
     const int64_t begin = now();
     std::memcpy(IOSurfaceGetBaseAddress(surface), &begin, sizeof begin);
     service.studio().client.videoFrame(surface);
-    road.add(service.answer().nanoseconds);
-
-    rest();
-    const Message message{.order = Order::echo};
-    const int64_t floorBegin = now();
+    const int64_t duration = service.answer().nanoseconds;
+    // The studio sends the next one when this one has been answered.
+    service.studio().roundTrip();
+    return duration;
+  };
+  const int descriptor = memfd_create("floor", MFD_CLOEXEC);
+  const auto echo = [&] {
+    Message message{.order = Order::echo};
+    const int64_t begin = now();
     sendPlain(service.controlSocket(), &message, sizeof message, descriptor);
-    Message reply;
-    receivePlain(service.controlSocket(), &reply, sizeof reply);
-    floor.add(now() - floorBegin);
-  }
+    receivePlain(service.controlSocket(), &message, sizeof message);
+    return now() - begin;
+  };
+  measureRoad(report, "show frame, studio's send to the SDK's provide call", 1.5, showFrame, echo);
   close(descriptor);
-  report.add("show frame, studio's send to the SDK's provide call", road, floor, 1.5);
 }
 
 }  // namespace bench

@@ -17,7 +17,7 @@ void measureMessages(Service& service, Report& report);
 void measureStart(Report& report);
 void measureMemory(Report& report);
 
-// Between two measurements the threads of both processes fall asleep, as they do between two frames.
+// A pause between two measurements, in which the threads of both processes fall asleep.
 void rest();
 
 Message frameMessage(Order order, int width, int height, int guest = 0);

@@ -31,14 +31,14 @@ void Report::add(const std::string& name, double value, const std::string& unit,
 }
 
 void Report::add(const std::string& name, const Durations& durations, const Durations& floor, double goal) {
-  add(name + ", median", durations.microseconds(0.5), "us", floor.microseconds(0.5), goal);
-  add(name + ", 99th percentile", durations.microseconds(0.99), "us", floor.microseconds(0.99));
+  add(fmt::format("{}, median", name), durations.microseconds(0.5), "us", floor.microseconds(0.5), goal);
+  add(fmt::format("{}, 99th percentile", name), durations.microseconds(0.99), "us", floor.microseconds(0.99));
 }
 
 void Report::print() const {
-  fmt::print("{:<58}{:>12}{:>12}  {:<6}{:>7}{:>9}\n", "", "value", "floor", "unit", "ratio", "goal");
+  fmt::print("{:<84}{:>12}{:>12}  {:<6}{:>7}{:>9}\n", "", "value", "floor", "unit", "ratio", "goal");
   for (const Row& row : rows_) {
-    fmt::print("{:<58}{:>12.1f}{:>12.1f}  {:<6}{:>7}{:>9}\n", row.name, row.value, row.floor, row.unit,
+    fmt::print("{:<84}{:>12.1f}{:>12.1f}  {:<6}{:>7}{:>9}\n", row.name, row.value, row.floor, row.unit,
                row.floor > 0 ? fmt::format("{:.2f}", ratio(row)) : "-",
                row.goal > 0 ? fmt::format("<= {:.2f}", row.goal) : "");
   }

@@ -115,9 +115,10 @@ CVPixelBufferPoolRef CVPixelBufferPoolRetain(CVPixelBufferPoolRef pool);
 void CVPixelBufferPoolRelease(CVPixelBufferPoolRef pool); /* buffers handed out stay valid */
 
 /* A buffer that nobody holds and whose surface no process uses, made anew if there is none; the pixels
- * of an earlier use are still in it. Buffers that have lain idle for a second are freed on the way.
- * Answers kCVReturnInvalidArgument for a null pool and kCVReturnPoolAllocationFailed when memory runs
- * out or 64 buffers of the pool are held or used: a peer that never lets go cannot fill the memory. */
+ * of an earlier use are still in it. Of more than three, those that have lain idle for a second are freed
+ * on the way. Answers kCVReturnInvalidArgument for a null pool and kCVReturnPoolAllocationFailed when
+ * memory runs out or 64 buffers of the pool are held or used: a peer that never lets go cannot fill the
+ * memory. */
 CVReturn CVPixelBufferPoolCreatePixelBuffer(CFAllocatorRef allocator, CVPixelBufferPoolRef pool,
                                             CVPixelBufferRef* pixelBufferOut);
 

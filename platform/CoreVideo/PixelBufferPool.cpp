@@ -16,6 +16,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t maxSurfaces = 64;
+// As many as go round on a busy machine: one that is filled and two that await an answer. To free them and
+// make them again would cost more page faults than all the frames between.
+constexpr size_t keptSurfaces = 3;
 constexpr Clock::duration maxIdle = std::chrono::seconds(1);
 
 }  // namespace
@@ -74,8 +77,10 @@ struct __CVPixelBufferPool final : platform::CFObject {
   // Takes out the surface that was taken first if it has lain idle for too long: one a call is enough to
   // shrink faster than the pool can grow.
   IOSurfaceRef expire(Clock::time_point now) {
-    if (entries_.empty() || now - entries_.front().taken < maxIdle || !isFree(entries_.front()))
+    if (entries_.size() <= keptSurfaces || now - entries_.front().taken < maxIdle ||
+        !isFree(entries_.front())) {
       return nullptr;
+    }
     const IOSurfaceRef surface = entries_.front().surface;
     entries_.erase(entries_.begin());
     return surface;
