@@ -181,7 +181,7 @@ void Studio::printLink() {
 // Both the connection and the process tell of the service's end, in either order. The connection has brought
 // everything that the service said when it tells; so both are waited for, the second not for ever.
 void Studio::onServiceLost(Client::Loss loss, const Client* from) {
-  if (quitting_ || from != client().get()) return;
+  if (quitting_ || !from || from != client().get()) return;
   if (loss == Client::Loss::terminating) {
     output_.note("The service has been asked to end.");
     return;

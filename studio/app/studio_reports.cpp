@@ -102,7 +102,13 @@ void Studio::onRefused(std::string_view reason) {
 }
 
 void Studio::onLost(Client::Loss loss) {
-  onMainLoop([this, loss, from = client().get()] { onServiceLost(loss, from); });
+  const Client* from = nullptr;
+  {
+    // Only looked at: a reference taken here could be the last one, and the client must not end on its own queue.
+    const std::lock_guard lock(clientMutex_);
+    from = client_.get();
+  }
+  onMainLoop([this, loss, from] { onServiceLost(loss, from); });
 }
 
 bool Studio::showWanted() {

@@ -4,7 +4,7 @@ import { spawn } from "node:child_process";
 import { once } from "node:events";
 import { mkdtempSync, readFileSync, readdirSync, rmSync } from "node:fs";
 import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { basename, join } from "node:path";
 import { createInterface } from "node:readline";
 import { setTimeout as pause } from "node:timers/promises";
 import { fileURLToPath } from "node:url";
@@ -76,7 +76,7 @@ export class Studio {
       const look = () => {
         const found = this.reports.slice(after).find(fits);
         if (found) end(resolve, found);
-        else if (this.#process.exitCode !== null) fail(`the studio ended with ${this.#process.exitCode}`);
+        else if (this.#ended !== null) fail(`the studio ended with ${this.#ended}`);
       };
       const timer = setTimeout(() => fail("time is up"), DEADLINE);
       this.#waiting.add(look);
@@ -129,25 +129,45 @@ export class Studio {
     return readSound(file, tones);
   }
 
-  /** Kills the service's process as a crash would. */
-  killService() {
-    const { pid } = this.#process;
-    const children = readdirSync(`/proc/${pid}/task`).flatMap((task) =>
-      readFileSync(`/proc/${pid}/task/${task}/children`, "utf8").trim().split(" "),
+  /** What the studio has written for the host's eyes so far. */
+  get notes() {
+    return this.#notes;
+  }
+
+  get pid() {
+    return this.#process.pid;
+  }
+
+  /** The process id of the studio's child of that program. */
+  child(program) {
+    const children = readdirSync(`/proc/${this.pid}/task`).flatMap((task) =>
+      readFileSync(`/proc/${this.pid}/task/${task}/children`, "utf8").trim().split(" "),
     );
-    const isService = (child) => child && readFileSync(`/proc/${child}/cmdline`, "utf8").includes("guest-service");
-    const service = children.find(isService);
-    process.kill(Number(service), "SIGKILL");
+    const isIt = (child) => child && basename(readFileSync(`/proc/${child}/cmdline`, "utf8").split("\0")[0]) === program;
+    return Number(children.find(isIt));
+  }
+
+  /** Sends a signal to the studio's child whose command line begins with a program of that name. */
+  signalChild(name, signal) {
+    const children = readdirSync(`/proc/${this.#process.pid}/task`).flatMap((task) =>
+      readFileSync(`/proc/${this.#process.pid}/task/${task}/children`, "utf8").split(" ").filter(Boolean),
+    );
+    const program = (child) => basename(readFileSync(`/proc/${child}/cmdline`, "utf8").split("\0")[0]);
+    process.kill(Number(children.find((child) => program(child) === name)), signal);
   }
 
   /** Ends the studio in the orderly way; rejects if it does not end well. */
   async close() {
-    if (this.#process.exitCode === null) {
+    if (this.#ended === null) {
       const exit = once(this.#process, "exit", { signal: AbortSignal.timeout(DEADLINE) });
       this.say("exit");
       await exit.finally(() => this.#process.kill("SIGKILL"));
     }
     rmSync(this.folder, { recursive: true, force: true });
-    if (this.#process.exitCode !== 0) throw new Error(`the studio ended with ${this.#process.exitCode}:\n${this.#notes}`);
+    if (this.#ended !== 0) throw new Error(`the studio ended with ${this.#ended}:\n${this.#notes}`);
+  }
+
+  get #ended() {
+    return this.#process.exitCode ?? this.#process.signalCode;
   }
 }

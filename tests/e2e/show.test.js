@@ -1,0 +1,386 @@
+// A whole show: two guests, one of them with a screen, every command of the prompt, and what goes wrong in
+// shows. SHOW_MINUTES sets how long it runs; rounds of the same show go on until then.
+
+import assert from "node:assert/strict";
+import { readFileSync, readdirSync } from "node:fs";
+import { after, before, test } from "node:test";
+import { setTimeout as pause } from "node:timers/promises";
+
+import { CAMERA_SIZE, TONES, inState, launch, ring, says } from "./support/browser.js";
+import { QUARTERS, alike } from "./support/content.js";
+import { Studio } from "./support/studio.js";
+
+const LENGTH = Number(process.env.SHOW_MINUTES ?? 1) * 60_000;
+const PATIENCE = 30_000;
+const SIZE = { width: 640, height: 360 };
+
+const picture = (what, { width, height } = SIZE, fps = 30) =>
+  `videotestsrc is-live=true ${what} ! video/x-raw,width=${width},height=${height},framerate=${fps}/1 ! identity`;
+const plain = ([red, green, blue], hertz) =>
+  picture(`pattern=solid-color foreground-color=${0xff000000 + red * 65_536 + green * 256 + blue}`) +
+  ` audiotestsrc is-live=true freq=${hertz} volume=0.5`;
+const RED = { rgb: [200, 30, 30], hertz: 520 };
+const BLUE = { rgb: [32, 64, 192], hertz: 880 };
+
+let browser, studio;
+before(async () => (browser = await launch()));
+after(() => browser?.close());
+
+// ---- What is to be seen and heard --------------------------------------------
+
+async function until(what, fits) {
+  for (const end = Date.now() + PATIENCE; !fits(); await pause(50)) assert.ok(Date.now() < end, `never: ${what}`);
+}
+
+/**
+ * Looks at so many of the show's frames as they come: how many a second, how many of them are not of one
+ * colour, and how many are dark and bright in their middle; `rgb` is the last one's.
+ */
+function look(page, frames) {
+  return page.evaluate(
+    async ([frames, patience]) => {
+      const show = document.querySelector("#show");
+      const canvas = new OffscreenCanvas(1, 1);
+      const context = canvas.getContext("2d", { willReadFrequently: true });
+      const found = { mixed: 0, dark: 0, bright: 0 };
+      let first;
+      for (let count = 0; count <= frames; count++) {
+        await new Promise((resolve, reject) => {
+          show.requestVideoFrameCallback(resolve);
+          setTimeout(() => reject(new Error(`no frame of the show after ${count}`)), patience);
+        });
+        first ??= performance.now();
+        const { videoWidth: width, videoHeight: height } = show;
+        if (canvas.width !== width || canvas.height !== height) Object.assign(canvas, { width, height });
+        context.drawImage(show, 0, 0);
+        const { data } = context.getImageData(0, 0, width, height);
+        const at = (x, y) => (Math.floor(y) * width + Math.floor(x)) * 4;
+        const middle = at(width / 2, height / 2);
+        let least = 255, most = 0;
+        for (let y = 0; y < height; y++) {
+          for (let part = 0.05; part < 1; part += 0.1) {
+            const green = data[at(width * part, y) + 1];
+            least = Math.min(least, green);
+            most = Math.max(most, green);
+          }
+        }
+        if (most - least > 64) found.mixed++;
+        else if (most < 64) found.dark++;
+        else if (least > 191) found.bright++;
+        Object.assign(found, { width, height, rgb: [...data.subarray(middle, middle + 3)] });
+      }
+      return { ...found, fps: (frames * 1000) / (performance.now() - first) };
+    },
+    [frames, PATIENCE],
+  );
+}
+
+/** Resolves when the show is of that colour at the guest, and sounds at that pitch. */
+async function shows(page, { rgb, hertz }) {
+  for (const end = Date.now() + PATIENCE; ; ) {
+    const seen = await look(page, 1);
+    if (alike(seen.rgb, rgb)) break;
+    assert.ok(Date.now() < end, `the show is ${seen.rgb}, not ${rgb}`);
+  }
+  if (!hertz) return;
+  const loudest = await page.evaluate(
+    async ([hertz, patience]) => {
+      const context = new AudioContext();
+      const analyser = new AnalyserNode(context, { fftSize: 8192, smoothingTimeConstant: 0 });
+      context.createMediaStreamSource(document.querySelector("#show").srcObject).connect(analyser);
+      const bins = new Float32Array(analyser.frequencyBinCount);
+      let tone = 0;
+      for (const end = Date.now() + patience; Date.now() < end && Math.abs(tone - hertz) > 10; ) {
+        await new Promise((done) => setTimeout(done, 100));
+        analyser.getFloatFrequencyData(bins);
+        const at = bins.indexOf(Math.max(...bins));
+        if (bins[at] > -40) tone = (at * context.sampleRate) / analyser.fftSize;
+      }
+      await context.close();
+      return tone;
+    },
+    [hertz, PATIENCE],
+  );
+  assert.ok(Math.abs(loudest - hertz) <= 10, `the show sounds at ${loudest} Hz, not at ${hertz}`);
+}
+
+/** What the process holds: memory in MB, open files, threads. */
+function held(pid) {
+  const [, kilobytes] = readFileSync(`/proc/${pid}/status`, "utf8").match(/VmRSS:\s+(\d+)/);
+  const count = (what) => readdirSync(`/proc/${pid}/${what}`).length;
+  return { memory: Math.round(kilobytes / 1024), files: count("fd"), threads: count("task") };
+}
+const service = () => studio.child("zarvo-guest-service");
+
+/** Everything asked for so far has been done by the service. */
+const done = async () => assert.equal((await studio.ask("there", "there")).alive, true);
+
+// ---- The guests --------------------------------------------------------------
+
+const pages = {};
+let ids = {};
+
+/** Brings a ringing guest in and sees their picture at the studio. */
+async function bringIn(id, isCamera = true) {
+  studio.say(`admit ${id}`);
+  await studio.guests("the guest is seen", ({ guests }) => guests.some((row) => row.id === id && row.fps > 0));
+  const { width, height, quarters } = await studio.snapshot(id);
+  if (!isCamera) return assert.notEqual(width, CAMERA_SIZE.width);
+  assert.deepEqual({ width, height }, CAMERA_SIZE);
+  quarters.forEach((colour, at) => assert.ok(alike(colour, QUARTERS[at].rgb), `quarter ${at} is ${colour}`));
+}
+
+/** The id of whoever rings under that name, and has not been here under one of the `known` ids. */
+async function ringer(name, screenShare, known) {
+  const fits = (row) =>
+    row.state === "ringing" && row.name === `Guest - ${name}` && row.screenShare === screenShare && !known.includes(row.id);
+  const { guests } = await studio.guests(`${name} rings`, ({ guests }) => guests.some(fits));
+  return guests.findLast(fits).id;
+}
+
+/** Brings both guests and the screen in as they ring, and sees and hears the show go both ways. */
+async function bringAllIn(known = []) {
+  ids = {
+    ada: await ringer("Ada", false, known),
+    bob: await ringer("Bob", false, known),
+    screen: await ringer("Bob", true, known),
+  };
+  await bringIn(ids.ada);
+  await bringIn(ids.bob);
+  await bringIn(ids.screen, false);
+  await flows();
+}
+
+/** Frames go both ways. */
+async function flows() {
+  await Promise.all(Object.values(pages).map((page) => look(page, 10)));
+  await studio.guests("frames come from all", ({ guests }) =>
+    guests.filter(({ id }) => [ids.ada, ids.bob].includes(id)).every(({ fps }) => fps > 3),
+  );
+}
+
+async function ringAll() {
+  const known = Object.values(ids);
+  await Promise.all(Object.values(pages).map(ring));
+  await pages.bob.click("#share:enabled");
+  await says(pages.bob, "#share", /^Stop sharing$/);
+  await bringAllIn(known);
+}
+
+// ---- The show's course -------------------------------------------------------
+
+/** One round of an ordinary show, with every command that does not end it. */
+async function round(number) {
+  const { ada, bob } = pages;
+  for (const show of [RED, BLUE]) {
+    assert.equal((await studio.ask(`show ${plain(show.rgb, show.hertz)}`, "show")).state, "playing");
+    await Promise.all([shows(ada, show), shows(bob, { rgb: show.rgb })]);
+  }
+  const air = [
+    ["endshow", "green-room", "green-room"],
+    [`live ${ids.ada}`, "standby", "green-room"],
+    ["golive", "on-air", "green-room"],
+    ["offair on", "on-air", "off-air"],
+    ["offair off", "on-air", "green-room"],
+    ["record", "recorded", "green-room"],
+  ];
+  for (const [command, first, second] of air) {
+    studio.say(command);
+    await Promise.all([inState(ada, first), inState(bob, second)]);
+  }
+  // Ada alone is heard now.
+  await studio.guests("Ada is heard", ({ level }) => level !== null && level > -60);
+  const channels = await studio.listen(ids.ada, TONES);
+  channels.forEach(({ inTones }, channel) => assert.ok(inTones[channel] > 0.7, JSON.stringify(channels)));
+  studio.say(`mute ${ids.ada}`);
+  await says(ada, "#own", /host has switched your microphone off/);
+  await studio.guests("Ada is silent", ({ level }) => level === null || level < -80);
+  studio.say(`unmute ${ids.ada}`);
+  await says(ada, "#own", /^$/);
+  await studio.guests("Ada is heard again", ({ level }) => level !== null && level > -60);
+
+  studio.say(`viewers ${number}`);
+  studio.say(`pref {"title": "Round ${number}"}`);
+  const { uuid } = await studio.ask(`comment Eve: Round ${number}`, "commentSent");
+  const line = await studio.ask(`chat Host: Round ${number}`, "chatSent");
+  for (const page of [ada, bob]) {
+    await says(page, "#viewers", new RegExp(`^${number} watching$`));
+    await says(page, "#title", new RegExp(`^Round ${number}$`));
+    await says(page, `#comments [data-uuid="${uuid}"] .what`, new RegExp(`^Round ${number}$`));
+    await says(page, `#chat [data-uuid="${line.uuid}"] .what`, new RegExp(`^Round ${number}$`));
+  }
+  studio.say(`fav ${uuid} on`);
+  await Promise.all([ada, bob].map((page) => page.waitForSelector(`[data-uuid="${uuid}"] .star[aria-pressed="true"]`)));
+  const marked = studio.now;
+  await bob.click(`#comments [data-uuid="${uuid}"] .star`);
+  await studio.report("fav", { uuid, state: "no" }, marked);
+  await bob.fill("#chat-text", `Bob's ${number}`);
+  await bob.press("#chat-text", "Enter");
+  await studio.report("chat", { message: `Bob's ${number}`, name: "Bob" }, marked);
+  await ada.waitForFunction((text) => document.querySelector("#chat").textContent.includes(text), `Bob's ${number}`);
+
+  const read = studio.notes.length;
+  for (const command of ["log on", "help", "link", "show", "help admit", "nonsense", "log off"]) studio.say(command);
+  await done();
+  const noted = () => studio.notes.slice(read);
+  await until("the prompt answers", () => /no command "nonsense"/.test(noted()));
+  for (const words of ["record-audio ID SECONDS FILE", studio.link, "The show: videotestsrc", "admit ID - "]) {
+    assert.ok(noted().includes(words), `"${words}" is not in:\n${noted()}`);
+  }
+  studio.say(`greenroom ${ids.ada}`);
+  await inState(ada, "green-room");
+  studio.say("endshow");
+  await flows();
+}
+
+/** Pictures whose whole colour changes with each frame arrive whole. */
+async function tearing() {
+  studio.say(`show ${picture("pattern=blink")}`);
+  const [first, second] = await Promise.all(Object.values(pages).map((page) => look(page, 150)));
+  for (const { mixed, dark, bright } of [first, second]) {
+    assert.equal(mixed, 0, `of dark ${dark} and bright ${bright}`);
+    assert.ok(dark > 20 && bright > 20, `dark ${dark}, bright ${bright}`);
+  }
+}
+
+/** A source that changes its size, ends, stalls, or is none. */
+async function sources() {
+  const green = [30, 180, 30];
+  const small = { width: 320, height: 180 };
+  const part = ([red, green, blue], size) =>
+    `videotestsrc num-buffers=45 pattern=solid-color foreground-color=${0xff000000 + red * 65_536 + green * 256 + blue} ! ` +
+    `video/x-raw,width=${size.width},height=${size.height},framerate=30/1 ! parts.`;
+  let from = studio.now;
+  studio.say(`show concat name=parts ! identity ${part(BLUE.rgb, SIZE)} ${part(green, small)}`);
+  await studio.report("show", { state: "ended" }, from);
+  await Promise.all(Object.values(pages).map((page) => shows(page, { rgb: green }))); // the last picture stays
+  const seen = await look(pages.ada, 1);
+  assert.deepEqual({ width: seen.width, height: seen.height }, SIZE);
+
+  from = studio.now;
+  studio.say(`show ${picture("pattern=solid-color foreground-color=0xffc81e1e")} sleep-time=1500000`);
+  await studio.report("show", { state: "stalled" }, from);
+  await studio.report("show", { state: "goes on" }, from);
+  await shows(pages.bob, { rgb: RED.rgb });
+  assert.equal((await studio.ask("show no/such/file", "show")).state, "refused");
+  assert.equal((await studio.ask(`show ${plain(BLUE.rgb, BLUE.hertz)}`, "show")).state, "playing");
+  await Promise.all(Object.values(pages).map((page) => shows(page, BLUE)));
+}
+
+/** The session server hangs for a while, and then dies; a page is reloaded; the session is left. */
+async function losses() {
+  const hung = studio.now;
+  const janus = studio.child("janus");
+  process.kill(janus, "SIGSTOP");
+  await pause(4_000); // as long as it hangs
+  process.kill(janus, "SIGCONT");
+  await flows();
+  assert.equal(studio.reports.slice(hung).some(({ event }) => event === "dropped" || event === "serviceEnded"), false);
+
+  const killed = studio.now;
+  let known = Object.values(ids);
+  process.kill(janus, "SIGKILL");
+  await studio.report("sessionServerEnded", {}, killed);
+  await studio.report("joining", {}, killed);
+  await bringAllIn(known);
+
+  known = Object.values(ids);
+  await pages.bob.reload();
+  await ring(pages.bob);
+  ids.bob = await ringer("Bob", false, known);
+  await bringIn(ids.bob);
+  await pages.bob.click("#share");
+  ids.screen = await ringer("Bob", true, known);
+  await bringIn(ids.screen, false);
+  await flows();
+
+  studio.say("stop");
+  await Promise.all(Object.values(pages).map((page) => inState(page, "ringing")));
+  studio.say("rejoin");
+  await bringAllIn();
+}
+
+/** All guests are taken out, the last one while frames flow both ways. */
+async function removals() {
+  const { guests } = await studio.ask("guests", "guests");
+  const gone = guests.filter(({ state }) => state === "gone");
+  for (const id of [...gone.map(({ id }) => id), ids.screen, ids.bob]) studio.say(`remove ${id}`);
+  await inState(pages.bob, "lobby");
+  await inState(pages.ada, "green-room");
+  await look(pages.ada, 5);
+  const last = studio.now;
+  studio.say(`remove ${ids.ada}`);
+  await inState(pages.ada, "lobby");
+  await studio.report("dropped", { dropped: ids.ada }, last);
+  await studio.report("joining", {}, last);
+}
+
+test("a show with two guests and a screen holds, whatever happens in it", async (context) => {
+  studio = await Studio.start("--no-log", "--show", plain(RED.rgb, RED.hertz), "--width", String(SIZE.width), "--height", String(SIZE.height));
+  context.after(() => studio.close());
+  const start = Date.now();
+  const first = { service: service() };
+  const figures = (what) => {
+    const memory = `service ${held(service()).memory} MB, studio ${held(studio.pid).memory} MB`;
+    context.diagnostic(`${((Date.now() - start) / 60_000).toFixed(1)} min, ${what}: ${memory}`);
+  };
+  for (const name of ["Ada", "Bob"]) pages[name.toLowerCase()] = await browser.open(studio.link, { name });
+  await ringAll();
+  figures("all in");
+  let number = 1;
+  const steps = [() => round(number++), tearing, sources, losses, removals, ringAll, () => round(number++)];
+  for (const step of steps) {
+    await step();
+    figures(step.name || `round ${number - 1}`);
+  }
+  const memory = [held(service()).memory, held(studio.pid).memory];
+  while (Date.now() - start < LENGTH) {
+    await round(number++);
+    const rates = (await studio.ask("guests", "guests")).guests.map(({ fps }) => Math.round(fps)).join(", ");
+    figures(`round ${number - 1}, show ${Math.round((await look(pages.ada, 30)).fps)} and guests ${rates} frames a second`);
+  }
+  assert.equal(service(), first.service, "the service has been the same all the time");
+  [held(service()).memory, held(studio.pid).memory].forEach((now, at) =>
+    assert.ok(now < memory[at] + 60, `${["service", "studio"][at]}: ${memory[at]} MB, then ${now} MB`),
+  );
+  await removals();
+  assert.deepEqual(browser.faults.filter((text) => !/WebSocket connection|ERR_|Failed to load/.test(text)), []);
+  await Promise.all(Object.values(pages).map((page) => page.context().close()));
+});
+
+for (const fps of [5, 120]) {
+  test(`a show of ${fps} frames a second reaches the guest${fps === 120 ? ", and a hundred quick stops and rejoins leave nothing behind" : ""}`, async (context) => {
+    const small = { width: 320, height: 180 };
+    studio = await Studio.start("--no-log", "--show", picture("pattern=blink", small, fps), "--width", "320", "--height", "180", "--fps", String(fps));
+    context.after(() => studio.close());
+    const page = await browser.open(studio.link, { name: "Ada" });
+    await ring(page);
+    const id = await ringer("Ada", false, []);
+    await bringIn(id);
+    await look(page, fps);
+    const seen = await look(page, fps * 4);
+    context.diagnostic(`${seen.fps.toFixed(1)} frames a second at the guest`);
+    assert.equal(seen.mixed, 0);
+    assert.ok(seen.fps <= fps * 1.1 && seen.fps > Math.min(fps * 0.8, 10), `${seen.fps} frames a second`);
+    if (fps === 120) await turns(page, id, context);
+    await page.context().close();
+  });
+}
+
+async function turns(page, id, context) {
+  const pid = service();
+  let settled;
+  for (let turn = 1; turn <= 100; turn++) {
+    studio.say("stop");
+    studio.say("rejoin");
+    if (turn % 10 === 0) await done();
+    if (turn === 20) settled = held(pid);
+  }
+  await ringer("Ada", false, []);
+  await bringIn(id);
+  await look(page, 10);
+  const now = held(pid);
+  context.diagnostic(`after 20 turns ${JSON.stringify(settled)}, after 100 ${JSON.stringify(now)}`);
+  assert.equal(service(), pid);
+  assert.ok(now.memory < settled.memory + 60 && now.files < settled.files + 20 && now.threads < settled.threads + 20, JSON.stringify({ settled, now }));
+}
