@@ -104,7 +104,8 @@ void Studio::onRefused(std::string_view reason) {
 void Studio::onLost(Client::Loss loss) {
   const Client* from = nullptr;
   {
-    // Only looked at: a reference taken here could be the last one, and the client must not end on its own queue.
+    // Only looked at: a reference taken here could be the last one, and the client must not end on its own
+    // queue.
     const std::lock_guard lock(clientMutex_);
     from = client_.get();
   }
