@@ -167,25 +167,3 @@ test("a guest on air stays there over a lost connection", async () => {
   await studio.report("dropped", { dropped: id }, left);
   await studio.clear();
 });
-
-test("a session server that hangs is waited for, and one that died is entered anew", async () => {
-  const page = await browser.open(studio.link, { name: "Bob" });
-  const id = await bringIn(page, "Bob");
-  studio.signalChild("janus", "SIGSTOP");
-  await inState(page, "lost");
-  const goesOn = studio.now;
-  studio.signalChild("janus", "SIGCONT");
-  await inState(page, "green-room");
-  await studio.guests("the guest is seen and heard", ({ guests, level }) => guests[0].fps > 5 && level > -60);
-  assert.equal(studio.reports.slice(goesOn).some(({ event }) => event === "dropped"), false);
-
-  const died = studio.now;
-  studio.signalChild("janus", "SIGKILL");
-  await studio.report("sessionServerEnded", {}, died);
-  await inState(page, "lost");
-  await inState(page, "ringing");
-  const { ring: again } = await studio.report("ring", { name: "Guest - Bob" }, died);
-  assert.notEqual(again, id);
-  await studio.admit(again);
-  await inState(page, "green-room");
-});

@@ -102,7 +102,7 @@ test("two guests at once, one of them with a screen, outlive the service", async
   for (const id of ids) await sees(id);
 
   const killed = studio.now;
-  studio.signalChild("zarvo-guest-service", "SIGKILL");
+  process.kill(studio.child("zarvo-guest-service"), "SIGKILL");
   await studio.report("serviceEnded", {}, killed);
   for (const id of [...ids, screen]) await studio.report("ring", { ring: id }, killed);
   await Promise.all([...ids, screen].map((id) => studio.admit(id)));

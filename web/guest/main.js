@@ -1,7 +1,7 @@
 // The guests' page: joins what the guest does, what the room tells and what the page shows.
 
 import { explain as explainLink, readConfig, readLink } from "./link.js";
-import { LevelMeter, explain as explainMedia, listDevices, openCamera, openScreen, openTrack, secure } from "./media.js";
+import { explain as explainMedia, LevelMeter, listDevices, openCamera, openScreen, openTrack, secure } from "./media.js";
 import { readPreferences, readableOn } from "./preferences.js";
 import { Room } from "./room.js";
 import { parse } from "./signals.js";
@@ -21,6 +21,7 @@ let state = show.initial;
 let name = "";
 let stream = null; // the guest's camera and microphone
 let room = null;
+let attempt = 0; // counts the rings, to tell whether one was given up meanwhile
 
 // ---- The guest's choices, kept for the next visit --------------------------
 
@@ -110,22 +111,27 @@ async function change(kind) {
 
 async function ring() {
   name = page.name.value.trim();
-  if (!name || room) return;
+  if (!name || state.phase !== "lobby") return;
   store();
   fault("");
   notice("");
   update(show.connecting(state));
+  const mine = ++attempt;
   try {
-    room = new Room({ ...link, ...(await readConfig(location)) }, name, events);
+    const config = await readConfig(location);
+    if (attempt !== mine) return;
+    room = new Room({ ...link, ...config }, name, events);
     room.setAudio(show.microphoneOpen(state));
     room.enter(stream);
   } catch {
+    if (attempt !== mine) return;
     leave();
     fault("The show cannot be reached. Check your network and try again.");
   }
 }
 
 function leave(words = "") {
+  attempt++;
   room?.close();
   room = null;
   page.show.srcObject = null;

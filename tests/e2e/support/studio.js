@@ -147,15 +147,6 @@ export class Studio {
     return Number(children.find(isIt));
   }
 
-  /** Sends a signal to the studio's child whose command line begins with a program of that name. */
-  signalChild(name, signal) {
-    const children = readdirSync(`/proc/${this.#process.pid}/task`).flatMap((task) =>
-      readFileSync(`/proc/${this.#process.pid}/task/${task}/children`, "utf8").split(" ").filter(Boolean),
-    );
-    const program = (child) => basename(readFileSync(`/proc/${child}/cmdline`, "utf8").split("\0")[0]);
-    process.kill(Number(children.find((child) => program(child) === name)), signal);
-  }
-
   /** Ends the studio in the orderly way; rejects if it does not end well. */
   async close() {
     if (this.#ended === null) {
