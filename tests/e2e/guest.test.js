@@ -106,12 +106,18 @@ test("on air at desk and phone width, in light and dark, nothing is in anybody's
   studio.say(`live ${id}`);
   studio.say("golive");
   studio.say("comment Eve: Hello!");
-  studio.say(`pref {"notice": "${"A long notice. ".repeat(20)}", "title": "${"Unbroken".repeat(14)}", "accent": "#ffee00"}`);
+  studio.say(
+    `pref {"notice": "${"A long notice. ".repeat(20)}", "title": "${"Unbroken".repeat(14)}", "accent": "#ffee00"}`,
+  );
   await inState(page, "on-air");
   await says(page, "#notice", /long notice/);
   await page.waitForSelector("#comments .said");
   await page.click("#settings");
-  for (const [width, colorScheme] of [[1280, "light"], [375, "dark"], [375, "light"]]) {
+  for (const [width, colorScheme] of [
+    [1280, "light"],
+    [375, "dark"],
+    [375, "light"],
+  ]) {
     await page.setViewportSize({ width, height: 740 });
     await page.emulateMedia({ colorScheme });
     assert.deepEqual(await seriousFaults(page), [], `${width} ${colorScheme}`);
@@ -119,14 +125,19 @@ test("on air at desk and phone width, in light and dark, nothing is in anybody's
     assert.ok(overflow <= 0, `${overflow} pixels too wide at ${width}`);
     if (process.env.ZARVO_PICTURES) {
       mkdirSync(process.env.ZARVO_PICTURES, { recursive: true });
-      await page.screenshot({ path: `${process.env.ZARVO_PICTURES}/page-${width}-${colorScheme}.png`, fullPage: true });
+      await page.screenshot({
+        path: `${process.env.ZARVO_PICTURES}/page-${width}-${colorScheme}.png`,
+        fullPage: true,
+      });
     }
   }
   studio.say("endshow");
   await inState(page, "standby");
 
   // Another device in mid-show: the stream goes on under the same id.
-  const [first, second] = await page.locator("#microphone option").evaluateAll((all) => all.map(({ value }) => value));
+  const [first, second] = await page
+    .locator("#microphone option")
+    .evaluateAll((all) => all.map(({ value }) => value));
   assert.ok(first && second);
   await page.selectOption("#microphone", second);
   await page.waitForFunction(
@@ -159,7 +170,10 @@ test("a guest on air stays there over a lost connection", async () => {
   studio.say(`live ${id}`);
   await inState(page, "standby");
   await studio.guests("the guest is seen and heard", ({ guests, level }) => guests[0].fps > 5 && level > -60);
-  assert.equal(studio.reports.slice(cut).some(({ event }) => event === "dropped" || event === "ring"), false);
+  assert.equal(
+    studio.reports.slice(cut).some(({ event }) => event === "dropped" || event === "ring"),
+    false,
+  );
   cable.close();
   await inState(page, "lost");
   const left = studio.now;

@@ -12,9 +12,11 @@ const CAMERA = "camera-id";
 const SCREEN = "screen-id";
 
 const inRoom = () => show.screen(show.entered(show.connecting(show.initial), CAMERA), SCREEN);
-const setting = (subs, flags = {}) => JSON.stringify({ subs, broadcastIsLive: false, recordOnly: false, ...flags });
+const setting = (subs, flags = {}) =>
+  JSON.stringify({ subs, broadcastIsLive: false, recordOnly: false, ...flags });
 const entry = (flags = {}) => ({ id: CAMERA, on: false, remoteMuted: false, offAirAudio: false, ...flags });
-const after = (state, ...signals) => signals.reduce((each, [type, data]) => show.signalled(each, type, data), state);
+const after = (state, ...signals) =>
+  signals.reduce((each, [type, data]) => show.signalled(each, type, data), state);
 
 test("every place that a guest can be in has its own words", () => {
   const admitted = after(inRoom(), ["start", CAMERA]);
@@ -44,12 +46,19 @@ test("a guest goes by the entries and signals that name it, and by no others", (
   assert.equal(show.takesOut(state, "stop", "another"), false);
   assert.equal(show.takesOut(state, "stop", SCREEN), false);
   assert.equal(show.takesOut(state, "stop", CAMERA), true);
-  const others = after(state, ["audio_setting", setting([{ ...entry({ on: true, remoteMuted: true }), id: "another" }])]);
+  const others = after(state, [
+    "audio_setting",
+    setting([{ ...entry({ on: true, remoteMuted: true }), id: "another" }]),
+  ]);
   assert.deepEqual(others, state);
   // The list names guests who still ring, too: only "start" or being live is being brought in.
   assert.equal(after(state, ["audio_setting", setting([entry()])]).admitted, false);
   assert.equal(after(state, ["audio_setting", setting([entry({ on: true })])]).admitted, true);
-  const shared = after(state, ["start", SCREEN], ["audio_setting", setting([{ ...entry({ on: true }), id: SCREEN }])]);
+  const shared = after(
+    state,
+    ["start", SCREEN],
+    ["audio_setting", setting([{ ...entry({ on: true }), id: SCREEN }])],
+  );
   assert.deepEqual([shared.screenLive, shared.live, shared.admitted], [true, false, false]);
   assert.equal(after(shared, ["stop", SCREEN]).screenLive, false);
 });
@@ -66,7 +75,11 @@ test("the microphone is open only if neither the host nor the guest has muted it
 });
 
 test("a studio that goes away leaves its guests ringing, and who leaves forgets the room", () => {
-  const live = after(inRoom(), ["start", CAMERA], ["audio_setting", setting([entry({ on: true, remoteMuted: true })])]);
+  const live = after(
+    inRoom(),
+    ["start", CAMERA],
+    ["audio_setting", setting([entry({ on: true, remoteMuted: true })])],
+  );
   assert.equal(show.describe(show.showEnded(live)).name, "ringing");
   assert.deepEqual(show.left({ ...live, broadcastIsLive: true, viewers: "5" }), show.initial);
 });
@@ -82,7 +95,8 @@ test("signals of another shape change nothing", () => {
     ["Start", CAMERA],
     ["toString", "{}"],
   ];
-  for (const [type, data] of signals) assert.equal(show.signalled(state, type, data), state, `${type} ${data}`);
+  for (const [type, data] of signals)
+    assert.equal(show.signalled(state, type, data), state, `${type} ${data}`);
   assert.doesNotThrow(() => show.signalled(state, "audio_setting", '{"subs": [null, 1, [], {"id": 4}]}'));
   for (const text of ["1", "null", "[1]", '"a"', "{", ""]) assert.deepEqual(parse(text), {});
 });

@@ -60,7 +60,9 @@ test("the green room, the air and off-air audio decide what the studio hears", a
   for (const [command, state, isHeard] of steps) {
     studio.say(command);
     await inState(ada, state);
-    await studio.guests(`${command}: heard is ${isHeard}`, ({ level }) => (isHeard ? heard(level) : level === null));
+    await studio.guests(`${command}: heard is ${isHeard}`, ({ level }) =>
+      isHeard ? heard(level) : level === null,
+    );
   }
 });
 

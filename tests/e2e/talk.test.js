@@ -44,7 +44,13 @@ async function listenIn() {
     const session = new Session(link.url);
     await session.open();
     const handle = await session.attach("videoroom");
-    const body = { request: "join", ptype: "publisher", room: link.room, token: link.token, display: "Listener" };
+    const body = {
+      request: "join",
+      ptype: "publisher",
+      room: link.room,
+      token: link.token,
+      display: "Listener",
+    };
     const { data } = await handle.request(body);
     window.heard = [];
     window.signals = new Signals();
@@ -58,7 +64,10 @@ async function listenIn() {
     async next(type, act) {
       await page.evaluate(() => (window.heard.length = 0));
       await act();
-      const found = await page.waitForFunction((type) => window.heard.find((signal) => signal.type === type), type);
+      const found = await page.waitForFunction(
+        (type) => window.heard.find((signal) => signal.type === type),
+        type,
+      );
       return (await found.jsonValue()).data;
     },
     all: () => page.evaluate(() => window.heard),
@@ -71,7 +80,10 @@ test("the show's picture and sound arrive at the guest", async () => {
   await ada.waitForFunction(() => document.querySelector("#show").videoWidth > 0);
   const seen = await ada.waitForFunction(() => {
     const show = document.querySelector("#show");
-    const canvas = Object.assign(document.createElement("canvas"), { width: show.videoWidth, height: show.videoHeight });
+    const canvas = Object.assign(document.createElement("canvas"), {
+      width: show.videoWidth,
+      height: show.videoHeight,
+    });
     const context = canvas.getContext("2d");
     context.drawImage(show, 0, 0);
     const [red, green, blue] = context.getImageData(canvas.width / 2, canvas.height / 2, 1, 1).data;
@@ -87,7 +99,11 @@ test("the show's picture and sound arrive at the guest", async () => {
     const analyser = new AnalyserNode(context, { fftSize: 8192, smoothingTimeConstant: 0 });
     context.createMediaStreamSource(document.querySelector("#show").srcObject).connect(analyser);
     const bins = new Float32Array(analyser.frequencyBinCount);
-    for (const end = Date.now() + 15_000; Date.now() < end; await new Promise((done) => setTimeout(done, 100))) {
+    for (
+      const end = Date.now() + 15_000;
+      Date.now() < end;
+      await new Promise((done) => setTimeout(done, 100))
+    ) {
       analyser.getFloatFrequencyData(bins);
       const loudest = bins.indexOf(Math.max(...bins));
       if (bins[loudest] > -40) return (loudest * context.sampleRate) / analyser.fftSize;
@@ -132,7 +148,10 @@ test("a guest whom the host mutes is silent at the source and told so", async ()
   await says(ada, "#mute", /by the host/);
   await studio.report("hasAudioChanged", { hasAudio: false }, muted);
   await studio.guests("a muted guest is silent", ({ level }) => level === null || level < -80);
-  assert.equal(await ada.evaluate(() => document.querySelector("#self").srcObject.getAudioTracks()[0].enabled), false);
+  assert.equal(
+    await ada.evaluate(() => document.querySelector("#self").srcObject.getAudioTracks()[0].enabled),
+    false,
+  );
 
   // The guest cannot take the host's mute off, and the host does not take off the guest's own.
   await ada.click("#mute", { force: true });
@@ -163,7 +182,9 @@ test("a guest's sound is folded to mono when the guest asks for it", async () =>
 });
 
 test("viewer counts, comments, favourites and preferences reach the page", async () => {
-  assert.deepEqual(await json(room.next("viewer_count", () => studio.say("viewers 1234"))), { viewer_count: "1234" });
+  assert.deepEqual(await json(room.next("viewer_count", () => studio.say("viewers 1234"))), {
+    viewer_count: "1234",
+  });
   await says(ada, "#viewers", /^1234 watching$/);
   // The same count is not sent again: the one after it comes next.
   const counted = room.next("viewer_count", () => (studio.say("viewers 1234"), studio.say("viewers 1235")));
@@ -172,7 +193,10 @@ test("viewer counts, comments, favourites and preferences reach the page", async
   const hostile = `<img src=x onerror="window.hacked = true"><b>bold</b>`;
   let comment;
   const told = await json(
-    room.next("comment", async () => (comment = await studio.ask(`comment <i>Eve</i>: ${hostile}`, "commentSent"))),
+    room.next(
+      "comment",
+      async () => (comment = await studio.ask(`comment <i>Eve</i>: ${hostile}`, "commentSent")),
+    ),
   );
   assert.deepEqual(told, { name: "<i>Eve</i>", text: hostile, uuid: comment.uuid });
   const line = `[data-uuid="${comment.uuid}"]`;
@@ -198,7 +222,9 @@ test("viewer counts, comments, favourites and preferences reach the page", async
 
 test("chat goes both ways, and nobody reads a line twice", async () => {
   let sent;
-  const told = await json(room.next("chat", async () => (sent = await studio.ask("chat Host: Welcome: <b>all</b>", "chatSent"))));
+  const told = await json(
+    room.next("chat", async () => (sent = await studio.ask("chat Host: Welcome: <b>all</b>", "chatSent"))),
+  );
   assert.deepEqual(told, { name: "Host", text: "Welcome: <b>all</b>", uuid: sent.uuid });
   await says(ada, `#chat [data-uuid="${sent.uuid}"] .what`, /^Welcome: <b>all<\/b>$/);
 
@@ -238,7 +264,16 @@ test("chat goes both ways, and nobody reads a line twice", async () => {
 
 test("signals of a wrong shape harm neither side", async () => {
   const nested = "[".repeat(10_000);
-  const bad = ["", "null", "[]", "7", "{", nested, '{"text": 5, "name": [], "uuid": {}}', '{"subs": [null, {"id": 1}]}'];
+  const bad = [
+    "",
+    "null",
+    "[]",
+    "7",
+    "{",
+    nested,
+    '{"text": 5, "name": [], "uuid": {}}',
+    '{"subs": [null, {"id": 1}]}',
+  ];
   for (const type of ["chat", "fav", "mono", "audio_setting", "comment", "viewer_count", "nonsense", ""]) {
     for (const data of bad) await room.send(type, data);
   }

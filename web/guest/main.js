@@ -1,7 +1,15 @@
 // The guests' page: joins what the guest does, what the room tells and what the page shows.
 
 import { explain as explainLink, readConfig, readLink } from "./link.js";
-import { explain as explainMedia, LevelMeter, listDevices, openCamera, openScreen, openTrack, secure } from "./media.js";
+import {
+  explain as explainMedia,
+  LevelMeter,
+  listDevices,
+  openCamera,
+  openScreen,
+  openTrack,
+  secure,
+} from "./media.js";
 import { readPreferences, readableOn } from "./preferences.js";
 import { Room } from "./room.js";
 import { parse } from "./signals.js";
@@ -36,7 +44,10 @@ function readStored() {
 function store() {
   const { camera, microphone, original } = wishes();
   try {
-    localStorage.setItem(STORED, JSON.stringify({ name, camera, microphone, original, mono: page.mono.checked }));
+    localStorage.setItem(
+      STORED,
+      JSON.stringify({ name, camera, microphone, original, mono: page.mono.checked }),
+    );
   } catch {
     // as above
   }
@@ -80,7 +91,9 @@ async function fillDevices() {
   for (const kind of ["camera", "microphone"]) {
     const track = (kind === "camera" ? stream.getVideoTracks() : stream.getAudioTracks())[0];
     const current = track?.getSettings().deviceId;
-    page[kind].replaceChildren(...devices[kind].map(({ id, label }) => new Option(label, id, false, id === current)));
+    page[kind].replaceChildren(
+      ...devices[kind].map(({ id, label }) => new Option(label, id, false, id === current)),
+    );
   }
 }
 

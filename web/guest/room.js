@@ -236,7 +236,10 @@ export class Room {
   async #claim() {
     if (!this.#signals?.connection || !this.#camera?.published) return false;
     await this.#session.open();
-    const { data } = await this.#camera.handle.request({ request: "listparticipants", room: this.#link.room });
+    const { data } = await this.#camera.handle.request({
+      request: "listparticipants",
+      room: this.#link.room,
+    });
     const publishing = data.participants.filter(({ publisher }) => publisher);
     const has = (publisher) => publishing.some(({ id }) => id === publisher.id);
     if (!has(this.#camera) || (this.#screen && !has(this.#screen))) return false;

@@ -25,7 +25,10 @@ export class Signals {
     const { jsep } = await handle.request({ request: "setup" });
     this.#channel = this.#peer.connection.createDataChannel("JanusDataChannel");
     const opened = new Promise((resolve, reject) => {
-      const timer = setTimeout(() => reject(new Error("No connection for messages could be made.")), OPEN_TIME);
+      const timer = setTimeout(
+        () => reject(new Error("No connection for messages could be made.")),
+        OPEN_TIME,
+      );
       this.#channel.onopen = () => (clearTimeout(timer), resolve());
     });
     await handle.request({ request: "ack" }, await this.#peer.answer(jsep));

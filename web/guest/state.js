@@ -85,28 +85,53 @@ export const microphoneOpen = ({ selfMuted, remoteMuted }) => !selfMuted && !rem
  * says both whenever they change.
  */
 export function describe(state) {
-  if (state.phase === "connecting") return { name: "connecting", title: "Connecting", text: "One moment, please." };
+  if (state.phase === "connecting")
+    return { name: "connecting", title: "Connecting", text: "One moment, please." };
   if (state.phase === "lost") {
-    return { name: "lost", title: "Connection lost", text: "Trying to get you back. Please stay on this page." };
+    return {
+      name: "lost",
+      title: "Connection lost",
+      text: "Trying to get you back. Please stay on this page.",
+    };
   }
   if (!state.admitted) {
-    return { name: "ringing", title: "Ringing", text: "The host can see that you are here and will bring you in." };
+    return {
+      name: "ringing",
+      title: "Ringing",
+      text: "The host can see that you are here and will bring you in.",
+    };
   }
   if (state.live) {
     if (state.recordOnly) {
-      return { name: "recorded", title: "Recording", text: "You are in the show. It is recorded, not broadcast." };
+      return {
+        name: "recorded",
+        title: "Recording",
+        text: "You are in the show. It is recorded, not broadcast.",
+      };
     }
     if (state.broadcastIsLive) {
       return { name: "on-air", title: "On air", text: "You are live: everyone can see and hear you." };
     }
-    return { name: "standby", title: "In the show", text: "The show is not on air yet. The host can see and hear you." };
+    return {
+      name: "standby",
+      title: "In the show",
+      text: "The show is not on air yet. The host can see and hear you.",
+    };
   }
   if (!state.broadcastIsLive) {
-    return { name: "green-room", title: "Green room", text: "The host can see and hear you. The show is not on air yet." };
+    return {
+      name: "green-room",
+      title: "Green room",
+      text: "The host can see and hear you. The show is not on air yet.",
+    };
   }
   const show = state.recordOnly ? "The show is being recorded" : "The show is on air";
   if (state.offAirAudio) {
-    return { name: "off-air", title: "Green room, off-air talk", text: `${show}. Only the studio can hear you.` };
+    return {
+      name: "off-air",
+      title: "Green room, off-air talk",
+      text: `${show}. Only the studio can hear you.`,
+    };
   }
   return { name: "green-room", title: "Green room", text: `${show}. Nobody can hear you now.` };
 }

@@ -17,7 +17,9 @@ export class Publisher extends Peer {
       this.connection.addTransceiver(track, { direction: "sendonly", streams: [stream] });
     }
     await this.#offer("publish", () =>
-      this.connection.getTransceivers().map(({ mid, sender }) => ({ mid, description: describe(sender.track) })),
+      this.connection
+        .getTransceivers()
+        .map(({ mid, sender }) => ({ mid, description: describe(sender.track) })),
     );
     this.published = true;
   }

@@ -57,7 +57,10 @@ export async function launch({ refusing = false } = {}) {
       if (name) {
         // Without the processing of speech, which takes a steady tone for noise.
         const stored = JSON.stringify({ name, original: true });
-        await page.addInitScript((text) => localStorage.getItem("guest") ?? localStorage.setItem("guest", text), stored);
+        await page.addInitScript(
+          (text) => localStorage.getItem("guest") ?? localStorage.setItem("guest", text),
+          stored,
+        );
       }
       await page.goto(link);
       return page;
@@ -88,7 +91,9 @@ export async function says(page, selector, pattern) {
       [selector, source, flags],
     )
     .catch(async (error) => {
-      throw new Error(`${selector} says "${await page.textContent(selector)}", not ${pattern}`, { cause: error });
+      throw new Error(`${selector} says "${await page.textContent(selector)}", not ${pattern}`, {
+        cause: error,
+      });
     });
 }
 

@@ -30,7 +30,14 @@ export function writeCamera(file, width, height) {
     plane(width / 2, height / 2, 1),
     plane(width / 2, height / 2, 2),
   ];
-  writeFileSync(file, Buffer.concat([Buffer.from(`YUV4MPEG2 W${width} H${height} F30:1 Ip A1:1 C420jpeg\n`), ...frame, ...frame]));
+  writeFileSync(
+    file,
+    Buffer.concat([
+      Buffer.from(`YUV4MPEG2 W${width} H${height} F30:1 Ip A1:1 C420jpeg\n`),
+      ...frame,
+      ...frame,
+    ]),
+  );
 }
 
 /** Writes what a fake microphone plays: one second, which it repeats, of one tone left and one right. */
@@ -38,7 +45,10 @@ export function writeTones(file, tones) {
   const samples = Buffer.alloc(RATE * 4);
   for (let at = 0; at < RATE; at++) {
     tones.forEach((hertz, channel) => {
-      samples.writeInt16LE(Math.round(16_384 * Math.sin((2 * Math.PI * hertz * at) / RATE)), at * 4 + channel * 2);
+      samples.writeInt16LE(
+        Math.round(16_384 * Math.sin((2 * Math.PI * hertz * at) / RATE)),
+        at * 4 + channel * 2,
+      );
     });
   }
   const header = Buffer.alloc(44);
@@ -61,8 +71,17 @@ export function writeTones(file, tones) {
 export function readPicture(file) {
   const { width, height, data } = PNG.sync.read(readFileSync(file));
   const colour = (x, y) => [...data.subarray((y * width + x) * 4, (y * width + x) * 4 + 3)];
-  const middles = [[1, 1], [3, 1], [1, 3], [3, 3]];
-  return { width, height, quarters: middles.map(([x, y]) => colour(Math.floor((width * x) / 4), Math.floor((height * y) / 4))) };
+  const middles = [
+    [1, 1],
+    [3, 1],
+    [1, 3],
+    [3, 3],
+  ];
+  return {
+    width,
+    height,
+    quarters: middles.map(([x, y]) => colour(Math.floor((width * x) / 4), Math.floor((height * y) / 4))),
+  };
 }
 
 /** Whether two colours are the same but for what conversion and compression do to them. */
@@ -86,7 +105,8 @@ export function readSound(file, tones) {
       const sample = (at) => bytes.readInt16LE(start + (frame + at) * 4 + channel * 2) / 32_768;
       for (let at = 0; at < piece; at++) power += sample(at) ** 2;
       tones.forEach((hertz, which) => {
-        let cosine = 0, sine = 0;
+        let cosine = 0,
+          sine = 0;
         for (let at = 0; at < piece; at++) {
           const angle = (2 * Math.PI * hertz * at) / RATE;
           cosine += sample(at) * Math.cos(angle);

@@ -33,7 +33,9 @@ export class Studio {
   }
 
   #start(options) {
-    this.#process = spawn(join(BIN, "zarvo-studio"), ["--port", "0", ...options], { stdio: ["pipe", "pipe", "pipe"] });
+    this.#process = spawn(join(BIN, "zarvo-studio"), ["--port", "0", ...options], {
+      stdio: ["pipe", "pipe", "pipe"],
+    });
     this.#process.stderr.on("data", (text) => (this.#notes += text));
     createInterface({ input: this.#process.stdout }).on("line", (line) => {
       this.reports.push(JSON.parse(line));
@@ -68,7 +70,10 @@ export class Studio {
         settle(value);
       };
       const fail = (why) => {
-        const recent = this.reports.slice(-15).map((report) => JSON.stringify(report)).join("\n");
+        const recent = this.reports
+          .slice(-15)
+          .map((report) => JSON.stringify(report))
+          .join("\n");
         const wanted = `"${name}" ${JSON.stringify(fields)}`;
         const notes = this.#notes.slice(-2000);
         end(reject, new Error(`${why}: no ${wanted}; the last reports:\n${recent}\nand notes:\n${notes}`));
@@ -97,7 +102,8 @@ export class Studio {
     for (;;) {
       const table = await this.ask("guests", "guests");
       if (fits(table)) return table;
-      if (Date.now() > end) throw new Error(`the guests' table never said: ${what}; it says ${JSON.stringify(table)}`);
+      if (Date.now() > end)
+        throw new Error(`the guests' table never said: ${what}; it says ${JSON.stringify(table)}`);
       await pause(100);
     }
   }
@@ -143,7 +149,8 @@ export class Studio {
     const children = readdirSync(`/proc/${this.pid}/task`).flatMap((task) =>
       readFileSync(`/proc/${this.pid}/task/${task}/children`, "utf8").trim().split(" "),
     );
-    const isIt = (child) => child && basename(readFileSync(`/proc/${child}/cmdline`, "utf8").split("\0")[0]) === program;
+    const isIt = (child) =>
+      child && basename(readFileSync(`/proc/${child}/cmdline`, "utf8").split("\0")[0]) === program;
     return Number(children.find(isIt));
   }
 
