@@ -249,17 +249,17 @@ GstFlowReturn Show::onSound(GstAppSink* sink, gpointer self) {
 
 gboolean Show::onMessage(GstBus*, GstMessage* message, gpointer self) {
   auto& show = *static_cast<Show*>(self);
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_LATENCY) gst_bin_recalculate_latency(GST_BIN(show.pipeline_));
+  if (show.over_) return G_SOURCE_CONTINUE;
   if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) {
+    show.over_ = true;
     show.news_("ended", "the source has ended; its last picture stays");
-    show.stalled_ = true;
   } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+    show.over_ = true;
     GError* error = nullptr;
     gst_message_parse_error(message, &error, nullptr);
     show.news_("failed", error->message);
-    show.stalled_ = true;
     g_error_free(error);
-  } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_LATENCY) {
-    gst_bin_recalculate_latency(GST_BIN(show.pipeline_));
   }
   return G_SOURCE_CONTINUE;
 }
@@ -271,7 +271,7 @@ void Show::watch() {
     const std::lock_guard lock(pictures_);
     const bool late = std::chrono::steady_clock::now() - lastTime_ > stallTime;
     if (late) showPicture();
-    if (late != stalled_ && hasPictures_) state = late ? "stalled" : "goes on";
+    if (late != stalled_ && hasPictures_ && !over_) state = late ? "stalled" : "goes on";
     stalled_ = late;
   }
   if (state == "stalled") news_(state, "the source gives no picture; the last one stays");
@@ -287,6 +287,7 @@ void Show::end() {
   hasPictures_ = false;
   hasSound_ = false;
   stalled_ = false;
+  over_ = false;
   source_ = "off";
   const std::lock_guard lock(pictures_);
   last_.reset();

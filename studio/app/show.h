@@ -75,6 +75,7 @@ class Show {
   guint busWatch_ = 0;
   Timer stallWatch_;
   bool stalled_ = false;
+  bool over_ = false;  // the source has ended or failed
 
   // Written by whichever thread of the source brings a pad.
   std::atomic<bool> hasPictures_{false};

@@ -259,7 +259,8 @@ void Studio::playShow(const std::string& source) {
   }
   const std::string fault = show_->play(source);
   if (!fault.empty()) output_.note(fmt::format("show: {}", fault));
-  event("show", {{"state", fault.empty() ? "playing" : "refused"}, {"source", show_->source()}});
+  const char* state = !fault.empty() ? "refused" : show_->source() == "off" ? "off" : "playing";
+  event("show", {{"state", state}, {"source", show_->source()}});
 }
 
 void Studio::printGuests() {
