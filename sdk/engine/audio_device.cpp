@@ -22,7 +22,7 @@ constexpr std::size_t longest_track = rate / 5 * channels;
 // Who has not read for so long is taken not to read.
 constexpr std::int64_t reading_time = 1000000;  // microseconds
 // Blocks follow each other without a gap unless they come this much too late or too early.
-constexpr std::int64_t largest_drift = 100000000;  // nanoseconds
+constexpr std::int64_t largest_drift = 100000000;                             // nanoseconds
 constexpr guint64 most_waiting = 5 * rate * channels * sizeof(std::int16_t);  // bytes: five seconds
 
 std::int64_t running_time(GstAppSrc* output) {
@@ -39,7 +39,9 @@ AudioDevice& AudioDevice::get() {
   return device;
 }
 
-std::int64_t AudioDevice::Output::next() const { return begin + frames * 1000000000 / rate; }
+std::int64_t AudioDevice::Output::next() const {
+  return begin + frames * 1000000000 / rate;
+}
 
 void AudioDevice::set_callbacks(const otc_audio_device_callbacks& callbacks) {
   callbacks_ = callbacks;

@@ -42,20 +42,21 @@ Bitrate::Bitrate(GstElement* webrtc, GstElement* source) : limit_(highest), rate
   if (session == nullptr) return;
   statistics_.reset(session);
   g_object_get(session, "internal-session", &feedback_, nullptr);
-  g_signal_connect(feedback_, "on-feedback-rtcp",
-                   G_CALLBACK(+[](GObject*, guint type, guint format, guint, guint, GstBuffer* data, Bitrate* self) {
-                     constexpr guint payload_specific = 206;
-                     constexpr guint application_layer = 15;
-                     GstMapInfo mapped;
-                     if (type != payload_specific || format != application_layer || data == nullptr ||
-                         gst_buffer_map(data, &mapped, GST_MAP_READ) == FALSE) {
-                       return;
-                     }
-                     const int limit = remb_limit(mapped.data, mapped.size);
-                     gst_buffer_unmap(data, &mapped);
-                     if (limit > 0) self->limit_ = limit;
-                   }),
-                   this);
+  g_signal_connect(
+      feedback_, "on-feedback-rtcp",
+      G_CALLBACK(+[](GObject*, guint type, guint format, guint, guint, GstBuffer* data, Bitrate* self) {
+        constexpr guint payload_specific = 206;
+        constexpr guint application_layer = 15;
+        GstMapInfo mapped;
+        if (type != payload_specific || format != application_layer || data == nullptr ||
+            gst_buffer_map(data, &mapped, GST_MAP_READ) == FALSE) {
+          return;
+        }
+        const int limit = remb_limit(mapped.data, mapped.size);
+        gst_buffer_unmap(data, &mapped);
+        if (limit > 0) self->limit_ = limit;
+      }),
+      this);
   timer_.every(interval, [this] { adapt(); });
 }
 
@@ -73,8 +74,9 @@ void Bitrate::adapt() {
   gint64 growing = 0;  // nanoseconds by which the delay of a packet exceeds that of the one before
   guint packets = 0;
   guint sent = 0;  // bits a second
-  gst_structure_get(stats, "packet-loss-pct", G_TYPE_DOUBLE, &lost, "avg-delta-of-delta", G_TYPE_INT64, &growing,
-                    "packets-sent", G_TYPE_UINT, &packets, "bitrate-sent", G_TYPE_UINT, &sent, nullptr);
+  gst_structure_get(stats, "packet-loss-pct", G_TYPE_DOUBLE, &lost, "avg-delta-of-delta", G_TYPE_INT64,
+                    &growing, "packets-sent", G_TYPE_UINT, &packets, "bitrate-sent", G_TYPE_UINT, &sent,
+                    nullptr);
   gst_structure_free(stats);
   double wanted = rate_;
   if (packets < fewest_packets) {

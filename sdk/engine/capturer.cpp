@@ -54,7 +54,8 @@ void convert(const otc_video_frame& from, int rotation, GstVideoFrame& to) {
   const std::array<std::uint8_t*, 3> out = {static_cast<std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&to, 0)),
                                             static_cast<std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&to, 1)),
                                             static_cast<std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&to, 2))};
-  const std::array<int, 3> strides = {GST_VIDEO_FRAME_PLANE_STRIDE(&to, 0), GST_VIDEO_FRAME_PLANE_STRIDE(&to, 1),
+  const std::array<int, 3> strides = {GST_VIDEO_FRAME_PLANE_STRIDE(&to, 0),
+                                      GST_VIDEO_FRAME_PLANE_STRIDE(&to, 1),
                                       GST_VIDEO_FRAME_PLANE_STRIDE(&to, 2)};
   const libyuv::RotationMode mode = rotation_mode(rotation);
   const int width = from.width;
@@ -108,7 +109,8 @@ void otc_video_capturer::set_output(GstAppSrc* output) {
 otc_status otc_video_capturer::provide(const otc_video_frame& frame, int rotation) {
   if (!is_whole(frame)) return OTC_INVALID_PARAM;
   const std::lock_guard lock(mutex_);
-  if (output_ == nullptr || gst_app_src_get_current_level_buffers(output_) >= most_waiting) return OTC_SUCCESS;
+  if (output_ == nullptr || gst_app_src_get_current_level_buffers(output_) >= most_waiting)
+    return OTC_SUCCESS;
 
   const bool turned = rotation == 90 || rotation == 270;
   const int width = turned ? frame.height : frame.width;
@@ -121,7 +123,8 @@ otc_status otc_video_capturer::provide(const otc_video_frame& frame, int rotatio
     if (pool_ != nullptr) gst_buffer_pool_set_active(pool_.get(), FALSE);
     pool_.reset(gst_video_buffer_pool_new());
     GstStructure* config = gst_buffer_pool_get_config(pool_.get());
-    gst_buffer_pool_config_set_params(config, caps_.get(), static_cast<guint>(GST_VIDEO_INFO_SIZE(&info)), 0, 0);
+    gst_buffer_pool_config_set_params(config, caps_.get(), static_cast<guint>(GST_VIDEO_INFO_SIZE(&info)), 0,
+                                      0);
     gst_buffer_pool_set_config(pool_.get(), config);
     gst_buffer_pool_set_active(pool_.get(), TRUE);
     width_ = width;

@@ -23,8 +23,8 @@ EngineThread& EngineThread::get() {
 
 EngineThread::EngineThread() : context_(g_main_context_new()) {
   // The list has a mutex of its own, so that handing a task over never depends on GLib's.
-  static GSourceFuncs functions = {&EngineThread::has_tasks, nullptr, &EngineThread::run_tasks,
-                                   nullptr,                  nullptr, nullptr};
+  static GSourceFuncs functions = {
+      &EngineThread::has_tasks, nullptr, &EngineThread::run_tasks, nullptr, nullptr, nullptr};
   GSource* source = g_source_new(&functions, sizeof(TaskSource));
   reinterpret_cast<TaskSource*>(source)->thread = this;
   g_source_attach(source, context_);
@@ -56,7 +56,9 @@ gboolean EngineThread::run_tasks(GSource* source, GSourceFunc, gpointer) {
   return G_SOURCE_CONTINUE;
 }
 
-bool EngineThread::is_current() const { return on_engine_thread; }
+bool EngineThread::is_current() const {
+  return on_engine_thread;
+}
 
 void EngineThread::post(Task task) {
   {
@@ -84,9 +86,13 @@ void EngineThread::run(const Task& task) {
   finished.wait(lock, [&] { return done; });
 }
 
-void Timer::once(std::chrono::milliseconds delay, Task task) { start(delay, false, std::move(task)); }
+void Timer::once(std::chrono::milliseconds delay, Task task) {
+  start(delay, false, std::move(task));
+}
 
-void Timer::every(std::chrono::milliseconds interval, Task task) { start(interval, true, std::move(task)); }
+void Timer::every(std::chrono::milliseconds interval, Task task) {
+  start(interval, true, std::move(task));
+}
 
 void Timer::start(std::chrono::milliseconds delay, bool repeat, Task task) {
   stop();

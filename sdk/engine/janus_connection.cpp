@@ -41,9 +41,12 @@ const json& object_at(const json& object, const char* key) {
 JanusConnection::JanusConnection(std::string server, Listener& listener)
     : server_(std::move(server)), listener_(&listener) {}
 
-JanusConnection::~JanusConnection() { close(); }
+JanusConnection::~JanusConnection() {
+  close();
+}
 
 void JanusConnection::open() {
+  if (state_ != State::closed) return;
   soup_ = soup_session_new();
   state_ = State::opening;
   connect();
@@ -56,6 +59,7 @@ void JanusConnection::close() {
   waiting_.clear();
   if (websocket_ != nullptr && session_ != 0) request({{"janus", "destroy"}}, {});
   state_ = State::closed;
+  session_ = 0;
   drop_websocket();
   keep_alive_.stop();
   answer_deadline_.stop();
@@ -280,8 +284,7 @@ void JanusConnection::request(json message, Reply reply) {
 }
 
 void JanusConnection::write(const json& message) {
-  if (websocket_ == nullptr ||
-      soup_websocket_connection_get_state(websocket_) != SOUP_WEBSOCKET_STATE_OPEN) {
+  if (websocket_ == nullptr || soup_websocket_connection_get_state(websocket_) != SOUP_WEBSOCKET_STATE_OPEN) {
     return;
   }
   const std::string text = message.dump(-1, ' ', false, json::error_handler_t::replace);

@@ -22,9 +22,13 @@ const char* mark(LogLevel level) {
 
 }  // namespace
 
-void set_logger(otc_logger_callback callback) { logger = callback; }
+void set_logger(otc_logger_callback callback) {
+  logger = callback;
+}
 
-void set_log_enabled(bool enabled) { log_enabled = enabled; }
+void set_log_enabled(bool enabled) {
+  log_enabled = enabled;
+}
 
 void log_line(LogLevel level, const std::string& text) {
   const otc_logger_callback callback = logger;

@@ -1,10 +1,12 @@
 #include "opentok.h"
 
 #include <gst/gst.h>
+#include <openssl/crypto.h>
 
 #include <utility>
 
 #include "callback_scope.h"
+#include "keep.h"
 #include "log.h"
 #include "publisher.h"
 #include "session.h"
@@ -23,10 +25,10 @@ std::shared_ptr<Session> session_of(otc_session* handle) {
   return handle->session;
 }
 
-// Runs the task on the engine's thread. A thread that is in a callback does not wait for it: what
-// the task waits for may be that callback.
+// Runs the task on the engine's thread. From within a callback it is only put in the queue: what the
+// task ends, and waits for, may be that callback.
 void run_or_post(engine::Task task) {
-  if (engine::CallbackScope::active() && !EngineThread::get().is_current()) {
+  if (engine::CallbackScope::active()) {
     EngineThread::get().post(std::move(task));
   } else {
     EngineThread::get().run(task);
@@ -36,6 +38,8 @@ void run_or_post(engine::Task task) {
 }  // namespace
 
 otc_status otc_init(void*) {
+  // A program that ends itself does so while connections run; OpenSSL must not clear up under them.
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   GError* error = nullptr;
   if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
     engine::log_error("GStreamer does not start: {}", error->message);
@@ -64,11 +68,17 @@ const char* otc_stream_get_name(const otc_stream* stream) {
   return stream == nullptr ? nullptr : stream->name.c_str();
 }
 
-int otc_stream_get_video_type(const otc_stream* stream) { return stream == nullptr ? 0 : stream->video_type; }
+int otc_stream_get_video_type(const otc_stream* stream) {
+  return stream == nullptr ? 0 : stream->video_type;
+}
 
-int otc_stream_get_video_width(const otc_stream* stream) { return stream == nullptr ? 0 : stream->width; }
+int otc_stream_get_video_width(const otc_stream* stream) {
+  return stream == nullptr ? 0 : stream->width;
+}
 
-int otc_stream_get_video_height(const otc_stream* stream) { return stream == nullptr ? 0 : stream->height; }
+int otc_stream_get_video_height(const otc_stream* stream) {
+  return stream == nullptr ? 0 : stream->height;
+}
 
 const otc_connection* otc_stream_get_connection(const otc_stream* stream) {
   return stream == nullptr ? nullptr : stream->connection;
@@ -77,7 +87,7 @@ const otc_connection* otc_stream_get_connection(const otc_stream* stream) {
 otc_session* otc_session_new(const char* api_key, const char* session_id,
                              const struct otc_session_callbacks* callbacks) {
   if (api_key == nullptr || session_id == nullptr || callbacks == nullptr) return nullptr;
-  auto* handle = new otc_session;
+  otc_session* handle = engine::keep(std::make_unique<otc_session>());
   handle->session = std::make_shared<Session>(handle, *callbacks, session_id);
   return handle;
 }
@@ -97,6 +107,7 @@ otc_status otc_session_delete(otc_session* handle) {
     session = std::move(handle->session);
   }
   if (session == nullptr) return OTC_INVALID_PARAM;
+  session->silence();
   run_or_post([last = std::move(session)] { last->close(); });
   return OTC_SUCCESS;
 }
@@ -138,9 +149,10 @@ otc_status otc_session_unpublish(otc_session* handle, otc_publisher* publisher) 
   return OTC_SUCCESS;
 }
 
-otc_subscriber* otc_subscriber_new(const otc_stream* stream, const struct otc_subscriber_callbacks* callbacks) {
+otc_subscriber* otc_subscriber_new(const otc_stream* stream,
+                                   const struct otc_subscriber_callbacks* callbacks) {
   if (stream == nullptr || callbacks == nullptr) return nullptr;
-  return new otc_subscriber(*stream, *callbacks);
+  return engine::keep(std::make_unique<otc_subscriber>(*stream, *callbacks));
 }
 
 otc_status otc_subscriber_set_subscribe_to_video(otc_subscriber* subscriber, otc_bool on) {

@@ -19,7 +19,8 @@ constexpr auto connect_time = 15s;
 // How long the jitter buffer waits for a packet that is missing. What comes in order never waits.
 constexpr unsigned jitter_milliseconds = 120;
 
-using Description = std::unique_ptr<GstWebRTCSessionDescription, decltype(&gst_webrtc_session_description_free)>;
+using Description =
+    std::unique_ptr<GstWebRTCSessionDescription, decltype(&gst_webrtc_session_description_free)>;
 
 Description parse(GstWebRTCSDPType type, const std::string& text) {
   GstSDPMessage* message = nullptr;
@@ -44,8 +45,8 @@ void describe(GstElement* webrtc, const char* what, std::function<void(const std
             gst_promise_wait(kept) == GST_PROMISE_RESULT_REPLIED ? gst_promise_get_reply(kept) : nullptr;
         const char* field = g_str_equal(call->what, "create-offer") ? "offer" : "answer";
         GstWebRTCSessionDescription* made = nullptr;
-        if (reply == nullptr || gst_structure_get(reply, field, GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &made,
-                                                  nullptr) == FALSE) {
+        if (reply == nullptr ||
+            gst_structure_get(reply, field, GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &made, nullptr) == FALSE) {
           return;
         }
         const Description description(made, gst_webrtc_session_description_free);
@@ -159,10 +160,9 @@ void Peer::connect_signals() {
                      self->post([line, text = std::string(text)](Peer& peer) { peer.candidate(line, text); });
                    }),
                    this);
-  g_signal_connect(webrtc_, "on-negotiation-needed", G_CALLBACK(+[](GstElement*, Peer* self) {
-                     self->post([](Peer& peer) { peer.make_offer(); });
-                   }),
-                   this);
+  g_signal_connect(
+      webrtc_, "on-negotiation-needed",
+      G_CALLBACK(+[](GstElement*, Peer* self) { self->post([](Peer& peer) { peer.make_offer(); }); }), this);
   g_signal_connect(webrtc_, "notify::connection-state",
                    G_CALLBACK(+[](GstElement* webrtc, GParamSpec*, Peer* self) {
                      int state = 0;
@@ -181,7 +181,8 @@ void Peer::connect_signals() {
                    nullptr);
   const Gst<GstBus> bus(gst_element_get_bus(pipeline_.get()));
   bus_watch_ = gst_bus_create_watch(bus.get());
-  g_source_set_callback(bus_watch_, G_SOURCE_FUNC(+[](GstBus*, GstMessage* message, gpointer self) -> gboolean {
+  g_source_set_callback(bus_watch_,
+                        G_SOURCE_FUNC(+[](GstBus*, GstMessage* message, gpointer self) -> gboolean {
                           static_cast<Peer*>(self)->bus_message(message);
                           return G_SOURCE_CONTINUE;
                         }),

@@ -9,6 +9,7 @@
 
 #include "audio_device.h"
 #include "bitrate.h"
+#include "keep.h"
 #include "log.h"
 #include "room.h"
 #include "video_frame.h"
@@ -19,21 +20,26 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto retry_interval = 1s;
+constexpr int most_failures = 10;
 
 // The encoder keeps up by giving up quality: with a positive cpu-used it picks its own speed, so that a
 // frame takes a part of the time between two. It never drops a frame and holds none back. Key frames come
 // when somebody asks, and once in a long while.
 constexpr const char* video_elements =
     "appsrc name=source is-live=true format=time do-timestamp=true min-latency=0 max-latency=1000000000"
-    " ! vp8enc name=encoder deadline=1 cpu-used=8 threads=2 end-usage=cbr lag-in-frames=0 dropframe-threshold=0"
-    " resize-allowed=false keyframe-max-dist=3000 min-quantizer=4 max-quantizer=63 undershoot=100 overshoot=15"
-    " buffer-size=1000 buffer-initial-size=500 buffer-optimal-size=600 error-resilient=default static-threshold=1"
+    " ! vp8enc name=encoder deadline=1 cpu-used=12 threads=2 end-usage=cbr lag-in-frames=0 "
+    "dropframe-threshold=0"
+    " resize-allowed=false keyframe-max-dist=3000 min-quantizer=4 max-quantizer=63 undershoot=100 "
+    "overshoot=15"
+    " buffer-size=1000 buffer-initial-size=500 buffer-optimal-size=600 error-resilient=default "
+    "static-threshold=1"
     " ! rtpvp8pay picture-id-mode=15-bit auto-header-extension=true ! capsfilter name=rtp";
 // With the numbers by which the server reports what arrives, and when.
 constexpr const char* video_caps =
     "application/x-rtp,media=video,clock-rate=90000,encoding-name=VP8,payload=96,"
     "extmap-3=(string)\"http://www.ietf.org/id/draft-holmer-rmcat-transport-wide-cc-extensions-01\"";
-constexpr const char* audio_caps = "application/x-rtp,media=audio,clock-rate=48000,encoding-name=OPUS,payload=97";
+constexpr const char* audio_caps =
+    "application/x-rtp,media=audio,clock-rate=48000,encoding-name=OPUS,payload=97";
 
 std::string audio_elements(bool stereo) {
   return std::string(
@@ -42,8 +48,7 @@ std::string audio_elements(bool stereo) {
              " ! audioconvert ! audio/x-raw,channels=") +
          (stereo ? "2" : "1") +
          " ! opusenc frame-size=20 audio-type=generic inband-fec=true packet-loss-percentage=10 bitrate=" +
-         (stereo ? "96000" : "64000") +
-         " ! rtpopuspay ! capsfilter name=rtp";
+         (stereo ? "96000" : "64000") + " ! rtpopuspay ! capsfilter name=rtp";
 }
 
 // The names of the media in a description: "m=video …" followed, before the next "m=", by "a=mid:NAME".
@@ -136,7 +141,8 @@ void Publication::prime() {
     constexpr int largest = 4096;
     const int width = std::clamp(hint_.width, 16, largest);
     const int height = std::clamp(hint_.height, 16, largest);
-    const std::vector<std::uint8_t> black(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4);
+    const std::vector<std::uint8_t> black(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) *
+                                          4);
     otc_video_frame frame;
     frame.format = OTC_VIDEO_FRAME_FORMAT_ARGB32;
     frame.width = width;
@@ -149,7 +155,8 @@ void Publication::prime() {
   }
   if (audio_ != nullptr) {
     constexpr std::size_t bytes = 960 * 2 * sizeof(std::int16_t);
-    gst_app_src_push_buffer(GST_APP_SRC(audio_.get()), gst_buffer_new_memdup(std::vector<char>(bytes).data(), bytes));
+    gst_app_src_push_buffer(GST_APP_SRC(audio_.get()),
+                            gst_buffer_new_memdup(std::vector<char>(bytes).data(), bytes));
   }
 }
 
@@ -184,22 +191,30 @@ void Publication::peer_connected() {
     AudioDevice::get().start_capturer();
   }
   if (publisher_.settings.has_capturer) publisher_.capturer.start();
+  failures_ = 0;
   announced_ = true;
   publisher_.call(publisher_.callbacks.on_stream_created, &stream_);
 }
 
 void Publication::peer_failed(const std::string& reason) {
   if (retry_.running()) return;
-  log_warning("Publishing \"{}\": {}. Trying again.", stream_.name, reason);
+  log_warning("Publishing \"{}\": {}.", stream_.name, reason);
   if (std::exchange(announced_, false)) {
     publisher_.call(publisher_.callbacks.on_stream_destroyed, &stream_);
+  }
+  if (++failures_ > most_failures) {
+    const std::string text = "The show is not published: " + reason + ". Stop publishing and start again.";
+    publisher_.call(publisher_.callbacks.on_error, text.c_str(), OTC_SESSION_CONNECTION_FAILED);
+    return;
   }
   retry_.once(retry_interval, [this] { open(); });
 }
 
 }  // namespace engine
 
-otc_publisher_settings* otc_publisher_settings_new(void) { return new otc_publisher_settings; }
+otc_publisher_settings* otc_publisher_settings_new(void) {
+  return engine::keep(std::make_unique<otc_publisher_settings>());
+}
 
 otc_status otc_publisher_settings_set_name(otc_publisher_settings* settings, const char* name) {
   if (settings == nullptr || name == nullptr) return OTC_INVALID_PARAM;
@@ -236,7 +251,7 @@ otc_status otc_publisher_settings_set_stereo(otc_publisher_settings* settings, o
 otc_publisher* otc_publisher_new_with_settings(const struct otc_publisher_callbacks* callbacks,
                                                const otc_publisher_settings* settings) {
   if (callbacks == nullptr || settings == nullptr) return nullptr;
-  return new otc_publisher(*callbacks, *settings);
+  return engine::keep(std::make_unique<otc_publisher>(*callbacks, *settings));
 }
 
 // There is no fallback to sound alone that could be switched off: pictures only lose quality.

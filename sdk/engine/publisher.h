@@ -77,6 +77,7 @@ class Publication : private Peer::Listener {
   otc_video_capturer_settings hint_ = {};
   otc_stream stream_;
   bool announced_ = false;
+  int failures_ = 0;
   Timer retry_;
 };
 

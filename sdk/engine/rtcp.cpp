@@ -18,7 +18,9 @@ constexpr std::uint8_t receiver_report = 201;
 constexpr std::uint8_t payload_feedback = 206;
 constexpr std::uint8_t picture_loss = 1;
 
-std::uint8_t count_of(const Bytes& rtcp, std::size_t at) { return rtcp[at] & 31U; }
+std::uint8_t count_of(const Bytes& rtcp, std::size_t at) {
+  return rtcp[at] & 31U;
+}
 
 std::size_t size_of(const Bytes& rtcp, std::size_t at) {
   return 4 * ((static_cast<std::size_t>(rtcp[at + 2]) << 8U | rtcp[at + 3]) + 1);

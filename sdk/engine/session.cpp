@@ -17,7 +17,9 @@ std::string server_address() {
   return address != nullptr && *address != '\0' ? address : "ws://127.0.0.1:8188";
 }
 
-const json& plugin_data(const json& message) { return object_at(object_at(message, "plugindata"), "data"); }
+const json& plugin_data(const json& message) {
+  return object_at(object_at(message, "plugindata"), "data");
+}
 
 }  // namespace
 
@@ -63,12 +65,13 @@ void Session::disconnected(const std::string& reason) {
 }
 
 void Session::janus_unreachable(const std::string& reason) {
-  fail(OTC_SESSION_CONNECTION_FAILED,
-       "The session server at " + server_ + " is not reached: " + reason +
-           ". Start it, or set ZARVO_SESSION_SERVER to its address.");
+  fail(OTC_SESSION_CONNECTION_FAILED, "The session server at " + server_ + " is not reached: " + reason +
+                                          ". Start it, or set ZARVO_SESSION_SERVER to its address.");
 }
 
-void Session::janus_lost() { call(callbacks_.on_reconnection_started); }
+void Session::janus_lost() {
+  call(callbacks_.on_reconnection_started);
+}
 
 void Session::janus_recovered() {
   log_info("Session {} is connected again.", id_);
@@ -76,15 +79,17 @@ void Session::janus_recovered() {
   if (!closed_) learn_what_was_missed();
 }
 
-void Session::janus_gone(const std::string& reason) { disconnected(reason); }
+void Session::janus_gone(const std::string& reason) {
+  disconnected(reason);
+}
 
 void Session::janus_opened() {
   janus_->attach(
       "janus.plugin.videoroom", [this](const json& event) { room_event(event); },
       [this](JanusConnection::Handle handle, const std::string& error) {
         if (handle == 0) {
-          fail(OTC_SESSION_CONNECTION_FAILED, "The session server at " + server_ +
-                                                  " has no VideoRoom: " + error + ". Enable its plugin.");
+          fail(OTC_SESSION_CONNECTION_FAILED,
+               "The session server at " + server_ + " has no VideoRoom: " + error + ". Enable its plugin.");
         } else {
           join(handle);
         }
@@ -146,8 +151,8 @@ void Session::learn_what_was_missed() {
       "janus.plugin.videoroom", [](const json&) {},
       [this, visitor](JanusConnection::Handle handle, const std::string&) {
         if (handle == 0) return;
-        const json body = {{"request", "join"}, {"ptype", "publisher"}, {"room", id_},
-                           {"token", token_},   {"id", visitor}};
+        const json body = {
+            {"request", "join"}, {"ptype", "publisher"}, {"room", id_}, {"token", token_}, {"id", visitor}};
         janus_->message(handle, body, nullptr, [this, handle](const json& answer) {
           if (JanusConnection::is_error(answer)) return;
           room_.joined(plugin_data(answer));
@@ -164,7 +169,9 @@ void Session::connection_dropped(const otc_connection& connection) {
   call(callbacks_.on_connection_dropped, &connection);
 }
 
-void Session::stream_received(const otc_stream& stream) { call(callbacks_.on_stream_received, &stream); }
+void Session::stream_received(const otc_stream& stream) {
+  call(callbacks_.on_stream_received, &stream);
+}
 
 void Session::stream_dropped(const otc_stream& stream) {
   for (auto& [subscriber, subscription] : subscriptions_) {
@@ -202,7 +209,9 @@ void Session::subscribe(otc_subscriber& subscriber) {
   }
 }
 
-void Session::unsubscribe(otc_subscriber& subscriber) { subscriptions_.erase(&subscriber); }
+void Session::unsubscribe(otc_subscriber& subscriber) {
+  subscriptions_.erase(&subscriber);
+}
 
 void Session::publish(otc_publisher& publisher) {
   if (closed_ || publications_.contains(&publisher)) return;
@@ -210,6 +219,8 @@ void Session::publish(otc_publisher& publisher) {
   if (joined_) publication = std::make_unique<Publication>(janus_, publisher, room_, id_, token_);
 }
 
-void Session::unpublish(otc_publisher& publisher) { publications_.erase(&publisher); }
+void Session::unpublish(otc_publisher& publisher) {
+  publications_.erase(&publisher);
+}
 
 }  // namespace engine

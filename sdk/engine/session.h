@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -37,6 +38,8 @@ class Session : public std::enable_shared_from_this<Session>,
   const std::string& id() const { return id_; }
 
   void connect(const std::string& token);
+  // No callback of the session's begins after this. Any thread.
+  void silence() { closed_ = true; }
   // Leaves. No callback of the session's, its subscribers' or publishers' runs after it.
   void close();
 
@@ -83,7 +86,7 @@ class Session : public std::enable_shared_from_this<Session>,
   const std::string id_;
   const std::string server_;
   std::string token_;
-  bool closed_ = false;
+  std::atomic<bool> closed_{false};
   bool joined_ = false;
   std::shared_ptr<JanusConnection> janus_;
   Room room_;

@@ -15,14 +15,18 @@ using namespace std::chrono_literals;
 constexpr auto retry_interval = 1s;
 constexpr std::size_t most_waiting = 256;
 
-std::string dump(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
+std::string dump(const json& value) {
+  return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
 
 }  // namespace
 
 Signals::Signals(std::shared_ptr<JanusConnection> janus, Listener& listener, std::string room)
     : janus_(std::move(janus)), listener_(listener), room_(std::move(room)) {}
 
-Signals::~Signals() { close(); }
+Signals::~Signals() {
+  close();
+}
 
 void Signals::close() {
   life_.reset();
@@ -110,7 +114,11 @@ void Signals::channel_message(const std::string& text) {
   if (kind == "success" && string_at(message, "transaction") == "join") {
     joined();
   } else if (kind == "error" && string_at(message, "transaction") == "join") {
-    log_warning("Signals: the room refused to be joined: {}.", string_at(message, "error"));
+    // The server may still hold a channel of ours that broke, with the same name.
+    if (!std::exchange(refused_, true)) {
+      log_warning("Signals: the room refuses to be joined: {}. Trying again.", string_at(message, "error"));
+    }
+    retry_.once(retry_interval, [this] { channel_opened(); });
   } else if (kind == "message") {
     const json signal = json::parse(string_at(message, "text"), nullptr, false);
     const json& type = object_at(signal, "type");
@@ -123,6 +131,7 @@ void Signals::channel_message(const std::string& text) {
 
 void Signals::joined() {
   joined_ = true;
+  refused_ = false;
   for (const std::string& text : std::exchange(waiting_, {})) write(text);
 }
 

@@ -58,6 +58,7 @@ class Signals : private Peer::Listener {
   std::shared_ptr<Peer> peer_;
   GstWebRTCDataChannel* channel_ = nullptr;
   bool joined_ = false;
+  bool refused_ = false;
   std::deque<std::string> waiting_;
   Timer retry_;
   // What the channel's thread posts here is dropped when this has gone or begun anew.

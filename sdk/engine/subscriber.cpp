@@ -32,8 +32,9 @@ constexpr std::array<Decoder, 4> decoders = {{
     {"VP8", "rtpvp8depay request-keyframe=true wait-for-keyframe=true ! vp8dec threads=1" PICTURES},
     {"VP9", "rtpvp9depay request-keyframe=true wait-for-keyframe=true ! vp9dec threads=1" PICTURES},
     {"H264", "rtph264depay request-keyframe=true wait-for-keyframe=true ! h264parse ! openh264dec" PICTURES},
-    {"OPUS", "rtpopusdepay ! opusdec use-inband-fec=true plc=true"
-             " ! audio/x-raw,format=S16LE,layout=interleaved,rate=48000,channels=2" SINK " name=audio"},
+    {"OPUS",
+     "rtpopusdepay ! opusdec use-inband-fec=true plc=true"
+     " ! audio/x-raw,format=S16LE,layout=interleaved,rate=48000,channels=2" SINK " name=audio"},
 }};
 #undef PICTURES
 #undef SINK
@@ -93,8 +94,8 @@ void apply_switches(otc_subscriber& subscriber) {
   });
 }
 
-Subscription::Subscription(std::shared_ptr<JanusConnection> janus, otc_subscriber& subscriber, std::string room,
-                           std::string token)
+Subscription::Subscription(std::shared_ptr<JanusConnection> janus, otc_subscriber& subscriber,
+                           std::string room, std::string token)
     : janus_(std::move(janus)), subscriber_(subscriber), room_(std::move(room)), token_(std::move(token)) {
   subscriber_.subscription = this;
   open();
@@ -131,7 +132,9 @@ void Subscription::peer_attached() {
   });
 }
 
-void Subscription::peer_event(const json& data) { streams_listed(data); }
+void Subscription::peer_event(const json& data) {
+  streams_listed(data);
+}
 
 void Subscription::streams_listed(const json& data) {
   const json& streams = object_at(data, "streams");
@@ -211,8 +214,8 @@ void Subscription::peer_pad_added(GstPad* pad) {
     const bool sound = std::strcmp(encoding, "OPUS") == 0;
     const Gst<GstElement> sink(gst_bin_get_by_name(GST_BIN(bin), sound ? "audio" : "video"));
     const Gst<GstPad> output(gst_element_get_static_pad(sink.get(), "sink"));
-    gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER,
-                      sound ? sound_decoded : picture_decoded, &subscriber_, nullptr);
+    gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER, sound ? sound_decoded : picture_decoded,
+                      &subscriber_, nullptr);
 
     const Gst<GstElement> webrtc(gst_pad_get_parent_element(pad));
     const Gst<GstElement> pipeline(GST_ELEMENT(gst_element_get_parent(webrtc.get())));

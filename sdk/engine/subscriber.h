@@ -31,7 +31,7 @@ struct otc_subscriber {
   std::mutex one_at_a_time;
   std::atomic<bool> video{true};
   std::atomic<bool> audio{true};
-  std::atomic<unsigned> pictures{0};  // that have come so far
+  std::atomic<unsigned> pictures{0};             // that have come so far
   engine::Subscription* subscription = nullptr;  // of the engine's thread
 };
 

@@ -8,10 +8,14 @@ bool is_packed(int format) {
   return format == OTC_VIDEO_FRAME_FORMAT_ARGB32 || format == OTC_VIDEO_FRAME_FORMAT_BGRA32;
 }
 
-int half(int length) { return length / 2 + length % 2; }
+int half(int length) {
+  return length / 2 + length % 2;
+}
 
 // The planes of 4:2:0 in two or three planes.
-bool is_chroma(int plane) { return plane > 0; }
+bool is_chroma(int plane) {
+  return plane > 0;
+}
 
 bool has_plane(const otc_video_frame* frame, int plane) {
   return frame != nullptr && plane >= 0 && plane < 3 && frame->planes.at(static_cast<std::size_t>(plane));
@@ -19,11 +23,17 @@ bool has_plane(const otc_video_frame* frame, int plane) {
 
 }  // namespace
 
-int otc_video_frame_get_format(const otc_video_frame* frame) { return frame == nullptr ? 0 : frame->format; }
+int otc_video_frame_get_format(const otc_video_frame* frame) {
+  return frame == nullptr ? 0 : frame->format;
+}
 
-int otc_video_frame_get_width(const otc_video_frame* frame) { return frame == nullptr ? 0 : frame->width; }
+int otc_video_frame_get_width(const otc_video_frame* frame) {
+  return frame == nullptr ? 0 : frame->width;
+}
 
-int otc_video_frame_get_height(const otc_video_frame* frame) { return frame == nullptr ? 0 : frame->height; }
+int otc_video_frame_get_height(const otc_video_frame* frame) {
+  return frame == nullptr ? 0 : frame->height;
+}
 
 const uint8_t* otc_video_frame_get_plane_binary_data(const otc_video_frame* frame, int plane) {
   return has_plane(frame, plane) ? frame->planes.at(static_cast<std::size_t>(plane)) : nullptr;

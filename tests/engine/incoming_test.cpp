@@ -19,7 +19,9 @@ using testing::Pair;
 
 constexpr const char* token = "the-token";
 
-std::string server() { return std::getenv("ZARVO_SESSION_SERVER"); }
+std::string server() {
+  return std::getenv("ZARVO_SESSION_SERVER");
+}
 
 class Incoming : public testing::Test {
  protected:
@@ -36,7 +38,7 @@ class Incoming : public testing::Test {
     browser->call("joinRoom", {{"server", server()}, {"room", room}, {"token", token}, {"as", name}});
   }
   void publish(const std::string& name, const json& what = json::object()) {
-    json all = {{"as", name},      {"type", "camera"}, {"width", 320},
+    json all = {{"as", name},    {"type", "camera"}, {"width", 320},
                 {"height", 240}, {"tone", 440},      {"color", {255, 0, 0}}};
     all.update(what);
     browser->call("publish", all);
@@ -160,8 +162,9 @@ TEST_F(Incoming, SignalsOfAnyShapeHarmNothing) {
   otc_session_send_signal(program.session(), "first", "");  // comes back once the channel is open
   ASSERT_TRUE(program.wait([](Program& p) { return p.signals.size() == 1; }));
   const std::string deep = std::string(20000, '[');
-  for (const std::string& text : {std::string("{"), std::string("[]"), std::string("null"), deep,
-                                  std::string(R"({"type":7,"data":"x"})"), std::string(R"({"type":"chat"})")}) {
+  for (const std::string& text :
+       {std::string("{"), std::string("[]"), std::string("null"), deep,
+        std::string(R"({"type":7,"data":"x"})"), std::string(R"({"type":"chat"})")}) {
     browser->call("sendText", {{"as", "Guest - Mallory"}, {"text", text}});
   }
   browser->call("sendSignal", {{"as", "Guest - Mallory"}, {"type", "last"}, {"data", ""}});
@@ -220,7 +223,8 @@ TEST_F(Incoming, ALostConnectionIsMadeAgainUntilItIsGone) {
   EXPECT_EQ(1, program.count("stream received Guest - Stays"));
 
   browser->call("cutRoad", {{"forGood", true}});
-  EXPECT_TRUE(program.wait([](Program& p) { return p.count("disconnected") == 1; }, std::chrono::seconds(60)));
+  EXPECT_TRUE(
+      program.wait([](Program& p) { return p.count("disconnected") == 1; }, std::chrono::seconds(60)));
   EXPECT_EQ(0, program.count("error 1006")) << "it had been connected";
 }
 

@@ -7,7 +7,9 @@
 
 namespace {
 
-Program& program(void* user_data) { return *static_cast<Program*>(user_data); }
+Program& program(void* user_data) {
+  return *static_cast<Program*>(user_data);
+}
 
 void event(void* user_data, const std::string& text) {
   program(user_data).note([&] { program(user_data).events.push_back(text); });
@@ -70,7 +72,9 @@ otc_subscriber_callbacks subscriber_callbacks(Watcher* watcher) {
   c.on_connected = [](otc_subscriber*, void* data, const otc_stream*) {
     change(data, [](Received& r) { ++r.connected; });
   };
-  c.on_disconnected = [](otc_subscriber*, void* data) { change(data, [](Received& r) { ++r.disconnected; }); };
+  c.on_disconnected = [](otc_subscriber*, void* data) {
+    change(data, [](Received& r) { ++r.disconnected; });
+  };
   c.on_reconnected = [](otc_subscriber*, void* data) { change(data, [](Received& r) { ++r.reconnected; }); };
   c.on_render_frame = on_render_frame;
   c.on_caption_text = [](otc_subscriber*, void*, const char*) {};
@@ -118,8 +122,8 @@ otc_session_callbacks session_callbacks(Program* self) {
     event(data, on ? "video on" : "video off");
   };
   c.on_stream_has_captions_changed = [](otc_session*, void*, const otc_stream*, otc_bool) {};
-  c.on_stream_event_10 = c.on_stream_event_11 = c.on_event_15 = c.on_event_16 = c.on_mute_forced =
-      [](otc_session*, void*) {};
+  c.on_stream_event_10 = c.on_stream_event_11 = c.on_event_15 = c.on_event_16 =
+      c.on_mute_forced = [](otc_session*, void*) {};
   c.on_signal_received = [](otc_session*, void* data, const char* type, const char* text,
                             const otc_connection*) {
     program(data).note([&] { program(data).signals.emplace_back(type, text); });
@@ -145,7 +149,9 @@ Program::Program() {
   if (started != OTC_SUCCESS) std::abort();
 }
 
-Program::~Program() { disconnect(); }
+Program::~Program() {
+  disconnect();
+}
 
 void Program::connect(const std::string& room, const std::string& token) {
   const otc_session_callbacks callbacks = session_callbacks(this);

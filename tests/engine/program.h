@@ -48,7 +48,8 @@ class Program {
   otc_session* session() const { return session_; }
 
   // Waits until it is so; false after the deadline. `so` runs with everything held still.
-  bool wait(const std::function<bool(Program&)>& so, std::chrono::seconds deadline = std::chrono::seconds(20));
+  bool wait(const std::function<bool(Program&)>& so,
+            std::chrono::seconds deadline = std::chrono::seconds(20));
   bool wait_event(const std::string& event) {
     return wait([&](Program& p) { return p.count(event) > 0; });
   }
@@ -56,8 +57,8 @@ class Program {
 
   // Written by callbacks, under the lock of `wait`.
   std::vector<std::string> events;
-  std::map<std::string, Stream> streams;      // by name
-  std::map<std::string, Received> received;   // by stream id
+  std::map<std::string, Stream> streams;     // by name
+  std::map<std::string, Received> received;  // by stream id
   std::vector<std::pair<std::string, std::string>> signals;
   std::string error_text;
   int calls_after_delete = 0;
