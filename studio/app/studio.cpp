@@ -100,7 +100,8 @@ void Studio::onRoomReady() {
     output_.note("The session server is back: joining again.");
     join();
   } else if (!service_ && !prompt_) {
-    output_.note("Starting the guest service ...");
+    output_.note(options_.running.empty() ? "Starting the guest service ..."
+                                          : "Looking for the guest service ...");
     startService();
   }
 }
@@ -148,9 +149,11 @@ void Studio::connect() {
 
 void Studio::join() {
   rejoinAfter_.reset();
+  const std::shared_ptr<Client> link = client();
+  if (!link) return;  // whoever connects joins
   board_.allGone();
   guestsChanged();
-  client()->init(room_.id, room_.tokens[0]);
+  link->init(room_.id, room_.tokens[0]);
   event("joining", {{"sessionId", room_.id}});
 }
 
@@ -187,6 +190,7 @@ void Studio::onServiceLost(Client::Loss loss, const Client* from) {
     return;
   }
   serviceLost_ = true;
+  lossReason_ = loss == Client::Loss::invalid ? "cannot be reached" : "has closed the connection";
   if (!service_ || serviceEnd_) {
     serviceGone();
     return;
@@ -213,13 +217,14 @@ void Studio::serviceGone() {
   serviceOutput_.drain();
   board_.clear();
   guestsChanged();
-  const std::string reason = serviceEnd_ ? serviceEnd_->describe() : "closed the connection";
+  const std::string reason = serviceEnd_ ? serviceEnd_->describe() : lossReason_;
   event("serviceEnded", {{"reason", reason}, {"lastLog", lastLog_}});
   output_.note(fmt::format("The service {}{}", reason,
                            lastLog_.empty() ? "." : fmt::format("; its last words: {}", lastLog_)));
   lastLog_.clear();
   if (std::chrono::steady_clock::now() - serviceStart_ > steadyTime) pause_ = shortestPause;
-  output_.note("Starting it anew and joining again.");
+  output_.note(options_.running.empty() ? "Starting it anew and joining again."
+                                        : "Joining again as soon as it is back.");
   serviceTimer_.once(pause_, [this] { startService(); });
   pause_ = std::min(2 * pause_, longestPause);
 }

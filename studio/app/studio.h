@@ -118,6 +118,7 @@ class Studio : public Client::Listener, public JanusServer::Listener, public Sho
   std::unique_ptr<ServiceProcess> service_;
   std::optional<ServiceProcess::End> serviceEnd_;
   bool serviceLost_ = false;
+  std::string lossReason_;
   Timer serviceTimer_;  // what follows when the service is gone
   std::chrono::steady_clock::time_point serviceStart_;
   std::chrono::milliseconds pause_;  // before the next start
