@@ -49,7 +49,7 @@ class Program {
 
   // Waits until it is so; false after the deadline. `so` runs with everything held still.
   bool wait(const std::function<bool(Program&)>& so,
-            std::chrono::seconds deadline = std::chrono::seconds(20));
+            std::chrono::seconds deadline = std::chrono::seconds(60));
   bool wait_event(const std::string& event) {
     return wait([&](Program& p) { return p.count(event) > 0; });
   }
