@@ -77,6 +77,7 @@ class Show {
     running = false;
     if (feeder.joinable()) feeder.join();
   }
+  bool stopped() const { return !running; }
 
   void feed() {
     feeder = std::thread([this] {
