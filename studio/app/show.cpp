@@ -135,7 +135,10 @@ std::string Show::play(const std::string& source) {
     gst_object_unref(open);
   }
 
-  lastTime_ = std::chrono::steady_clock::now();
+  {
+    const std::lock_guard lock(pictures_);
+    lastTime_ = std::chrono::steady_clock::now();
+  }
   if (gst_element_set_state(pipeline_, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     const std::string fault = errorOn(pipeline_);
     end();

@@ -272,7 +272,6 @@ void Studio::shutDown() {
   prompt_.reset();
   output_.note("Ending ...");
   show_.reset();
-  recordings_.clear();
   if (const std::shared_ptr<Client> last = client()) {
     last->exit();
     Timer limit;
@@ -281,6 +280,7 @@ void Studio::shutDown() {
     while (service_ && !serviceEnd_ && !late) g_main_context_iteration(nullptr, TRUE);
   }
   setClient(nullptr);
+  recordings_.clear();  // nobody adds to them any more
   service_.reset();
   serviceOutput_.drain();
   web_.reset();
