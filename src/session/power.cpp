@@ -14,7 +14,7 @@ namespace {
 
 IONotificationPortRef notifyPortRef;
 io_object_t notifierObject;
-io_connect_t root_port;
+std::atomic<io_connect_t> root_port;
 
 void MySleepCallBack(void* refCon, io_service_t, uint32_t messageType, void* messageArgument) {
   auto* session = static_cast<ZarvoGuestSession*>(refCon);
