@@ -60,7 +60,10 @@ class HostLinkTest : public testing::Test {
   // studio has gone, lest that silence the next test's.
   ~HostLinkTest() override {
     init();
+    // A record that goes leaves its transfer session behind, so the tests keep the records.
+    static auto& kept = *new std::vector<std::shared_ptr<ZarvoGuestSessionStream>>;
     for (const auto& [id, stream] : sharedGuestSession.load()->copyStreamManagers()) {
+      kept.push_back(stream);
       studio->ask({{"StopBroadcast", ""}, {"ID", id.c_str()}});
     }
     studio.reset();

@@ -63,10 +63,10 @@ TEST_F(SessionTest, AFrameThatCannotBeUsedIsLoggedAndDropped) {
 
 TEST_F(SessionTest, AFrameOfAnUnknownStreamMakesItsRecord) {
   admit("cam");
-  auto* info = new SubscriberInfo{"Guest - Bob", "new", OTC_STREAM_VIDEO_TYPE_SCREEN};
+  static SubscriberInfo info = {"Guest - Bob", "new", OTC_STREAM_VIDEO_TYPE_SCREEN};
   otc_subscriber* subscriber = sdk.subscriber("cam");
   PlanarFrame picture(64, 48);
-  subscriber->callbacks.on_render_frame(subscriber, info, &picture.frame);
+  subscriber->callbacks.on_render_frame(subscriber, &info, &picture.frame);
   EXPECT_THAT(delegate.takeReports(), ElementsAre("frame Guest - Bob new 0 64x48"));
   EXPECT_TRUE(session->copyStreamManagers().at("new")->isScreenShare());
 }

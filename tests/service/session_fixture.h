@@ -124,8 +124,13 @@ class SessionTest : public testing::Test {
     return data;
   }
 
-  ScriptedSdk& sdk = ScriptedSdk::get();
   // Never freed, since the power thread and the timer of its session outlive the test.
-  RecordingDelegate& delegate = *new RecordingDelegate;
+  static RecordingDelegate& newDelegate() {
+    static auto& kept = *new std::vector<RecordingDelegate*>;
+    return *kept.emplace_back(new RecordingDelegate);
+  }
+
+  ScriptedSdk& sdk = ScriptedSdk::get();
+  RecordingDelegate& delegate = newDelegate();
   ZarvoGuestSession* session;
 };
