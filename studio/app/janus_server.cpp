@@ -44,7 +44,7 @@ void prepareChild(gpointer parent) {
 std::filesystem::path installed(const std::string& kind) {
   for (const char* library : {"/usr/lib/x86_64-linux-gnu", "/usr/lib/aarch64-linux-gnu", "/usr/lib64",
                               "/usr/lib", "/usr/local/lib"}) {
-    const auto folder = std::filesystem::path(library) / "janus" / kind;
+    auto folder = std::filesystem::path(library) / "janus" / kind;
     if (std::filesystem::is_directory(folder)) return folder;
   }
   throw std::runtime_error("Janus's " + kind +

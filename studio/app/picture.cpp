@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <fstream>
 
@@ -41,8 +42,8 @@ void PictureConverter::prepare(const GstVideoInfo& from, const GstVideoInfo& to)
   // The largest rectangle of the source's shape that fits.
   const double shape =
       static_cast<double>(from.width) * from.par_n / (static_cast<double>(from.height) * from.par_d);
-  const int width = std::clamp(static_cast<int>(to.height * shape + 0.5), 1, to.width);
-  const int height = std::clamp(static_cast<int>(to.width / shape + 0.5), 1, to.height);
+  const int width = std::clamp(static_cast<int>(std::lround(to.height * shape)), 1, to.width);
+  const int height = std::clamp(static_cast<int>(std::lround(to.width / shape)), 1, to.height);
   GstStructure* options = gst_structure_new(
       "options", GST_VIDEO_CONVERTER_OPT_DEST_X, G_TYPE_INT, (to.width - width) / 2,
       GST_VIDEO_CONVERTER_OPT_DEST_Y, G_TYPE_INT, (to.height - height) / 2,

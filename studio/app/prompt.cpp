@@ -33,7 +33,7 @@ class Pipe : public Prompt {
   }
 
  private:
-  static constexpr std::size_t longestLine = 64 * 1024;
+  static constexpr std::size_t longestLine = 65'536;
 
   gboolean read() {
     char piece[4096];

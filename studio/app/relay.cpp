@@ -6,7 +6,7 @@ namespace studio {
 
 namespace {
 
-constexpr guint64 largestMessage = 256 * 1024;
+constexpr guint64 largestMessage = 262'144;
 constexpr guint keepaliveSeconds = 20;
 constexpr std::size_t mostEarly = 16;
 

@@ -12,7 +12,7 @@ namespace studio {
 
 namespace {
 
-constexpr std::size_t longestLine = 16 * 1024;
+constexpr std::size_t longestLine = 16'384;
 
 }  // namespace
 

@@ -140,7 +140,7 @@ std::string Show::play(const std::string& source) {
     lastTime_ = std::chrono::steady_clock::now();
   }
   if (gst_element_set_state(pipeline_, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-    const std::string fault = errorOn(pipeline_);
+    std::string fault = errorOn(pipeline_);
     end();
     return fault;
   }

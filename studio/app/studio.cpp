@@ -242,7 +242,7 @@ std::shared_ptr<Client> Studio::client() const {
   return client_;
 }
 
-void Studio::event(const char* name, Json fields) {
+void Studio::event(const char* name, const Json& fields) {
   Json event = {{"event", name}};
   event.update(fields);
   output_.event(event);

@@ -93,7 +93,7 @@ class Studio : public Client::Listener, public JanusServer::Listener, public Sho
   void printGuests();
   void printLink();
 
-  void event(const char* name, Json fields);
+  void event(const char* name, const Json& fields);
   void fail(const std::string& reason);
   void quit();
   void quitWhenDone();

@@ -14,7 +14,7 @@ constexpr std::size_t ownLinesKept = 1000;
 
 std::string newUuid() {
   char* text = g_uuid_string_random();
-  const std::string uuid = text;
+  std::string uuid = text;
   g_free(text);
   return uuid;
 }
