@@ -59,6 +59,18 @@ void describe(GstElement* webrtc, const char* what, std::function<void(const std
   gst_promise_unref(promise);
 }
 
+// The server is reached over UDP from the host's own addresses: no router is looked for with broadcasts, by a
+// thread of its own, and no TCP ports are opened.
+void find_addresses_quietly(GstElement* webrtc) {
+  GObject* ice = nullptr;
+  GObject* agent = nullptr;
+  g_object_get(webrtc, "ice-agent", &ice, nullptr);
+  g_object_get(ice, "agent", &agent, nullptr);
+  g_object_set(agent, "upnp", FALSE, "ice-tcp", FALSE, nullptr);
+  g_object_unref(agent);
+  g_object_unref(ice);
+}
+
 // An offer without FIR: the server offers it and does not hear it, so that key frames are to be asked for
 // with PLI.
 std::string without_fir(std::string sdp) {
@@ -93,6 +105,7 @@ Peer::Peer(std::shared_ptr<JanusConnection> janus, Listener& listener)
   gst_util_set_object_arg(G_OBJECT(webrtc_), "bundle-policy", "max-bundle");
   g_object_set(webrtc_, "latency", jitter_milliseconds, nullptr);
   gst_bin_add(GST_BIN(pipeline_.get()), webrtc_);
+  find_addresses_quietly(webrtc_);
 }
 
 Peer::~Peer() {
