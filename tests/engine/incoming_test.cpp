@@ -305,11 +305,10 @@ TEST_F(Incoming, AHundredTurnsLeaveNothingBehind) {
   }
   EXPECT_EQ(0, program.calls_after_delete);
   // A closing WebSocket or a pooled thread may still be about.
-  for (int i = 0; i < 100 && (open_files() > files + 28 || threads() > workers + 4); ++i) {
+  for (int i = 0; i < 100 && (open_files() > files + 4 || threads() > workers + 4); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
-  // Once in a few hundred times GStreamer keeps an ICE agent that is torn down as it begins: a dozen files.
-  EXPECT_LE(open_files(), files + 28) << listed_files();
+  EXPECT_LE(open_files(), files + 4) << listed_files();
   EXPECT_LE(threads(), workers + 4);
 }
 
