@@ -26,7 +26,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 constexpr std::chrono::seconds deadline(30);
 
