@@ -41,10 +41,6 @@ const json& object_at(const json& object, const char* key) {
 JanusConnection::JanusConnection(std::string server, Listener& listener)
     : server_(std::move(server)), listener_(&listener) {}
 
-JanusConnection::~JanusConnection() {
-  close();
-}
-
 void JanusConnection::open() {
   if (state_ != State::closed) return;
   soup_ = soup_session_new();
@@ -327,10 +323,11 @@ bool JanusConnection::is_error(const json& answer) {
 }
 
 std::string JanusConnection::error_text(const json& answer) {
-  const std::string reason = string_at(object_at(answer, "error"), "reason");
+  std::string reason = string_at(object_at(answer, "error"), "reason");
   if (!reason.empty()) return reason;
-  const std::string error = string_at(object_at(object_at(answer, "plugindata"), "data"), "error");
-  return error.empty() ? "an answer that is not understood" : error;
+  std::string error = string_at(object_at(object_at(answer, "plugindata"), "data"), "error");
+  if (error.empty()) return "an answer that is not understood";
+  return error;
 }
 
 }  // namespace engine

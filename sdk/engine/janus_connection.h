@@ -48,7 +48,8 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   using Event = std::function<void(const json& event)>;
 
   JanusConnection(std::string server, Listener& listener);
-  ~JanusConnection();
+  // It is closed by then.
+  ~JanusConnection() = default;
   JanusConnection(const JanusConnection&) = delete;
   JanusConnection& operator=(const JanusConnection&) = delete;
 

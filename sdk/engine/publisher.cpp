@@ -154,7 +154,7 @@ void Publication::prime() {
     publisher_.capturer.set_output(nullptr);
   }
   if (audio_ != nullptr) {
-    constexpr std::size_t bytes = 960 * 2 * sizeof(std::int16_t);
+    constexpr std::size_t bytes = std::size_t{960} * 2 * sizeof(std::int16_t);
     gst_app_src_push_buffer(GST_APP_SRC(audio_.get()),
                             gst_buffer_new_memdup(std::vector<char>(bytes).data(), bytes));
   }

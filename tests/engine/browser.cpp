@@ -47,7 +47,7 @@ std::string Browser::read_line() {
   for (;;) {
     const std::size_t end = unread_.find('\n');
     if (end != std::string::npos) {
-      const std::string line = unread_.substr(0, end);
+      std::string line = unread_.substr(0, end);
       unread_.erase(0, end + 1);
       return line;
     }

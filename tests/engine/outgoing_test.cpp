@@ -23,7 +23,8 @@ using testing::ElementsAre;
 constexpr const char* token = "the-token";
 
 std::string server() {
-  return std::getenv("ZARVO_SESSION_SERVER");
+  const char* address = std::getenv("ZARVO_SESSION_SERVER");
+  return address == nullptr ? "" : address;
 }
 
 void fill_tone(std::vector<std::int16_t>& stereo, double frequency, double& phase) {
@@ -81,7 +82,7 @@ class Show {
 
   void feed() {
     feeder = std::thread([this] {
-      std::vector<std::int16_t> sound(2 * 1600);
+      std::vector<std::int16_t> sound(3200);
       double phase = 0;
       for (auto next = std::chrono::steady_clock::now(); running; next += 33333us) {
         give_frame();
@@ -304,7 +305,7 @@ TEST(VideoFrame, WrapsOnlyWhatIsLargeEnoughAndReleasesOnce) {
   static int releases;
   releases = 0;
   const auto release = [](void*) { ++releases; };
-  std::vector<std::uint8_t> memory(4 * 5 * 3);
+  std::vector<std::uint8_t> memory(60);
   const auto wrap = [&](otc_bool shallow, std::size_t size, int width) {
     return otc_video_frame_new_contiguous_memory_wrapper(OTC_VIDEO_FRAME_FORMAT_ARGB32, width, 3, shallow,
                                                          memory.data(), size, release, nullptr);

@@ -178,7 +178,8 @@ int Program::count(const std::string& event) const {
 double tone_of(const std::vector<std::int16_t>& samples) {
   double best = 0;
   double strongest = 0;
-  for (double frequency = 50; frequency < 4000; frequency += 10) {
+  for (int step = 5; step < 400; ++step) {
+    const double frequency = 10 * step;
     std::complex<double> sum = 0;
     for (std::size_t i = 0; i < samples.size(); ++i) {
       sum += static_cast<double>(samples[i]) *
