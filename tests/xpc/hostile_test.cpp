@@ -95,18 +95,15 @@ ssize_t answer(int socket) {
 class HostileTest : public testing::Test {
  protected:
   HostileTest() {
-    xpc_connection_activate(m_service);
-    xpc_connection_activate(m_witness);
-    EXPECT_TRUE(eventually([&] { return access(m_directory.path(kName).c_str(), F_OK) == 0; }));
+    EXPECT_TRUE(eventually([&] { return access((m_folder / kName).c_str(), F_OK) == 0; }));
     expectServed();
   }
   void expectServed() {
-    const Object reply(xpc_connection_send_message_with_reply_sync(m_witness, message("still", "there")));
-    EXPECT_STREQ(xpc_dictionary_get_string(reply, "still"), "there");
+    EXPECT_EQ(describe(m_witness.ask(message("still", "there"))), describe(message("still", "there")));
   }
 
-  RuntimeDirectory m_directory;
-  Connection m_service{listener(kName), acceptEcho};
+  TemporaryFolder m_folder;
+  Connection m_service{listener(kName), acceptingEcho()};
   Connection m_witness{client(kName)};
 };
 
@@ -187,7 +184,7 @@ TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
 
   for (const Case& each : cases) {
     SCOPED_TRACE(each.name);
-    const int socket = bareClient(m_directory.path(kName));
+    const int socket = bareClient(m_folder / kName);
     ASSERT_GE(socket, 0);
     EXPECT_TRUE(sendBare(socket, each.bytes, each.descriptors));
     if (!each.descriptors.empty()) close(each.descriptors.front());
@@ -195,20 +192,19 @@ TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
     close(socket);
   }
   expectServed();
-  EXPECT_TRUE(eventually([&] { return openDescriptors() == before; }))
-      << openDescriptors() << " from " << before;
+  EXPECT_TRUE(eventually([&] { return openDescriptors() == before; })) << "a descriptor leaks";
 }
 
 TEST_F(HostileTest, AnotherUsersPeerIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   // Let the stranger as far as the socket itself.
-  ASSERT_EQ(chmod(m_directory.path("").c_str(), 0711), 0);
-  ASSERT_EQ(chmod(m_directory.path(kName).c_str(), 0666), 0);
+  ASSERT_EQ(chmod((m_folder / "").c_str(), 0711), 0);
+  ASSERT_EQ(chmod((m_folder / kName).c_str(), 0666), 0);
   const std::string hello = datagram("", {.kind = 1, .serial = 1});
   const pid_t child = fork();
   if (child == 0) {
     if (setgid(65534) != 0 || setuid(65534) != 0) _exit(9);
-    const int socket = bareClient(m_directory.path(kName));
+    const int socket = bareClient(m_folder / kName);
     if (socket < 0) _exit(8);
     sendBare(socket, hello, {});
     _exit(answer(socket) > 0 ? 7 : 0);

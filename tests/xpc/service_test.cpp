@@ -41,7 +41,7 @@ class ServiceTest : public testing::Test {
   pid_t startService() {
     const pid_t pid = start({ECHO_SERVICE});
     EXPECT_TRUE(eventually([&] {
-      const int fd = bareClient(m_directory.path(kName));
+      const int fd = bareClient(m_folder / kName);
       if (fd >= 0) close(fd);
       return fd >= 0;
     }));
@@ -56,25 +56,24 @@ class ServiceTest : public testing::Test {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   }
 
-  RuntimeDirectory m_directory;
+  TemporaryFolder m_folder;
   std::vector<pid_t> m_running;
 };
 
-std::string ask(xpc_connection_t connection, const char* key) {
-  return describe(Object(xpc_connection_send_message_with_reply_sync(connection, message(key, "yes"))));
+std::string ask(const Connection& connection, const char* key) {
+  return describe(connection.ask(message(key, "yes")));
 }
 
 TEST_F(ServiceTest, KilledAndStartedAnewItIsReachedAgain) {
   const pid_t first = startService();
   struct stat status;
-  ASSERT_EQ(stat(m_directory.path(kName).c_str(), &status), 0);
+  ASSERT_EQ(stat((m_folder / kName).c_str(), &status), 0);
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFSOCK | 0600));
 
   // A second one finds the first alive.
   EXPECT_EQ(statusOf(start({ECHO_SERVICE})), 1);
 
   Connection connection(client(kName));
-  xpc_connection_activate(connection);
   const std::string reply = describe(message("there", "yes"));
   EXPECT_EQ(ask(connection, "there"), reply);
   EXPECT_EQ(xpc_connection_get_pid(connection), first);
@@ -94,7 +93,6 @@ TEST_F(ServiceTest, KilledAndStartedAnewItIsReachedAgain) {
 TEST_F(ServiceTest, AskedToEndItTellsItsClientsAndEnds) {
   const pid_t service = startService();
   Connection connection(client(kName));
-  xpc_connection_activate(connection);
   ask(connection, "begin");
   kill(service, SIGTERM);
   const Object last = connection.events.next();
@@ -109,10 +107,8 @@ TEST_F(ServiceTest, AskedToEndItTellsItsClientsAndEnds) {
 TEST_F(ServiceTest, StartedOnDemandItEndsWhenItIsIdle) {
   // A socket that another process, here this one, holds is no stale one.
   const int listening = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  strncpy(address.sun_path, m_directory.path(kName).c_str(), sizeof address.sun_path - 1);
-  ASSERT_EQ(bind(listening, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const sockaddr_un address = socketAddress(m_folder / kName);
+  ASSERT_EQ(bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(listen(listening, 8), 0);
   EXPECT_EQ(statusOf(start({ECHO_SERVICE})), 1);
   close(accept(listening, nullptr, nullptr));
@@ -120,13 +116,11 @@ TEST_F(ServiceTest, StartedOnDemandItEndsWhenItIsIdle) {
   const pid_t service = start({ECHO_SERVICE}, listening);
   {
     Connection connection(client(kName));
-    xpc_connection_activate(connection);
     EXPECT_EQ(ask(connection, "begin"), describe(message("begin", "yes")));
   }
   // The open transaction has kept it.
   {
     Connection connection(client(kName));
-    xpc_connection_activate(connection);
     EXPECT_EQ(ask(connection, "end"), describe(message("end", "yes")));
     EXPECT_EQ(waitpid(service, nullptr, WNOHANG), 0);
   }
@@ -142,7 +136,7 @@ TEST_F(ServiceTest, StartedOnDemandItEndsWhenItIsIdle) {
 // A client in another language, written from docs/host-link.md alone.
 TEST_F(ServiceTest, AClientWrittenFromTheDocumentIsUnderstood) {
   startService();
-  EXPECT_EQ(statusOf(start({"python3", WIRE_CLIENT, m_directory.path(kName)})), 0);
+  EXPECT_EQ(statusOf(start({"/usr/bin/python3", WIRE_CLIENT, m_folder / kName})), 0);
 }
 
 }  // namespace

@@ -7,32 +7,11 @@
 #include <unistd.h>
 #include <xpc/xpc.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <filesystem>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 
-constexpr std::chrono::seconds kDeadline{20};
-
-// A directory for sockets that goes with the test.
-class RuntimeDirectory {
- public:
-  RuntimeDirectory() {
-    if (!mkdtemp(m_path)) abort();
-    setenv("XDG_RUNTIME_DIR", m_path, 1);
-  }
-  ~RuntimeDirectory() { std::filesystem::remove_all(m_path); }
-  std::string path(const std::string& name) const { return std::string(m_path) + "/" + name; }
-
- private:
-  char m_path[32] = "/tmp/xpc-test-XXXXXX";
-};
+#include "waiting.h"
 
 class Object {
  public:
@@ -63,49 +42,25 @@ inline std::string describe(xpc_object_t object) {
   return result;
 }
 
-// Takes objects in on any thread and gives them out on the test's.
-class Events {
+class Events : public Mailbox<Object> {
  public:
-  void put(xpc_object_t object) {
-    std::lock_guard lock(m_mutex);
-    m_objects.emplace_back(xpc_retain(object));
-    m_changed.notify_all();
-  }
+  void put(xpc_object_t object) { Mailbox::put(Object(xpc_retain(object))); }
   xpc_handler_t handler() {
-    return [this](xpc_object_t object) { put(object); };
+    return [this](xpc_object_t event) { put(event); };
   }
-  // Null after the deadline.
-  Object next() {
-    std::unique_lock lock(m_mutex);
-    if (!m_changed.wait_for(lock, kDeadline, [&] { return !m_objects.empty(); })) return Object();
-    Object object = std::move(m_objects.front());
-    m_objects.pop_front();
-    return object;
-  }
-  size_t count() {
-    std::lock_guard lock(m_mutex);
-    return m_objects.size();
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  std::deque<Object> m_objects;
 };
 
-// A connection that is cancelled and gone when the test ends. Other events than the last are put by.
+// A connection that is cancelled and gone when the test ends. Without another handler it keeps its events.
 class Connection {
  public:
-  explicit Connection(xpc_connection_t adopted) : Connection(adopted, nullptr) {}
-  Connection(xpc_connection_t adopted, std::function<void(xpc_object_t)> handler) : m_connection(adopted) {
+  explicit Connection(xpc_connection_t adopted, const xpc_handler_t& handler = nullptr, bool active = true)
+      : m_connection(adopted) {
     xpc_connection_set_event_handler(m_connection, [this, handler](xpc_object_t event) {
       const bool last = event == XPC_ERROR_CONNECTION_INVALID;
-      if (handler)
-        handler(event);
-      else
-        events.put(event);
+      handler ? handler(event) : events.put(event);
       if (last) m_last.put(event);
     });
+    if (active) xpc_connection_activate(m_connection);
   }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -116,6 +71,9 @@ class Connection {
     xpc_release(m_connection);
   }
   operator xpc_connection_t() const { return m_connection; }
+  Object ask(const Object& message) const {
+    return Object(xpc_connection_send_message_with_reply_sync(m_connection, message));
+  }
 
   Events events;
 
@@ -130,6 +88,18 @@ inline xpc_connection_t client(const char* name) {
 inline xpc_connection_t listener(const char* name) {
   return xpc_connection_create_mach_service(name, nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
 }
+inline xpc_connection_t asConnection(xpc_object_t object) {
+  return static_cast<xpc_connection_t>(object);
+}
+
+// A listener's handler: each peer is made ready by `prepare`, which sets its event handler.
+inline xpc_handler_t accepting(const std::function<void(xpc_connection_t)>& prepare) {
+  return [prepare](xpc_object_t peer) {
+    if (xpc_get_type(peer) != XPC_TYPE_CONNECTION) return;
+    prepare(asConnection(peer));
+    xpc_connection_activate(asConnection(peer));
+  };
+}
 
 // Answers each message with what it holds.
 inline void echo(xpc_object_t event) {
@@ -142,36 +112,20 @@ inline void echo(xpc_object_t event) {
   });
   xpc_connection_send_message(xpc_dictionary_get_remote_connection(event), reply);
 }
-
-inline void acceptEcho(xpc_object_t peer) {
-  if (xpc_get_type(peer) != XPC_TYPE_CONNECTION) return;
-  auto* connection = static_cast<xpc_connection_t>(peer);
-  xpc_connection_set_event_handler(connection, echo);
-  xpc_connection_activate(connection);
+inline xpc_handler_t acceptingEcho() {
+  return accepting([](xpc_connection_t peer) { xpc_connection_set_event_handler(peer, echo); });
 }
 
+inline sockaddr_un socketAddress(const std::string& path) {
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
+}
 // A bare socket connected to the service; -1 if that fails.
 inline int bareClient(const std::string& path) {
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
+  const sockaddr_un address = socketAddress(path);
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return fd;
   close(fd);
   return -1;
-}
-
-inline bool eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + kDeadline;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-inline size_t openDescriptors() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) count++;
-  return count;
 }
