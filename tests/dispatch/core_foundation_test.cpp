@@ -32,21 +32,16 @@ TEST(CoreFoundation, StringsAreUtf8AndConstantsAreOneObject) {
 }
 
 TEST(CoreFoundation, NumbersSayWhetherTheyFit) {
-  const int64_t large = 0x1'0000'0005;
-  CFNumberRef number = CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &large);
-  int32_t narrow = 0;
-  int64_t wide = 0;
-  EXPECT_FALSE(CFNumberGetValue(number, kCFNumberSInt32Type, &narrow));
-  EXPECT_EQ(narrow, 5);
-  EXPECT_TRUE(CFNumberGetValue(number, kCFNumberSInt64Type, &wide));
-  EXPECT_EQ(wide, large);
-  CFRelease(number);
-
-  const int negative = -7;
-  number = CFNumberCreate(kCFAllocatorDefault, kCFNumberIntType, &negative);
-  EXPECT_TRUE(CFNumberGetValue(number, kCFNumberSInt64Type, &wide));
-  EXPECT_EQ(wide, -7);
-  CFRelease(number);
+  for (const int64_t value : {int64_t{0x1'0000'0005}, int64_t{-7}}) {
+    CFNumberRef number = CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &value);
+    int32_t narrow = 0;
+    int64_t wide = 0;
+    EXPECT_EQ(CFNumberGetValue(number, kCFNumberSInt32Type, &narrow), value < 0);
+    EXPECT_EQ(narrow, static_cast<int32_t>(value));
+    EXPECT_TRUE(CFNumberGetValue(number, kCFNumberSInt64Type, &wide));
+    EXPECT_EQ(wide, value);
+    CFRelease(number);
+  }
 }
 
 TEST(CoreFoundation, DictionariesFindEqualKeysAndKeepTheirObjects) {
@@ -57,19 +52,17 @@ TEST(CoreFoundation, DictionariesFindEqualKeysAndKeepTheirObjects) {
   CFDictionarySetValue(dictionary, key, value);
   EXPECT_EQ(CFGetRetainCount(key), 2);
   EXPECT_EQ(CFDictionaryGetValue(dictionary, CFSTR("Width")), value);
-
   CFDictionarySetValue(dictionary, CFSTR("Width"), kCFBooleanTrue);
   EXPECT_EQ(CFDictionaryGetCount(dictionary), 1);
   EXPECT_EQ(CFGetRetainCount(value), 1);
   EXPECT_EQ(CFDictionaryGetValue(dictionary, key), kCFBooleanTrue);
   EXPECT_EQ(CFDictionaryGetValue(dictionary, CFSTR("Height")), nullptr);
-
   CFDictionarySetValue(dictionary, CFSTR("Name"), value);
   CFRelease(dictionary);
-  EXPECT_EQ(CFGetRetainCount(key), 1);
-  EXPECT_EQ(CFGetRetainCount(value), 1);
-  CFRelease(key);
-  CFRelease(value);
+  for (CFStringRef object : {key, value}) {
+    EXPECT_EQ(CFGetRetainCount(object), 1);
+    CFRelease(object);
+  }
 }
 
 TEST(CoreFoundation, RunLoopsRunTheirSourcesOnTheirThreadUntilTheyAreStopped) {

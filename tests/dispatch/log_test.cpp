@@ -33,7 +33,8 @@ class CapturedLog {
         std::string(" ") + program_invocation_short_name + "[" + std::to_string(getpid()) + "] ";
     const std::size_t start = line.find(process);
     EXPECT_EQ(start, std::string("2000-01-01 00:00:00.000").size()) << line;
-    return line.substr(start + process.size(), line.size() - start - process.size() - 1);
+    line.pop_back();
+    return line.substr(start + process.size());
   }
 
  private:

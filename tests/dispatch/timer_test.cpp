@@ -5,16 +5,14 @@
 #include <atomic>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <thread>
-#include <vector>
+
+#include "waiting.h"
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-constexpr auto kDeadline = 20s;
 
 struct TimerTest : testing::Test {
   ~TimerTest() override {
@@ -22,12 +20,19 @@ struct TimerTest : testing::Test {
     dispatch_release(queue);
   }
 
+  void start(dispatch_time_t first, uint64_t interval) {
+    dispatch_source_set_timer(timer, first, interval, 0);
+    dispatch_resume(timer);
+  }
+  static void wait(std::promise<void>& event) {
+    ASSERT_EQ(event.get_future().wait_for(kDeadline), std::future_status::ready);
+  }
   // Cancels the timer; afterwards none of its handlers runs any more.
   void end() {
     std::promise<void> ended;
     dispatch_source_set_cancel_handler(timer, [&] { ended.set_value(); });
     dispatch_source_cancel(timer);
-    ASSERT_EQ(ended.get_future().wait_for(kDeadline), std::future_status::ready);
+    wait(ended);
   }
 
   dispatch_queue_t queue = dispatch_queue_create("timer", DISPATCH_QUEUE_CONCURRENT);
@@ -39,7 +44,7 @@ struct TimerTest : testing::Test {
 TEST_F(TimerTest, KeepsItsBeatWithoutDriftAndNeverRunsTwiceAtOnce) {
   constexpr auto kBeat = 4ms;
   constexpr std::size_t kBeats = 100;
-  const auto start = Clock::now();
+  const auto begin = Clock::now();
   std::size_t beats = 0;
   Clock::duration leastLate = Clock::duration::max();
   std::atomic<int> running = 0;
@@ -49,18 +54,15 @@ TEST_F(TimerTest, KeepsItsBeatWithoutDriftAndNeverRunsTwiceAtOnce) {
     const bool before = beats >= kBeats;
     beats += dispatch_source_get_data(timer);
     // Beat n is due n - 1 intervals after the start.
-    const auto late = Clock::now() - start - kBeat * static_cast<int>(beats - 1);
+    const auto late = Clock::now() - begin - kBeat * static_cast<int>(beats - 1);
     EXPECT_GE(late, 0ms);
     if (beats > kBeats / 2) leastLate = std::min(leastLate, late);
     std::this_thread::sleep_for(1ms);
     --running;
     if (!before && beats >= kBeats) done.set_value();
   });
-  dispatch_source_set_timer(timer, DISPATCH_TIME_NOW,
-                            static_cast<uint64_t>(std::chrono::nanoseconds(kBeat).count()), 0);
-  dispatch_resume(timer);
-
-  ASSERT_EQ(done.get_future().wait_for(kDeadline), std::future_status::ready);
+  start(DISPATCH_TIME_NOW, static_cast<uint64_t>(std::chrono::nanoseconds(kBeat).count()));
+  wait(done);
   end();
   // A timer that counted from its last beat would have lost its handler's millisecond fifty times by then.
   EXPECT_LT(leastLate, 40ms);
@@ -81,12 +83,11 @@ TEST_F(TimerTest, GivesTheTicksThatItsHandlerMissedAsOne) {
     }
     if (!before && ticks >= 40) caughtUp.set_value();
   });
-  dispatch_source_set_timer(timer, DISPATCH_TIME_NOW, NSEC_PER_MSEC, 0);
-  dispatch_resume(timer);
+  start(DISPATCH_TIME_NOW, NSEC_PER_MSEC);
   held.get_future().wait();
   std::this_thread::sleep_for(30ms);
   release.set_value();
-  ASSERT_EQ(caughtUp.get_future().wait_for(kDeadline), std::future_status::ready);
+  wait(caughtUp);
   end();
   EXPECT_LE(calls, ticks - 20);
 }
@@ -97,12 +98,11 @@ TEST_F(TimerTest, FiresOnceOrNeverAndCanBeSetAnew) {
   dispatch_source_set_event_handler(timer, [&] {
     if (++fired == 1) once.set_value();
   });
-  dispatch_source_set_timer(timer, DISPATCH_TIME_FOREVER, NSEC_PER_MSEC, 0);
-  dispatch_resume(timer);
+  start(DISPATCH_TIME_FOREVER, NSEC_PER_MSEC);
   dispatch_source_set_timer(timer, dispatch_time(DISPATCH_TIME_NOW, 3600 * NSEC_PER_SEC), NSEC_PER_MSEC, 0);
   EXPECT_EQ(fired, 0);
   dispatch_source_set_timer(timer, DISPATCH_TIME_NOW, DISPATCH_TIME_FOREVER, 0);
-  ASSERT_EQ(once.get_future().wait_for(kDeadline), std::future_status::ready);
+  wait(once);
   std::this_thread::sleep_for(20ms);
   end();
   EXPECT_EQ(fired, 1);
@@ -123,12 +123,9 @@ TEST_F(TimerTest, LetsGoOfItsHandlersWhenCancelledFromWithin) {
     cancelled.set_value();
   });
   token.reset();
-  dispatch_source_set_timer(timer, DISPATCH_TIME_NOW, NSEC_PER_MSEC, 0);
-  dispatch_resume(timer);
-  ASSERT_EQ(cancelled.get_future().wait_for(kDeadline), std::future_status::ready);
-  const auto deadline = Clock::now() + kDeadline;
-  while (!watched.expired() && Clock::now() < deadline) std::this_thread::sleep_for(1ms);
-  EXPECT_TRUE(watched.expired());
+  start(DISPATCH_TIME_NOW, NSEC_PER_MSEC);
+  wait(cancelled);
+  EXPECT_TRUE(eventually([&] { return watched.expired(); }));
   EXPECT_EQ(late, 0);
 }
 
