@@ -1,5 +1,6 @@
 #include "janus_connection.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "log.h"
@@ -11,13 +12,17 @@ using namespace std::chrono_literals;
 
 // A server that is reached answers a handshake or a request within this time.
 constexpr auto answer_time = 5s;
+// A plugin that does not answer a request by then does not answer at all.
+constexpr auto longest_answer_time = 15s;
 // How often the server is asked for a sign of life. It forgets a session that is silent for a minute.
 constexpr auto keep_alive_interval = 5s;
 constexpr auto retry_interval = 500ms;
 // As long as a server keeps a session that has lost its WebSocket (reclaim_session_timeout).
 constexpr auto give_up_time = 30s;
-constexpr std::size_t longest_message = std::size_t{1} << 20;
+// The list of all who are in a large room, with what guests choose to call themselves.
+constexpr std::size_t longest_message = std::size_t{16} << 20;
 constexpr std::size_t most_waiting = 1024;
+constexpr const char* keep_alive_transaction = "keepalive";
 
 json error_answer(const std::string& reason) {
   return {{"janus", "error"}, {"error", {{"code", 0}, {"reason", reason}}}};
@@ -53,6 +58,7 @@ void JanusConnection::close() {
   pending_.clear();
   events_.clear();
   waiting_.clear();
+  leaving_.clear();
   if (websocket_ != nullptr && session_ != 0) request({{"janus", "destroy"}}, {});
   state_ = State::closed;
   session_ = 0;
@@ -228,7 +234,10 @@ void JanusConnection::gone(const std::string& reason) {
 }
 
 void JanusConnection::keep_alive() {
-  write({{"janus", "keepalive"}, {"session_id", session_}, {"transaction", "keepalive"}});
+  const std::shared_ptr<JanusConnection> keep = shared_from_this();
+  fail_overdue();
+  if (state_ != State::open) return;
+  write({{"janus", "keepalive"}, {"session_id", session_}, {"transaction", keep_alive_transaction}});
   if (!answer_deadline_.running()) {
     answer_deadline_.once(answer_time, [this] { websocket_lost("no answer"); });
   }
@@ -249,9 +258,19 @@ void JanusConnection::attach(const std::string& plugin, Event event,
           });
 }
 
+// Not while the plugin is at work for it: Janus 1.1 may then use what it has freed.
 void JanusConnection::detach(Handle handle) {
   if (events_.erase(handle) == 0) return;
-  request({{"janus", "detach"}, {"handle_id", handle}}, {});
+  if (awaits_answer(handle)) {
+    leaving_.insert(handle);
+  } else {
+    request({{"janus", "detach"}, {"handle_id", handle}}, {});
+  }
+}
+
+bool JanusConnection::awaits_answer(Handle handle) const {
+  return std::any_of(pending_.begin(), pending_.end(),
+                     [handle](const auto& entry) { return entry.second.handle == handle; });
 }
 
 void JanusConnection::message(Handle handle, const json& body, const json& jsep, Reply reply) {
@@ -269,10 +288,15 @@ void JanusConnection::request(json message, Reply reply) {
   const std::string transaction = std::to_string(++last_transaction_);
   message["transaction"] = transaction;
   if (session_ != 0) message["session_id"] = session_;
-  if (reply) pending_[transaction] = std::move(reply);
+  if (reply) {
+    const json& handle = object_at(message, "handle_id");
+    pending_[transaction] = {std::move(reply), handle.is_number_unsigned() ? handle.get<Handle>() : 0,
+                             g_get_monotonic_time() + std::chrono::microseconds(longest_answer_time).count()};
+  }
   const bool for_session = message["janus"] != "create" && message["janus"] != "claim";
   if (!for_session) handshake_ = transaction;
   if (for_session && (state_ == State::lost || state_ == State::claiming)) {
+    // What finds no place is answered as overdue.
     if (waiting_.size() < most_waiting) waiting_.push_back(std::move(message));
     return;
   }
@@ -295,9 +319,13 @@ void JanusConnection::received(const std::string& text) {
 
   const auto pending = pending_.find(string_at(message, "transaction"));
   if (pending != pending_.end()) {
-    const Reply reply = std::move(pending->second);
+    const Pending answered = std::move(pending->second);
     pending_.erase(pending);
-    reply(message);
+    answer(answered, message);
+    return;
+  }
+  if (kind == "error" && string_at(message, "transaction") == keep_alive_transaction) {
+    gone("the server has forgotten the session (" + error_text(message) + ")");
     return;
   }
   if (kind == "timeout") {
@@ -312,9 +340,28 @@ void JanusConnection::received(const std::string& text) {
   call(message);
 }
 
+// The request is no longer among those that wait.
+void JanusConnection::answer(const Pending& pending, const json& answer) {
+  pending.reply(answer);
+  if (!awaits_answer(pending.handle) && leaving_.erase(pending.handle) != 0) {
+    request({{"janus", "detach"}, {"handle_id", pending.handle}}, {});
+  }
+}
+
 void JanusConnection::fail_pending(const std::string& reason) {
   const json answer = error_answer(reason);
-  for (const auto& [transaction, reply] : std::exchange(pending_, {})) reply(answer);
+  for (const auto& [transaction, pending] : std::exchange(pending_, {})) this->answer(pending, answer);
+}
+
+void JanusConnection::fail_overdue() {
+  const std::int64_t now = g_get_monotonic_time();
+  std::vector<Pending> overdue;
+  std::erase_if(pending_, [&](auto& entry) {
+    if (entry.second.due > now) return false;
+    overdue.push_back(std::move(entry.second));
+    return true;
+  });
+  for (const Pending& pending : overdue) answer(pending, error_answer("the server does not answer"));
 }
 
 bool JanusConnection::is_error(const json& answer) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,8 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   // Ends the session. The listener and pending replies hear nothing more.
   void close();
 
+  // A request that is not answered within 15 seconds is answered with an error.
+
   // `attached` gets the handle, or the error with handle 0.
   void attach(const std::string& plugin, Event event,
               std::function<void(Handle handle, const std::string& error)> attached);
@@ -82,10 +85,19 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   void gone(const std::string& reason);
   void keep_alive();
 
+  struct Pending {
+    Reply reply;
+    Handle handle = 0;  // 0: of the session itself
+    std::int64_t due = 0;
+  };
+
   void request(json message, Reply reply);
   void write(const json& message);
   void received(const std::string& text);
+  void answer(const Pending& pending, const json& answer);
   void fail_pending(const std::string& reason);
+  void fail_overdue();
+  bool awaits_answer(Handle handle) const;
 
   const std::string server_;
   Listener* listener_;
@@ -96,7 +108,8 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   std::uint64_t session_ = 0;
   std::uint64_t last_transaction_ = 0;
   std::string handshake_;  // the transaction that creates or claims the session
-  std::map<std::string, Reply> pending_;
+  std::map<std::string, Pending> pending_;
+  std::set<Handle> leaving_;  // to be detached when what was asked of them has been answered
   std::map<Handle, Event> events_;
   std::vector<json> waiting_;  // to be sent once the session is claimed
   std::int64_t lost_at_ = 0;
