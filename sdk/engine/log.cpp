@@ -1,6 +1,9 @@
 #include "log.h"
 
+#include <glib.h>
+
 #include <atomic>
+#include <cstring>
 
 namespace engine {
 namespace {
@@ -21,6 +24,15 @@ const char* mark(LogLevel level) {
 }
 
 }  // namespace
+
+std::string harmless(std::string word) {
+  constexpr std::size_t longest = 64;
+  if (word.size() > longest) word.resize(longest);
+  for (char& letter : word) {
+    if (g_ascii_isalnum(letter) == FALSE && std::strchr("-_.", letter) == nullptr) letter = '?';
+  }
+  return word;
+}
 
 void set_logger(otc_logger_callback callback) {
   logger = callback;

@@ -9,11 +9,15 @@
 
 namespace engine {
 
-// Lines for the program's log. Any thread.
+// Lines for the program's log. Any thread. What a peer chose goes through `harmless`.
 //
 // An error says that the engine cannot go on in this process: a program may end itself on
 // one. What one session, one peer or one stream suffers is a warning.
 enum class LogLevel { info, warning, error };
+
+// A peer's word without what a log line could be taken for something else by: letters, digits and "-", "_",
+// "." of it, and not too much of it.
+std::string harmless(std::string word);
 
 void set_logger(otc_logger_callback callback);
 void set_log_enabled(bool enabled);

@@ -11,13 +11,30 @@
 namespace engine {
 namespace {
 
+// Longer ids are nobody's; longer names are cut.
+constexpr std::size_t longest_text = 256;
+
+std::string name_of(const json& publisher) {
+  std::string name = string_at(publisher, "display");
+  if (name.size() <= longest_text) return name;
+  // Not within a character: in UTF-8 those of one that follow the first begin with the bits 10.
+  std::size_t end = longest_text;
+  while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0U) == 0x80U) --end;
+  name.resize(end);
+  return name;
+}
+
+bool is_id(const std::string& text) {
+  return !text.empty() && text.size() <= longest_text;
+}
+
 // The elements of the array under a key that are objects with an id.
 std::vector<json> listed(const json& data, const char* key) {
   std::vector<json> elements;
   const json& array = object_at(data, key);
   if (!array.is_array()) return elements;
   for (const json& element : array) {
-    if (!string_at(element, "id").empty()) elements.push_back(element);
+    if (is_id(string_at(element, "id"))) elements.push_back(element);
   }
   return elements;
 }
@@ -90,16 +107,15 @@ void Room::joined(const json& data) {
 void Room::event(const json& data) {
   if (string_at(data, "videoroom") != "event") return;
   const std::string joining = string_at(object_at(data, "joining"), "id");
-  if (!joining.empty() && !own_ids_.contains(joining)) arrived(joining);
+  if (is_id(joining) && !own_ids_.contains(joining)) arrived(joining);
   for (const json& publisher : listed(data, "publishers")) published(publisher);
   const std::string stopped = string_at(data, "unpublished");
   if (!stopped.empty()) unpublished(stopped);
   const std::string leaving = string_at(data, "leaving");
   if (!leaving.empty()) left(leaving);
   const auto renamed = streams_.find(string_at(data, "id"));
-  if (renamed != streams_.end() && object_at(data, "display").is_string()) {
-    renamed->second.name = string_at(data, "display");
-  }
+  if (renamed != streams_.end() && object_at(data, "display").is_string())
+    renamed->second.name = name_of(data);
 }
 
 const otc_connection* Room::connection(const std::string& id) const {
@@ -135,7 +151,7 @@ void Room::published(const json& publisher) {
   if (own_ids_.contains(id)) return;
   otc_stream stream;
   stream.id = id;
-  stream.name = string_at(publisher, "display");
+  stream.name = name_of(publisher);
   stream.connection = &arrived(id);
   describe(object_at(publisher, "streams"), stream);
 

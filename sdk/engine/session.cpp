@@ -154,9 +154,8 @@ void Session::learn_what_was_missed() {
         const json body = {
             {"request", "join"}, {"ptype", "publisher"}, {"room", id_}, {"token", token_}, {"id", visitor}};
         janus_->message(handle, body, nullptr, [this, handle](const json& answer) {
-          if (JanusConnection::is_error(answer)) return;
-          room_.joined(plugin_data(answer));
           janus_->detach(handle);
+          if (!JanusConnection::is_error(answer)) room_.joined(plugin_data(answer));
         });
       });
 }
@@ -189,6 +188,9 @@ void Session::has_audio_changed(const otc_stream& stream) {
 }
 
 void Session::has_video_changed(const otc_stream& stream) {
+  for (auto& [subscriber, subscription] : subscriptions_) {
+    if (subscriber->stream.id == stream.id) subscription->expect_pictures(stream.has_video);
+  }
   call(callbacks_.on_stream_has_video_changed, &stream, stream.has_video ? OTC_TRUE : OTC_FALSE);
 }
 
@@ -206,6 +208,7 @@ void Session::subscribe(otc_subscriber& subscriber) {
   auto& subscription = subscriptions_[&subscriber];
   if (subscription == nullptr) {
     subscription = std::make_unique<Subscription>(janus_, subscriber, id_, token_);
+    subscription->expect_pictures(room_.stream(subscriber.stream.id)->has_video);
   }
 }
 

@@ -18,6 +18,12 @@ using namespace std::chrono_literals;
 constexpr auto retry_interval = 1s;
 constexpr int most_failures = 10;
 constexpr auto picture_check_interval = 1s;
+// A connection that brings no picture by then is said to, and then made again.
+constexpr int checks_before_warning = 4;
+constexpr int checks_before_failure = 10;
+// What no camera and no screen has: 8K. Each picture takes room in the program several times.
+constexpr int largest_side = 8192;
+constexpr std::int64_t largest_picture = std::int64_t{7680} * 4320;
 
 // From RTP to what the program gets, by the codec's name in the caps.
 struct Decoder {
@@ -40,6 +46,11 @@ constexpr std::array<Decoder, 4> decoders = {{
 #undef SINK
 #undef ASKS_FOR_KEY_FRAMES
 
+bool is_bearable(const GstVideoInfo& info) {
+  return info.width <= largest_side && info.height <= largest_side &&
+         std::int64_t{info.width} * info.height <= largest_picture;
+}
+
 // What is decoded is taken where it enters the sink: there nobody else holds it.
 GstPadProbeReturn picture_decoded(GstPad* pad, GstPadProbeInfo* probe, gpointer data) {
   auto& subscriber = *static_cast<otc_subscriber*>(data);
@@ -47,6 +58,7 @@ GstPadProbeReturn picture_decoded(GstPad* pad, GstPadProbeInfo* probe, gpointer 
   GstVideoInfo info;
   GstVideoFrame mapped;
   if (!subscriber.video || caps == nullptr || gst_video_info_from_caps(&info, caps.get()) == FALSE ||
+      !is_bearable(info) ||
       gst_video_frame_map(&mapped, &info, GST_PAD_PROBE_INFO_BUFFER(probe), GST_MAP_READ) == FALSE) {
     return GST_PAD_PROBE_OK;
   }
@@ -104,7 +116,7 @@ Subscription::Subscription(std::shared_ptr<JanusConnection> janus, otc_subscribe
 Subscription::~Subscription() {
   peer_.reset();
   AudioDevice::get().forget(&subscriber_);
-  subscriber_.subscription = nullptr;
+  if (subscriber_.subscription == this) subscriber_.subscription = nullptr;
 }
 
 void Subscription::open() {
@@ -121,6 +133,8 @@ void Subscription::peer_attached() {
                      {"ptype", "subscriber"},
                      {"room", room_},
                      {"token", token_},
+                     // A stream that ends is torn down, not negotiated once more.
+                     {"autoupdate", false},
                      {"streams", json::array({{{"feed", subscriber_.stream.id}}})}};
   peer_->ask(join, [this](const json& data) {
     const std::string error = string_at(data, "error");
@@ -171,11 +185,25 @@ void Subscription::ask_for_key_frame() {
 // Pictures that have stopped may only lack a key frame: the request for it, or the key frame, was lost.
 void Subscription::look_after_pictures() {
   const unsigned pictures = subscriber_.pictures;
-  if (pictures == std::exchange(pictures_before_, pictures) && subscriber_.video) ask_for_key_frame();
+  const bool came = pictures != std::exchange(pictures_before_, pictures);
+  if (came || !subscriber_.video || !pictures_expected_) {
+    checks_without_picture_ = 0;
+    return;
+  }
+  ++checks_without_picture_;
+  if (checks_without_picture_ == checks_before_warning) {
+    log_warning("Stream {}: connected, but no picture comes.", harmless(subscriber_.stream.id));
+  }
+  if (checks_without_picture_ == checks_before_failure) {
+    peer_failed("no picture came");
+  } else {
+    ask_for_key_frame();
+  }
 }
 
 void Subscription::peer_connected() {
   failures_ = 0;
+  checks_without_picture_ = 0;
   picture_check_.every(picture_check_interval, [this] { look_after_pictures(); });
   AudioDevice::get().start_renderer();
   if (std::exchange(was_connected_, true)) {
@@ -188,10 +216,11 @@ void Subscription::peer_connected() {
 void Subscription::peer_failed(const std::string& reason) {
   if (retry_.running()) return;
   picture_check_.stop();
-  log_warning("Stream {}: {}.", subscriber_.stream.id, reason);
+  log_warning("Stream {}: {}.", harmless(subscriber_.stream.id), reason);
   if (failures_ == 0 && was_connected_) subscriber_.call(subscriber_.callbacks.on_disconnected);
   if (++failures_ > most_failures) {
     const std::string text = "The stream is not received: " + reason + ". Take the guest out and in again.";
+    peer_.reset();
     subscriber_.call(subscriber_.callbacks.on_error, text.c_str(), OTC_SESSION_CONNECTION_FAILED);
     return;
   }
@@ -207,7 +236,8 @@ void Subscription::peer_pad_added(GstPad* pad) {
     GError* error = nullptr;
     GstElement* bin = gst_parse_bin_from_description(decoder.elements, TRUE, &error);
     if (bin == nullptr) {
-      log_warning("Stream {}: no decoder for {}: {}", subscriber_.stream.id, encoding, error->message);
+      log_warning("Stream {}: no decoder for {}: {}", harmless(subscriber_.stream.id), encoding,
+                  error->message);
       g_error_free(error);
       return;
     }
@@ -225,8 +255,8 @@ void Subscription::peer_pad_added(GstPad* pad) {
     gst_element_sync_state_with_parent(bin);
     return;
   }
-  log_warning("Stream {}: there is no decoder for {}.", subscriber_.stream.id,
-              encoding == nullptr ? "what it sends" : encoding);
+  log_warning("Stream {}: there is no decoder for {}.", harmless(subscriber_.stream.id),
+              encoding == nullptr ? "what it sends" : harmless(encoding));
 }
 
 }  // namespace engine

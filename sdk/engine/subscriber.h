@@ -54,6 +54,8 @@ class Subscription : private Peer::Listener {
 
   // Takes what the subscriber's switches say to the server.
   void apply_switches();
+  // Whether the guest sends any, as the room says.
+  void expect_pictures(bool expected) { pictures_expected_ = expected; }
 
  private:
   void peer_attached() override;
@@ -80,7 +82,9 @@ class Subscription : private Peer::Listener {
   bool audio_sent_ = true;
   bool was_connected_ = false;
   int failures_ = 0;
+  bool pictures_expected_ = true;
   unsigned pictures_before_ = 0;
+  int checks_without_picture_ = 0;
   Timer retry_;
   Timer picture_check_;
 };
