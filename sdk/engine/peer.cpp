@@ -16,8 +16,9 @@ using namespace std::chrono_literals;
 
 // From the first request to media that can flow.
 constexpr auto connect_time = 15s;
-// How long the jitter buffer waits for a packet that is missing. What comes in order never waits.
-constexpr unsigned jitter_milliseconds = 120;
+// How long the jitter buffer waits for a packet that is missing, and how much it holds while the decoder is
+// busy. What comes in order never waits.
+constexpr unsigned jitter_milliseconds = 250;
 
 using Description =
     std::unique_ptr<GstWebRTCSessionDescription, decltype(&gst_webrtc_session_description_free)>;
@@ -31,7 +32,7 @@ Description parse(GstWebRTCSDPType type, const std::string& text) {
 }
 
 // Asks the webrtcbin for an offer or an answer, makes it the local description, and hands its
-// text to `done`, on a thread of the webrtcbin's.
+// text to `done`, on a thread of the webrtcbin's; an empty one if it could not be made.
 void describe(GstElement* webrtc, const char* what, std::function<void(const std::string& sdp)> done) {
   struct Call {
     GstElement* webrtc;  // alive while it calls
@@ -47,6 +48,7 @@ void describe(GstElement* webrtc, const char* what, std::function<void(const std
         GstWebRTCSessionDescription* made = nullptr;
         if (reply == nullptr ||
             gst_structure_get(reply, field, GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &made, nullptr) == FALSE) {
+          call->done({});
           return;
         }
         const Description description(made, gst_webrtc_session_description_free);
@@ -86,9 +88,11 @@ void tune(GstBin*, GstBin*, GstElement* element, gpointer) {
   const GstElementFactory* factory = gst_element_get_factory(element);
   const char* kind = factory == nullptr ? "" : GST_OBJECT_NAME(factory);
   if (g_str_equal(kind, "rtpjitterbuffer")) {
-    // A backlog longer than the buffer's latency is dropped and not played late. Only what was seen to
-    // be missing is asked for again, not also what could have come by now.
-    g_object_set(element, "drop-on-latency", TRUE, "rtx-next-seqnum", FALSE, nullptr);
+    // A backlog longer than the buffer's latency is dropped and not played late. The first packet, which
+    // begins a key frame, does not wait for others. Only what was seen to be missing is asked for again, not
+    // also what could have come by now.
+    g_object_set(element, "drop-on-latency", TRUE, "faststart-min-packets", 1U, "rtx-next-seqnum", FALSE,
+                 nullptr);
   } else if (g_str_equal(kind, "rtpsession")) {
     report_what_is_asked(element);
   }
@@ -274,6 +278,10 @@ void Peer::make_offer() {
 }
 
 void Peer::send_description(const char* type, const std::string& sdp, const json& body, Reply reply) {
+  if (sdp.empty()) {
+    fail("no session description could be made");
+    return;
+  }
   janus_->message(handle_, body, {{"type", type}, {"sdp", sdp}}, answered(std::move(reply)));
   described_ = true;
   for (const json& candidate : std::exchange(candidates_, {})) janus_->trickle(handle_, candidate);

@@ -13,6 +13,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto retry_interval = 1s;
+constexpr auto answer_time = 10s;
 constexpr std::size_t most_waiting = 256;
 
 std::string dump(const json& value) {
@@ -106,6 +107,7 @@ void Signals::channel_opened() {
               {"room", room_},
               {"token", token_},
               {"username", own_id_}}));
+  retry_.once(answer_time, [this] { peer_failed("the room does not answer"); });
 }
 
 void Signals::channel_message(const std::string& text) {
@@ -130,6 +132,7 @@ void Signals::channel_message(const std::string& text) {
 }
 
 void Signals::joined() {
+  retry_.stop();
   joined_ = true;
   refused_ = false;
   for (const std::string& text : std::exchange(waiting_, {})) write(text);

@@ -75,9 +75,9 @@ export class Subscriber {
     if (this.#closed) return this.#peer.close();
     this.#peer.onfailed = () => this.onfailed();
     this.#peer.connection.ontrack = ({ track }) => this.stream.addTrack(track);
-    // The publisher's tracks may change while it runs; the server then makes a new offer.
-    handle.onevent = (data, jsep) => jsep?.type === "offer" && this.#start(jsep).catch(() => this.onfailed());
-    const body = { request: "join", ptype: "subscriber", room, token, streams: [{ feed: this.feed }] };
+    // A stream that ends is torn down, not negotiated once more.
+    const stream = { ptype: "subscriber", autoupdate: false, streams: [{ feed: this.feed }] };
+    const body = { request: "join", room, token, ...stream };
     await this.#start((await handle.request(body)).jsep);
   }
 
