@@ -40,7 +40,8 @@ AudioDevice& AudioDevice::get() {
 }
 
 std::int64_t AudioDevice::Output::next() const {
-  return begin + frames * 1000000000 / rate;
+  constexpr std::int64_t second = 1000000000;
+  return begin + frames / rate * second + frames % rate * second / rate;
 }
 
 void AudioDevice::set_callbacks(const otc_audio_device_callbacks& callbacks) {
@@ -91,9 +92,12 @@ void AudioDevice::write(const std::int16_t* samples, std::size_t frames) {
   for (auto& [output, state] : outputs_) {
     const std::size_t bytes = frames * channels * sizeof(std::int16_t);
     if (bytes == 0 || gst_app_src_get_current_level_bytes(output) + bytes > most_waiting) continue;
-    GstBuffer* buffer = gst_buffer_new_memdup(samples, bytes);
     const std::int64_t now = running_time(output);
-    if (std::abs(state.next() - now) > largest_drift) {
+    const std::int64_t ahead = state.next() - now;
+    // What piled up somewhere and comes at once: time never goes back, so the rest of it is left out.
+    if (ahead > largest_drift) continue;
+    GstBuffer* buffer = gst_buffer_new_memdup(samples, bytes);
+    if (ahead < -largest_drift) {
       GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
       state = {now, 0};
     }
