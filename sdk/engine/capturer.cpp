@@ -115,27 +115,22 @@ otc_status otc_video_capturer::provide(const otc_video_frame& frame, int rotatio
   const bool turned = rotation == 90 || rotation == 270;
   const int width = turned ? frame.height : frame.width;
   const int height = turned ? frame.width : frame.height;
-  if (pool_ == nullptr || width != width_ || height != height_) {
-    GstVideoInfo info;
-    gst_video_info_set_format(&info, GST_VIDEO_FORMAT_I420, static_cast<guint>(width),
+  if (pool_ == nullptr || width != info_.width || height != info_.height) {
+    gst_video_info_set_format(&info_, GST_VIDEO_FORMAT_I420, static_cast<guint>(width),
                               static_cast<guint>(height));
-    caps_.reset(gst_video_info_to_caps(&info));
+    caps_.reset(gst_video_info_to_caps(&info_));
     if (pool_ != nullptr) gst_buffer_pool_set_active(pool_.get(), FALSE);
     pool_.reset(gst_video_buffer_pool_new());
     GstStructure* config = gst_buffer_pool_get_config(pool_.get());
-    gst_buffer_pool_config_set_params(config, caps_.get(), static_cast<guint>(GST_VIDEO_INFO_SIZE(&info)), 0,
+    gst_buffer_pool_config_set_params(config, caps_.get(), static_cast<guint>(GST_VIDEO_INFO_SIZE(&info_)), 0,
                                       0);
     gst_buffer_pool_set_config(pool_.get(), config);
     gst_buffer_pool_set_active(pool_.get(), TRUE);
-    width_ = width;
-    height_ = height;
   }
   GstBuffer* buffer = nullptr;
-  GstVideoInfo info;
   GstVideoFrame mapped;
   if (gst_buffer_pool_acquire_buffer(pool_.get(), &buffer, nullptr) != GST_FLOW_OK) return OTC_FATAL;
-  gst_video_info_from_caps(&info, caps_.get());
-  if (gst_video_frame_map(&mapped, &info, buffer, GST_MAP_WRITE) == FALSE) {
+  if (gst_video_frame_map(&mapped, &info_, buffer, GST_MAP_WRITE) == FALSE) {
     gst_buffer_unref(buffer);
     return OTC_FATAL;
   }

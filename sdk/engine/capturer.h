@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gst/video/video.h>
+
 #include <cstdint>
 #include <mutex>
 
@@ -34,6 +36,5 @@ struct otc_video_capturer {
   GstAppSrc* output_ = nullptr;
   engine::Gst<GstBufferPool> pool_;
   engine::Gst<GstCaps> caps_;
-  int width_ = 0;
-  int height_ = 0;
+  GstVideoInfo info_{};
 };

@@ -1,7 +1,5 @@
 #include "video_frame.h"
 
-#include <cstdlib>
-
 namespace {
 
 bool is_packed(int format) {
