@@ -254,6 +254,10 @@ gboolean Show::onMessage(GstBus*, GstMessage* message, gpointer self) {
   auto& show = *static_cast<Show*>(self);
   if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_LATENCY) gst_bin_recalculate_latency(GST_BIN(show.pipeline_));
   if (show.over_) return G_SOURCE_CONTINUE;
+  // A branch that came while the pipeline was starting may have been left out of that.
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ASYNC_DONE) {
+    gst_element_set_state(show.pipeline_, GST_STATE_PLAYING);
+  }
   if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) {
     show.over_ = true;
     show.news_("ended", "the source has ended; its last picture stays");
