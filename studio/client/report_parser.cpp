@@ -98,6 +98,8 @@ void ReportParser::report(xpc_object_t message) {
   } else if (read.has("fatalErrorMessage")) {
     const std::string_view text = read.text("fatalErrorMessage");
     if (sound()) listener_.onFatalError(text);
+  } else if (read.has("uuid")) {
+    // What a guest's chat or mark that was not understood comes to: nothing to show.
   } else {
     listener_.onRefused("a report of an unknown kind");
     answer(message);
@@ -126,7 +128,8 @@ void ReportParser::sound(xpc_object_t message) {
   const std::string_view sessionId = read.text("sessionId");
   std::size_t length = 0;
   const void* bytes = xpc_dictionary_get_data(message, "sound", &length);
-  if (read.fault() || !bytes || length == 0 || length % (2 * sizeof(std::int16_t)) != 0) {
+  if (!read.fault() && bytes && length == 0) return;
+  if (read.fault() || !bytes || length % (2 * sizeof(std::int16_t)) != 0) {
     listener_.onRefused(read.fault() ? *read.fault() : "a sound that is no whole number of stereo samples");
     return;
   }
