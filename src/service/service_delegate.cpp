@@ -117,11 +117,9 @@ void ServiceDelegate::favMessage(const std::optional<std::string>& uuid,
   Report().set("uuid", uuid).set("state", state).set("sessionId", guestSession()->sessionId()).send();
 }
 
-void ServiceDelegate::soundReceived(const void* samples, int64_t length, const std::optional<std::string>&) {
-  Report()
-      .setData("sound", samples, static_cast<size_t>(length))
-      .set("sessionId", guestSession()->sessionId())
-      .send();
+void ServiceDelegate::soundReceived(const void* samples, int64_t length,
+                                    const std::optional<std::string>& sessionId) {
+  Report().setData("sound", samples, static_cast<size_t>(length)).set("sessionId", sessionId).send();
 }
 
 void ServiceDelegate::sendLogMessage(const std::string& text) {
@@ -138,9 +136,9 @@ void ServiceDelegate::pixelBufferReceived(CVPixelBufferRef buffer, const std::st
                                           const std::string& andID, uint64_t timestamp) {
   auto owned = Ref<CVPixelBufferRef>::adopt(buffer);
   auto surface = Ref<xpc_object_t>::adopt(IOSurfaceCreateXPCObject(CVPixelBufferGetIOSurface(buffer)));
-  const int32_t number = frameCount.fetch_add(1, std::memory_order_relaxed) + 1;
+  const auto number = static_cast<int32_t>(frameCount.fetch_add(1, std::memory_order_relaxed) + 1);
   auto connection = appConn.load();
-  if (!connection) return;
+  if (!connection || !surface) return;
   const auto frame = std::make_shared<Frame>(
       Frame{std::move(connection), std::move(owned), std::move(surface), forName, andID, number, timestamp});
   dispatch_async(_frameQueue.get(), [this, frame] { sendFrame(*frame); });

@@ -44,7 +44,7 @@ class ServiceDelegate : public GuestSessionDelegate {
   void sendFrame(const Frame& frame);
 
   ZarvoGuestSession* _guestSession = nullptr;
-  std::atomic<int32_t> frameCount{0};
+  std::atomic<uint32_t> frameCount{0};  // goes out as a signed number, wrapping
   Ref<dispatch_queue_t> _frameQueue;
   int32_t numberOfFramesQueued = 0;  // on _frameQueue only
 };

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 #include <cstdlib>
-#include <cstring>
 
 #include "session/guest_session.h"
 #include "session/log.h"

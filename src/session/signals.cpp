@@ -5,7 +5,6 @@
 
 #include "session/guest_session.h"
 #include "streams/guest_session_stream.h"
-#include "support/strings.h"
 
 namespace {
 
