@@ -19,6 +19,9 @@ bool startThread(const char* name, std::function<void()> body) noexcept {
   try {
     std::thread([name, body = std::move(body)] {
       pthread_setname_np(pthread_self(), name);
+      // A thread that was made urgent does not make urgent what it starts.
+      const sched_param ordinary{};
+      pthread_setschedparam(pthread_self(), SCHED_OTHER, &ordinary);
       body();
     }).detach();
   } catch (const std::system_error&) {
