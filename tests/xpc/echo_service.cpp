@@ -1,7 +1,7 @@
 // A service that answers each message with what it holds, and does what some of them say.
 #include <unistd.h>
 
-#include "support.h"
+#include "link.h"
 
 static void handle(xpc_object_t event) {
   if (xpc_dictionary_get_value(event, "begin")) xpc_transaction_begin();

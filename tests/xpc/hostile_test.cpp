@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "support.h"
+#include "link.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "support.h"
+#include "link.h"
 
 namespace {
 

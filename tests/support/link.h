@@ -1,4 +1,4 @@
-// What the tests of the host link share.
+// Both ends of the host link, for tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <functional>
+#include <map>
 #include <string>
 
 #include "waiting.h"
@@ -29,10 +30,14 @@ class Object {
   xpc_object_t m_object;
 };
 
-inline Object message(const char* key, const char* value) {
+// A message of texts.
+inline Object message(const std::map<std::string, std::string>& texts) {
   Object dictionary(xpc_dictionary_create_empty());
-  xpc_dictionary_set_string(dictionary, key, value);
+  for (const auto& [key, value] : texts) xpc_dictionary_set_string(dictionary, key.c_str(), value.c_str());
   return dictionary;
+}
+inline Object message(const char* key, const char* value) {
+  return message({{key, value}});
 }
 
 inline std::string describe(xpc_object_t object) {
