@@ -1,5 +1,4 @@
-// The other process of the surface tests: connects to the listener named on its command line and does with
-// each surface what the message asks for.
+// The other process of the surface tests: does with each surface what the message asks for.
 #include <IOSurface/IOSurface.h>
 #include <unistd.h>
 
@@ -37,8 +36,8 @@ void obey(xpc_object_t message) {
 
 }  // namespace
 
-int main(int, char** argv) {
-  connection = xpc_connection_create(argv[1], nullptr);
+int main() {
+  connection = xpc_connection_create("surface-test", nullptr);
   xpc_connection_set_event_handler(connection, [](xpc_object_t event) {
     if (xpc_get_type(event) == XPC_TYPE_ERROR) _exit(0);
     obey(event);

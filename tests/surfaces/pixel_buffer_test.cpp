@@ -1,14 +1,13 @@
 // Pixel buffers, their pools, and pixel transfer against a plain reference.
-#include "Surfaces.h"
-
 #include <VideoToolbox/VideoToolbox.h>
 #include <gtest/gtest.h>
 
 #include <array>
-#include <chrono>
 #include <random>
-#include <thread>
 #include <vector>
+
+#include "surfaces.h"
+#include "waiting.h"
 
 namespace {
 
@@ -47,30 +46,36 @@ struct Picture {
   int released = 0;
 };
 
-uint8_t at(CVPixelBufferRef buffer, size_t plane, size_t x, size_t y) {
+using Buffer = Ref<CVPixelBufferRef>;
+
+uint8_t at(const Buffer& buffer, size_t plane, size_t x, size_t y) {
   return static_cast<const uint8_t*>(CVPixelBufferGetBaseAddressOfPlane(
-      buffer, plane))[y * CVPixelBufferGetBytesPerRowOfPlane(buffer, plane) + x];
+      buffer.get(), plane))[y * CVPixelBufferGetBytesPerRowOfPlane(buffer.get(), plane) + x];
 }
 
-CVPixelBufferRef createBuffer(OSType format, size_t width, size_t height) {
+Buffer createBuffer(OSType format, size_t width, size_t height, CFDictionaryRef attributes = nullptr) {
   CVPixelBufferRef buffer = nullptr;
-  EXPECT_EQ(kCVReturnSuccess, CVPixelBufferCreate(nullptr, width, height, format, nullptr, &buffer));
-  return buffer;
+  EXPECT_EQ(kCVReturnSuccess, CVPixelBufferCreate(nullptr, width, height, format, attributes, &buffer));
+  return Buffer::adopt(buffer);
+}
+Buffer wrapped(Picture& picture) {
+  CVPixelBufferRef buffer = nullptr;
+  EXPECT_EQ(kCVReturnSuccess, picture.wrap(&buffer));
+  return Buffer::adopt(buffer);
 }
 
 TEST(PixelBuffer, WrapsPlanesWithoutACopyAndTellsWhenItLetsGo) {
   Picture picture(7, 5);
-  CVPixelBufferRef buffer = nullptr;
-  ASSERT_EQ(kCVReturnSuccess, picture.wrap(&buffer));
-  EXPECT_TRUE(CVPixelBufferIsPlanar(buffer));
-  EXPECT_EQ(nullptr, CVPixelBufferGetIOSurface(buffer));
-  EXPECT_EQ(picture.addresses[2], CVPixelBufferGetBaseAddressOfPlane(buffer, 2));
-  EXPECT_EQ(nullptr, CVPixelBufferGetBaseAddressOfPlane(buffer, 3));
-  EXPECT_EQ(4U, CVPixelBufferGetWidthOfPlane(buffer, 1));
-  CVPixelBufferRetain(buffer);
-  CVPixelBufferRelease(buffer);
+  auto buffer = wrapped(picture);
+  EXPECT_TRUE(CVPixelBufferIsPlanar(buffer.get()));
+  EXPECT_EQ(nullptr, CVPixelBufferGetIOSurface(buffer.get()));
+  EXPECT_EQ(picture.addresses[2], CVPixelBufferGetBaseAddressOfPlane(buffer.get(), 2));
+  EXPECT_EQ(nullptr, CVPixelBufferGetBaseAddressOfPlane(buffer.get(), 3));
+  EXPECT_EQ(4U, CVPixelBufferGetWidthOfPlane(buffer.get(), 1));
+  auto second = buffer;
+  second = {};
   EXPECT_EQ(0, picture.released);
-  CVPixelBufferRelease(buffer);
+  buffer = {};
   EXPECT_EQ(1, picture.released);
 }
 
@@ -99,172 +104,131 @@ TEST(PixelBuffer, RefusesPlanesThatDoNotMakeThePicture) {
 }
 
 TEST(PixelBuffer, CountsAsAUseOfItsSurface) {
-  const IOSurfaceRef surface = createSurface(bgra, 1024, 576);
+  const auto surface = createSurface(bgra, 1024, 576);
   CVPixelBufferRef buffer = nullptr;
-  ASSERT_EQ(kCVReturnSuccess, CVPixelBufferCreateWithIOSurface(nullptr, surface, nullptr, &buffer));
-  EXPECT_EQ(1, IOSurfaceGetUseCount(surface));
-  EXPECT_EQ(IOSurfaceGetBaseAddress(surface), CVPixelBufferGetBaseAddress(buffer));
+  ASSERT_EQ(kCVReturnSuccess, CVPixelBufferCreateWithIOSurface(nullptr, surface.get(), nullptr, &buffer));
+  EXPECT_EQ(1, IOSurfaceGetUseCount(surface.get()));
+  EXPECT_EQ(IOSurfaceGetBaseAddress(surface.get()), CVPixelBufferGetBaseAddress(buffer));
   EXPECT_EQ(1024U * 576 * 4, CVPixelBufferGetDataSize(buffer));
   EXPECT_FALSE(CVPixelBufferIsPlanar(buffer));
-  EXPECT_EQ(0U, CVPixelBufferGetPlaneCount(buffer));
   EXPECT_EQ(nullptr, CVPixelBufferGetBaseAddressOfPlane(buffer, 0));
   CVPixelBufferRelease(buffer);
-  EXPECT_FALSE(IOSurfaceIsInUse(surface));
-  CFRelease(surface);
+  EXPECT_FALSE(IOSurfaceIsInUse(surface.get()));
   EXPECT_EQ(kCVReturnInvalidArgument, CVPixelBufferCreateWithIOSurface(nullptr, nullptr, nullptr, &buffer));
 }
 
 TEST(PixelBuffer, HasASurfaceWhenAskedForOne) {
-  const CFMutableDictionaryRef attributes = createNumbers({});
-  const CFMutableDictionaryRef surfaceProperties = createNumbers({});
-  CFDictionarySetValue(attributes, kCVPixelBufferIOSurfacePropertiesKey, surfaceProperties);
-  CFRelease(surfaceProperties);
-  CVPixelBufferRef buffer = nullptr;
-  EXPECT_EQ(kCVReturnSuccess, CVPixelBufferCreate(nullptr, 3, 3, biplanar, attributes, &buffer));
-  CFRelease(attributes);
-  ASSERT_NE(nullptr, CVPixelBufferGetIOSurface(buffer));
-  EXPECT_EQ(1, IOSurfaceGetUseCount(CVPixelBufferGetIOSurface(buffer)));
-  CVPixelBufferRelease(buffer);
-  EXPECT_EQ(kCVReturnInvalidSize, CVPixelBufferCreate(nullptr, 0, 3, biplanar, nullptr, &buffer));
-  EXPECT_EQ(kCVReturnInvalidPixelFormat, CVPixelBufferCreate(nullptr, 3, 3, 1, nullptr, &buffer));
+  const auto attributes = createNumbers({});
+  CFDictionarySetValue(attributes.get(), kCVPixelBufferIOSurfacePropertiesKey, createNumbers({}).get());
+  const auto buffer = createBuffer(biplanar, 3, 3, attributes.get());
+  ASSERT_NE(nullptr, CVPixelBufferGetIOSurface(buffer.get()));
+  EXPECT_EQ(1, IOSurfaceGetUseCount(CVPixelBufferGetIOSurface(buffer.get())));
+  CVPixelBufferRef none = nullptr;
+  EXPECT_EQ(kCVReturnInvalidSize, CVPixelBufferCreate(nullptr, 0, 3, biplanar, nullptr, &none));
+  EXPECT_EQ(kCVReturnInvalidPixelFormat, CVPixelBufferCreate(nullptr, 3, 3, 1, nullptr, &none));
 }
 
-struct Pool {
-  explicit Pool(size_t width = 320, size_t height = 180)
-      : ref(createPool(biplanar, static_cast<int64_t>(width), static_cast<int64_t>(height))) {}
-  ~Pool() { CVPixelBufferPoolRelease(ref); }
-  CVPixelBufferRef take() const {
-    CVPixelBufferRef buffer = nullptr;
-    last = CVPixelBufferPoolCreatePixelBuffer(nullptr, ref, &buffer);
-    return buffer;
-  }
-  const CVPixelBufferPoolRef ref;
-  mutable CVReturn last = 0;
-};
-
 TEST(PixelBufferPool, HandsOutWhatNobodyHoldsAndNothingElse) {
-  const Pool pool;
-  CVPixelBufferRef first = pool.take();
-  CVPixelBufferRef second = pool.take();
-  const IOSurfaceRef firstSurface = CVPixelBufferGetIOSurface(first);
-  EXPECT_NE(firstSurface, CVPixelBufferGetIOSurface(second));
+  const auto pool = createPool(biplanar, 320, 180);
+  auto first = takeFrom(pool);
+  const auto second = takeFrom(pool);
+  const IOSurfaceRef firstSurface = CVPixelBufferGetIOSurface(first.get());
+  EXPECT_NE(firstSurface, CVPixelBufferGetIOSurface(second.get()));
 
-  CVPixelBufferRelease(first);
-  first = pool.take();
-  EXPECT_EQ(firstSurface, CVPixelBufferGetIOSurface(first));
+  first = {};
+  first = takeFrom(pool);
+  EXPECT_EQ(firstSurface, CVPixelBufferGetIOSurface(first.get()));
 
-  CFRetain(firstSurface);  // nobody has the buffer, yet somebody holds the surface
-  CVPixelBufferRelease(first);
-  first = pool.take();
-  EXPECT_NE(firstSurface, CVPixelBufferGetIOSurface(first));
-  CFRelease(firstSurface);
-  CVPixelBufferRelease(first);
-  CVPixelBufferRelease(second);
+  const auto held = Ref<IOSurfaceRef>::retain(firstSurface);
+  first = {};
+  EXPECT_NE(firstSurface, CVPixelBufferGetIOSurface(takeFrom(pool).get())) << "nobody has the buffer";
 }
 
 TEST(PixelBufferPool, EndsAtItsLimitAndBeforeItsBuffers) {
-  std::vector<CVPixelBufferRef> buffers;
+  std::vector<Buffer> buffers;
   {
-    const Pool pool(16, 16);
-    while (const CVPixelBufferRef buffer = pool.take()) buffers.push_back(buffer);
-    EXPECT_EQ(kCVReturnPoolAllocationFailed, pool.last);
+    const auto pool = createPool(biplanar, 16, 16);
+    CVReturn last = 0;
+    while (auto buffer = takeFrom(pool, &last)) buffers.push_back(buffer);
+    EXPECT_EQ(kCVReturnPoolAllocationFailed, last);
     EXPECT_EQ(64U, buffers.size());
   }
-  for (CVPixelBufferRef buffer : buffers) {
-    *static_cast<uint8_t*>(CVPixelBufferGetBaseAddress(buffer)) = 1;
-    CVPixelBufferRelease(buffer);
-  }
+  for (const auto& buffer : buffers) *static_cast<uint8_t*>(CVPixelBufferGetBaseAddress(buffer.get())) = 1;
 }
 
 TEST(PixelBufferPool, ShrinksAgain) {
-  const Pool pool(16, 16);
+  const auto pool = createPool(biplanar, 16, 16);
   const size_t before = mappedSurfaces();
-  std::array<CVPixelBufferRef, 5> buffers{};
-  for (CVPixelBufferRef& buffer : buffers) buffer = pool.take();
-  for (CVPixelBufferRef buffer : buffers) CVPixelBufferRelease(buffer);
-  EXPECT_EQ(before + 5, mappedSurfaces());
-
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (mappedSurfaces() > before + 3 && std::chrono::steady_clock::now() < deadline) {
-    CVPixelBufferRelease(pool.take());
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  {
+    std::array<Buffer, 5> buffers;
+    for (Buffer& buffer : buffers) buffer = takeFrom(pool);
   }
-  EXPECT_EQ(before + 3, mappedSurfaces());
+  EXPECT_EQ(before + 5, mappedSurfaces());
+  EXPECT_TRUE(eventually([&] { return takeFrom(pool) && mappedSurfaces() == before + 3; }));
 }
 
 TEST(PixelBufferPool, RefusesAttributesThatMakeNoBuffer) {
-  CVPixelBufferPoolRef pool = nullptr;
-  const auto status = [&](const std::map<CFStringRef, int64_t>& values) {
-    const CFMutableDictionaryRef attributes = createNumbers(values);
-    const CVReturn answer = CVPixelBufferPoolCreate(nullptr, nullptr, attributes, &pool);
-    CFRelease(attributes);
+  const auto status = [](const std::map<CFStringRef, int64_t>& values) {
+    CVPixelBufferPoolRef pool = nullptr;
+    const CVReturn answer = CVPixelBufferPoolCreate(nullptr, nullptr, createNumbers(values).get(), &pool);
     EXPECT_EQ(nullptr, pool);
     return answer;
   };
+  const auto format = kCVPixelBufferPixelFormatTypeKey;
+  const auto width = kCVPixelBufferWidthKey;
+  const auto height = kCVPixelBufferHeightKey;
+  EXPECT_EQ(kCVReturnInvalidPixelBufferAttributes, status({{width, 8}, {height, 8}}));
+  EXPECT_EQ(kCVReturnInvalidPixelFormat, status({{format, 0x20202020}, {width, 8}, {height, 8}}));
+  EXPECT_EQ(kCVReturnInvalidSize, status({{format, biplanar}, {width, 0}, {height, 8}}));
+  CVPixelBufferPoolRef pool = nullptr;
   EXPECT_EQ(kCVReturnInvalidPixelBufferAttributes, CVPixelBufferPoolCreate(nullptr, nullptr, nullptr, &pool));
-  EXPECT_EQ(kCVReturnInvalidPixelBufferAttributes,
-            status({{kCVPixelBufferWidthKey, 8}, {kCVPixelBufferHeightKey, 8}}));
-  EXPECT_EQ(kCVReturnInvalidPixelFormat, status({{kCVPixelBufferPixelFormatTypeKey, 0x20202020},
-                                                 {kCVPixelBufferWidthKey, 8},
-                                                 {kCVPixelBufferHeightKey, 8}}));
-  EXPECT_EQ(kCVReturnInvalidSize, status({{kCVPixelBufferPixelFormatTypeKey, biplanar},
-                                          {kCVPixelBufferWidthKey, 0},
-                                          {kCVPixelBufferHeightKey, 8}}));
   CVPixelBufferRef buffer = nullptr;
   EXPECT_EQ(kCVReturnInvalidArgument, CVPixelBufferPoolCreatePixelBuffer(nullptr, nullptr, &buffer));
 }
 
-TEST(PixelTransfer, InterleavesChromaAsAPlainLoopDoes) {
-  VTPixelTransferSessionRef session = nullptr;
-  ASSERT_EQ(noErr, VTPixelTransferSessionCreate(nullptr, &session));
+class PixelTransfer : public testing::Test {
+ protected:
+  PixelTransfer() { EXPECT_EQ(noErr, VTPixelTransferSessionCreate(nullptr, &session_)); }
+  ~PixelTransfer() override { CFRelease(session_); }
+  OSStatus transfer(const Buffer& from, const Buffer& to) {
+    return VTPixelTransferSessionTransferImage(session_, from.get(), to.get());
+  }
+
+  VTPixelTransferSessionRef session_ = nullptr;
+};
+
+TEST_F(PixelTransfer, InterleavesChromaAsAPlainLoopDoes) {
   for (const auto& [width, height] : std::vector<std::pair<size_t, size_t>>{
            {1, 1}, {2, 2}, {1, 9}, {9, 1}, {17, 33}, {63, 64}, {65, 31}, {641, 359}, {1280, 720}}) {
     Picture picture(width, height);
-    CVPixelBufferRef source = nullptr;
-    ASSERT_EQ(kCVReturnSuccess, picture.wrap(&source));
-    const CVPixelBufferRef destination = createBuffer(biplanar, width, height);
-    ASSERT_EQ(noErr, VTPixelTransferSessionTransferImage(session, source, destination));
+    const auto destination = createBuffer(biplanar, width, height);
+    ASSERT_EQ(noErr, transfer(wrapped(picture), destination));
     size_t wrong = 0;
     for (size_t y = 0; y < height; ++y) {
       for (size_t x = 0; x < width; ++x) {
-        wrong += at(destination, 0, x, y) != picture.at(0, x, y) ? 1 : 0;
-        wrong += at(destination, 1, x / 2 * 2, y / 2) != picture.at(1, x / 2, y / 2) ? 1 : 0;
-        wrong += at(destination, 1, x / 2 * 2 + 1, y / 2) != picture.at(2, x / 2, y / 2) ? 1 : 0;
+        wrong += at(destination, 0, x, y) != picture.at(0, x, y);
+        wrong += at(destination, 1, x / 2 * 2, y / 2) != picture.at(1, x / 2, y / 2);
+        wrong += at(destination, 1, x / 2 * 2 + 1, y / 2) != picture.at(2, x / 2, y / 2);
       }
     }
     EXPECT_EQ(0U, wrong) << width << " x " << height;
-    CVPixelBufferRelease(source);
-    CVPixelBufferRelease(destination);
   }
-  CFRelease(session);
 }
 
-TEST(PixelTransfer, CopiesWithinAFormatAndRefusesTheRest) {
-  VTPixelTransferSessionRef session = nullptr;
-  ASSERT_EQ(noErr, VTPixelTransferSessionCreate(nullptr, &session));
+TEST_F(PixelTransfer, CopiesWithinAFormatAndRefusesTheRest) {
   Picture picture(33, 17);
-  CVPixelBufferRef source = nullptr;
-  ASSERT_EQ(kCVReturnSuccess, picture.wrap(&source));
-  const CVPixelBufferRef copy = createBuffer(planar, 33, 17);
-  ASSERT_EQ(noErr, VTPixelTransferSessionTransferImage(session, source, copy));
+  const auto source = wrapped(picture);
+  const auto copy = createBuffer(planar, 33, 17);
+  ASSERT_EQ(noErr, transfer(source, copy));
   for (size_t plane = 0; plane < 3; ++plane) {
     EXPECT_EQ(picture.at(plane, picture.widths[plane] - 1, picture.heights[plane] - 1),
               at(copy, plane, picture.widths[plane] - 1, picture.heights[plane] - 1));
   }
-  const auto status = [&](OSType format, size_t width, size_t height) {
-    const CVPixelBufferRef destination = createBuffer(format, width, height);
-    const OSStatus answer = VTPixelTransferSessionTransferImage(session, source, destination);
-    CVPixelBufferRelease(destination);
-    return answer;
-  };
-  EXPECT_EQ(kVTPixelTransferNotSupportedErr, status(bgra, 33, 17));
-  EXPECT_EQ(kVTPixelTransferNotSupportedErr, status(biplanar, 34, 17));
-  EXPECT_EQ(kVTParameterErr, VTPixelTransferSessionTransferImage(session, source, nullptr));
-  VTPixelTransferSessionInvalidate(session);
-  EXPECT_EQ(kVTInvalidSessionErr, status(biplanar, 33, 17));
-  CVPixelBufferRelease(copy);
-  CVPixelBufferRelease(source);
-  CFRelease(session);
+  EXPECT_EQ(kVTPixelTransferNotSupportedErr, transfer(source, createBuffer(bgra, 33, 17)));
+  EXPECT_EQ(kVTPixelTransferNotSupportedErr, transfer(source, createBuffer(biplanar, 34, 17)));
+  EXPECT_EQ(kVTParameterErr, transfer(source, {}));
+  VTPixelTransferSessionInvalidate(session_);
+  EXPECT_EQ(kVTInvalidSessionErr, transfer(source, createBuffer(biplanar, 33, 17)));
 }
 
 }  // namespace

@@ -1,15 +1,14 @@
 // One surface in one process: creation, and what is refused on the way in.
-#include "Surfaces.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
-#include <thread>
+
+#include "surfaces.h"
+#include "waiting.h"
 
 namespace {
 
@@ -25,41 +24,49 @@ int memory(off_t size, int seals) {
   return descriptor;
 }
 
+using Message = Ref<xpc_object_t>;
+
 // The message of a well-formed '420v' surface of 64 by 32; its descriptor is closed.
-xpc_object_t message(int descriptor) {
+Message message(int descriptor) {
   const xpc_object_t object = xpc_dictionary_create(nullptr, nullptr, 0);
   xpc_dictionary_set_fd(object, "memory", descriptor);
   close(descriptor);
-  xpc_dictionary_set_uint64(object, "format", biplanar);
-  xpc_dictionary_set_uint64(object, "width", 64);
-  xpc_dictionary_set_uint64(object, "height", 32);
-  xpc_dictionary_set_uint64(object, "offset0", 4096);
-  xpc_dictionary_set_uint64(object, "stride0", 64);
-  xpc_dictionary_set_uint64(object, "offset1", 4096 + 64 * 32);
-  xpc_dictionary_set_uint64(object, "stride1", 64);
-  return object;
+  for (const auto& [key, value] : std::map<const char*, uint64_t>{{"format", biplanar},
+                                                                  {"width", 64},
+                                                                  {"height", 32},
+                                                                  {"offset0", 4096},
+                                                                  {"stride0", 64},
+                                                                  {"offset1", 4096 + 64 * 32},
+                                                                  {"stride1", 64}}) {
+    xpc_dictionary_set_uint64(object, key, value);
+  }
+  return Message::adopt(object);
 }
 constexpr off_t exactSize = 4096 + 64 * 32 + 64 * 16;
 
-bool accepted(xpc_object_t object) {
-  const IOSurfaceRef surface = IOSurfaceLookupFromXPCObject(object);
-  if (surface != nullptr) CFRelease(surface);
-  xpc_release(object);
-  return surface != nullptr;
+Message sound() {
+  return message(memory(exactSize, allSeals));
+}
+
+Ref<IOSurfaceRef> lookUp(const Message& object) {
+  return Ref<IOSurfaceRef>::adopt(IOSurfaceLookupFromXPCObject(object.get()));
+}
+bool accepted(const Message& object) {
+  return static_cast<bool>(lookUp(object));
 }
 
 TEST(Surface, LaysOutEveryFormatAndOddSizes) {
-  const IOSurfaceRef packed = createSurface(bgra, 33, 3);
-  ASSERT_NE(nullptr, packed);
-  EXPECT_EQ(0U, IOSurfaceGetPlaneCount(packed));
-  EXPECT_EQ(192U, IOSurfaceGetBytesPerRow(packed));
-  EXPECT_EQ(nullptr, IOSurfaceGetBaseAddressOfPlane(packed, 0));
-  std::memset(IOSurfaceGetBaseAddress(packed), 1, 3 * IOSurfaceGetBytesPerRow(packed));
-  CFRelease(packed);
+  const auto packed = createSurface(bgra, 33, 3);
+  ASSERT_TRUE(packed);
+  EXPECT_EQ(0U, IOSurfaceGetPlaneCount(packed.get()));
+  EXPECT_EQ(192U, IOSurfaceGetBytesPerRow(packed.get()));
+  EXPECT_EQ(nullptr, IOSurfaceGetBaseAddressOfPlane(packed.get(), 0));
+  std::memset(IOSurfaceGetBaseAddress(packed.get()), 1, 3 * IOSurfaceGetBytesPerRow(packed.get()));
 
   for (const OSType format : {planar, biplanar}) {
-    const IOSurfaceRef surface = createSurface(format, 35, 7);
-    ASSERT_NE(nullptr, surface);
+    const auto made = createSurface(format, 35, 7);
+    ASSERT_TRUE(made);
+    const IOSurfaceRef surface = made.get();
     const size_t planes = IOSurfaceGetPlaneCount(surface);
     EXPECT_EQ(format == planar ? 3U : 2U, planes);
     const auto* end = static_cast<const uint8_t*>(IOSurfaceGetBaseAddress(surface));
@@ -72,44 +79,39 @@ TEST(Surface, LaysOutEveryFormatAndOddSizes) {
       std::memset(IOSurfaceGetBaseAddressOfPlane(surface, plane), 1, size);
       end += size;
     }
-    CFRelease(surface);
   }
 }
 
 TEST(Surface, RefusesImpossibleProperties) {
-  EXPECT_EQ(nullptr, createSurface(bgra, 0, 3));
-  EXPECT_EQ(nullptr, createSurface(bgra, 3, -1));
-  EXPECT_EQ(nullptr, createSurface(bgra, 3, 16385));
-  EXPECT_EQ(nullptr, createSurface(0x20202020, 3, 3));
-  const CFMutableDictionaryRef properties =
+  EXPECT_FALSE(createSurface(bgra, 0, 3));
+  EXPECT_FALSE(createSurface(bgra, 3, -1));
+  EXPECT_FALSE(createSurface(bgra, 3, 16385));
+  EXPECT_FALSE(createSurface(0x20202020, 3, 3));
+  const auto properties =
       createNumbers({{kIOSurfaceWidth, 4}, {kIOSurfaceHeight, 4}, {kIOSurfaceBytesPerElement, 3}});
-  EXPECT_EQ(nullptr, IOSurfaceCreate(properties));
-  CFRelease(properties);
+  EXPECT_EQ(nullptr, IOSurfaceCreate(properties.get()));
 }
 
 TEST(ReceivedSurface, AcceptsWhatIsSoundAndMapsItOnce) {
-  const xpc_object_t object = message(memory(exactSize, allSeals));
-  const IOSurfaceRef surface = IOSurfaceLookupFromXPCObject(object);
-  ASSERT_NE(nullptr, surface);
-  EXPECT_EQ(1, CFGetRetainCount(surface) - 1);  // the other reference is the table's of surfaces received
-  const void* const pixels = IOSurfaceGetBaseAddress(surface);
-  EXPECT_EQ(surface, IOSurfaceLookupFromXPCObject(object));
-  CFRelease(surface);
-  CFRelease(surface);
+  const auto object = sound();
+  auto surface = lookUp(object);
+  ASSERT_TRUE(surface);
+  EXPECT_EQ(1, CFGetRetainCount(surface.get()) - 1);  // the other is the table's of surfaces received
+  const void* const pixels = IOSurfaceGetBaseAddress(surface.get());
+  EXPECT_EQ(surface.get(), lookUp(object).get());
+  surface = {};
   const size_t mapped = mappedSurfaces();
-  const IOSurfaceRef again = IOSurfaceLookupFromXPCObject(object);
-  EXPECT_EQ(pixels, IOSurfaceGetBaseAddress(again));
+  const auto again = lookUp(object);
+  EXPECT_EQ(pixels, IOSurfaceGetBaseAddress(again.get()));
   EXPECT_EQ(mapped, mappedSurfaces());
 
   // The same memory told to be something else.
-  xpc_dictionary_set_uint64(object, "width", 62);
-  EXPECT_EQ(nullptr, IOSurfaceLookupFromXPCObject(object));
-  CFRelease(again);
-  xpc_release(object);
+  xpc_dictionary_set_uint64(object.get(), "width", 62);
+  EXPECT_FALSE(accepted(object));
 }
 
 TEST(ReceivedSurface, RefusesUnsoundDescriptors) {
-  EXPECT_TRUE(accepted(message(memory(exactSize, allSeals))));
+  EXPECT_TRUE(accepted(sound()));
   EXPECT_FALSE(accepted(message(memory(exactSize - 1, allSeals)))) << "too small by a byte";
   EXPECT_FALSE(accepted(message(memory(0, allSeals))));
   EXPECT_FALSE(accepted(message(memory(off_t{1} << 40, allSeals)))) << "a terabyte";
@@ -124,8 +126,8 @@ TEST(ReceivedSurface, RefusesUnsoundDescriptors) {
 
 TEST(ReceivedSurface, RefusesUnsoundGeometry) {
   const auto spoiled = [](const char* key, uint64_t value) {
-    const xpc_object_t object = message(memory(exactSize, allSeals));
-    xpc_dictionary_set_uint64(object, key, value);
+    const auto object = sound();
+    xpc_dictionary_set_uint64(object.get(), key, value);
     return accepted(object);
   };
   for (const char* key : {"format", "width", "height", "offset0", "stride0", "offset1", "stride1"}) {
@@ -133,12 +135,11 @@ TEST(ReceivedSurface, RefusesUnsoundGeometry) {
                                  UINT64_MAX - 4095, UINT64_MAX}) {
       EXPECT_FALSE(spoiled(key, value)) << key << " " << value;
     }
-    const xpc_object_t missing = message(memory(exactSize, allSeals));
-    xpc_dictionary_set_value(missing, key, nullptr);
-    EXPECT_FALSE(accepted(missing)) << "without " << key;
-    const xpc_object_t text = message(memory(exactSize, allSeals));
-    xpc_dictionary_set_string(text, key, "64");
-    EXPECT_FALSE(accepted(text)) << key << " as a text";
+    const auto object = sound();
+    xpc_dictionary_set_string(object.get(), key, "64");
+    EXPECT_FALSE(accepted(object)) << key << " as a text";
+    xpc_dictionary_set_value(object.get(), key, nullptr);
+    EXPECT_FALSE(accepted(object)) << "without " << key;
   }
   EXPECT_FALSE(spoiled("offset0", 4095)) << "among the use counts";
   EXPECT_FALSE(spoiled("stride0", 63)) << "rows too short";
@@ -146,9 +147,9 @@ TEST(ReceivedSurface, RefusesUnsoundGeometry) {
   EXPECT_FALSE(spoiled("offset1", 4096)) << "one plane on the other";
   EXPECT_FALSE(spoiled("offset1", 4096 + 64 * 32 + 1)) << "a plane that reaches beyond the end";
   EXPECT_FALSE(spoiled("format", planar)) << "a third plane that is not told of";
-  EXPECT_FALSE(accepted(xpc_dictionary_create(nullptr, nullptr, 0)));
-  EXPECT_FALSE(accepted(xpc_string_create("surface")));
-  EXPECT_EQ(nullptr, IOSurfaceLookupFromXPCObject(nullptr));
+  EXPECT_FALSE(accepted(Message::adopt(xpc_dictionary_create(nullptr, nullptr, 0))));
+  EXPECT_FALSE(accepted(Message::adopt(xpc_string_create("surface"))));
+  EXPECT_FALSE(accepted({}));
 }
 
 TEST(ReceivedSurface, RefusesOneWhoseUseCannotBeCounted) {
@@ -156,8 +157,7 @@ TEST(ReceivedSurface, RefusesOneWhoseUseCannotBeCounted) {
   struct flock all {};
   all.l_type = F_WRLCK;
   ASSERT_EQ(0, fcntl(descriptor, F_OFD_SETLK, &all));
-  const int copy = dup(descriptor);
-  EXPECT_FALSE(accepted(message(copy)));
+  EXPECT_FALSE(accepted(message(dup(descriptor))));
   all.l_type = F_UNLCK;
   ASSERT_EQ(0, fcntl(descriptor, F_OFD_SETLK, &all));
   EXPECT_TRUE(accepted(message(descriptor)));
@@ -165,19 +165,12 @@ TEST(ReceivedSurface, RefusesOneWhoseUseCannotBeCounted) {
 
 TEST(ReceivedSurface, MappingsOfSurfacesThatNobodyHoldsAreBoundedAndEnd) {
   const size_t before = mappedSurfaces();
-  const xpc_object_t kept = message(memory(exactSize, allSeals));
-  const IOSurfaceRef held = IOSurfaceLookupFromXPCObject(kept);
-  for (int i = 0; i < 200; ++i) EXPECT_TRUE(accepted(message(memory(exactSize, allSeals))));
+  const auto kept = sound();
+  const auto held = lookUp(kept);
+  for (int i = 0; i < 200; ++i) EXPECT_TRUE(accepted(sound()));
   EXPECT_LE(mappedSurfaces(), before + 66);
-
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (mappedSurfaces() > 1 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  EXPECT_EQ(1U, mappedSurfaces());
-  std::memset(IOSurfaceGetBaseAddress(held), 1, 64);
-  CFRelease(held);
-  xpc_release(kept);
+  EXPECT_TRUE(eventually([] { return mappedSurfaces() == 1; }));
+  std::memset(IOSurfaceGetBaseAddress(held.get()), 1, 64);
 }
 
 }  // namespace
