@@ -5,10 +5,9 @@
 #include <IOSurface/IOSurface.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <nlohmann/json.hpp>
 
-#include <filesystem>
-#include <thread>
+#include <optional>
 
 #include "scripted_sdk.h"
 #include "service/commands.h"
@@ -16,10 +15,10 @@
 #include "session/guest_session.h"
 #include "streams/guest_session_stream.h"
 #include "studio_peer.h"
+#include "surfaces.h"
 
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
@@ -31,24 +30,19 @@ constexpr char kName[] = "host-link-test";
 class HostLink : public testing::Environment {
  public:
   void SetUp() override {
-    char folder[] = "/tmp/host-link-XXXXXX";
-    folder_ = mkdtemp(folder);
-    setenv("XDG_RUNTIME_DIR", folder, 1);
-    listener_ = xpc_connection_create_mach_service(kName, nullptr, XPC_CONNECTION_MACH_SERVICE_LISTENER);
-    xpc_connection_set_event_handler(listener_, [](xpc_object_t peer) {
-      if (xpc_get_type(peer) == XPC_TYPE_CONNECTION) acceptConnection(static_cast<xpc_connection_t>(peer));
+    folder_.emplace();
+    listener_.emplace(listener(kName), [](xpc_object_t peer) {
+      if (xpc_get_type(peer) == XPC_TYPE_CONNECTION) acceptConnection(asConnection(peer));
     });
-    xpc_connection_resume(listener_);
   }
   void TearDown() override {
-    xpc_connection_cancel(listener_);
-    xpc_release(listener_);
-    std::filesystem::remove_all(folder_);
+    listener_.reset();
+    folder_.reset();
   }
 
  private:
-  std::string folder_;
-  xpc_connection_t listener_ = nullptr;
+  std::optional<TemporaryFolder> folder_;
+  std::optional<Connection> listener_;
 };
 
 [[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new HostLink);
@@ -70,15 +64,10 @@ class HostLinkTest : public testing::Test {
     EXPECT_TRUE(waitUntilSilent());
   }
   static bool waitUntilSilent() {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (appConn.load() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    return !appConn.load();
-  }
-  void init(StudioPeer& peer) {
-    ASSERT_EQ(peer.ask({{"Init", ""}, {"sessionId", "room"}, {"token", "t"}}), "world");
+    return eventually([] { return !appConn.load(); });
   }
   void init() {
-    init(*studio);
+    ASSERT_EQ(studio->ask({{"Init", ""}, {"sessionId", "room"}, {"token", "t"}}), "world");
     sdk.forgetCalls();
   }
   void admit(const char* id) {
@@ -86,14 +75,15 @@ class HostLinkTest : public testing::Test {
     studio->ask({{"StartBroadcast", ""}, {"ID", id}});
     sdk.forgetCalls();
   }
-  void deliverFrame(const char* id, int64_t timestamp = 0) {
+  void deliverFrame(int64_t timestamp = 0) {
     PlanarFrame picture(64, 48, 100, 90, 200);
     picture.frame.timestamp = timestamp;
-    otc_subscriber* subscriber = sdk.subscriber(id);
-    subscriber->callbacks.on_render_frame(subscriber, subscriber->callbacks.user_data, &picture.frame);
+    sdk.renderFrame("cam", picture.frame);
   }
-  static std::string text(const Ref<xpc_object_t>& message, const char* key) {
-    const char* value = xpc_dictionary_get_string(message.get(), key);
+  // The number of the next frame at the studio.
+  int64_t nextNumber() { return xpc_dictionary_get_int64(studio->next("surface"), "num"); }
+  static std::string text(const Object& message, const char* key) {
+    const char* value = xpc_dictionary_get_string(message, key);
     return value ? value : "none";
   }
 
@@ -110,9 +100,9 @@ TEST_F(HostLinkTest, BeforeInitEveryCommandIsAnsweredAndIgnored) {
   }
   EXPECT_EQ(studio->ask({{"Init", ""}, {"sessionId", "room"}}), "world");
   EXPECT_EQ(studio->ask({{"Init", ""}, {"token", "t"}}), "world");
-  const auto wrongType = StudioPeer::message({{"Init", ""}, {"token", "t"}});
-  xpc_dictionary_set_int64(wrongType.get(), "sessionId", 7);
-  EXPECT_EQ(studio->ask(wrongType.get()), "world");
+  const Object wrongType = message({{"Init", ""}, {"token", "t"}});
+  xpc_dictionary_set_int64(wrongType, "sessionId", 7);
+  EXPECT_EQ(studio->ask(wrongType), "world");
   EXPECT_THAT(sdk.calls(), IsEmpty());
   EXPECT_FALSE(appConn.load());
 }
@@ -136,34 +126,49 @@ TEST_F(HostLinkTest, CommandsReachTheSessionWithTheirArguments) {
   EXPECT_THAT(sdk.calls(), Contains("otc_session_publish session publisher"));
   EXPECT_THAT(sdk.calls(), Contains("otc_session_subscribe subscriber:cam"));
 
-  const auto signalFor = [&](const std::vector<StudioPeer::Entry>& entries) {
+  // What a command sends to the guests: a signal's type and its JSON, or nothing.
+  const auto sent = [&](const StudioPeer::Entries& command) {
     sdk.forgetCalls();
-    studio->ask(entries);
+    studio->ask(command);
     const auto calls = sdk.calls();
-    return calls.empty() ? std::string() : calls.back();
+    const std::string prefix = "otc_session_send_signal session ";
+    return calls.empty() ? std::string() : calls.back().substr(prefix.size());
   };
-  EXPECT_THAT(signalFor({{"LiveStatus", "yes"}, {"RecordOnly", "YES"}}),
-              testing::AllOf(HasSubstr("\"broadcastIsLive\": true"), HasSubstr("\"recordOnly\": false")));
-  EXPECT_THAT(signalFor({{"SetOffAirAudio", "yes"}}), HasSubstr("\"offAirAudio\": true"));
-  EXPECT_THAT(signalFor({{"SetOffAirAudio", "Yes"}}), HasSubstr("\"offAirAudio\": false"));
-  EXPECT_THAT(signalFor({{"GreenroomStatus", "no"}, {"ID", "cam"}}), HasSubstr("\"on\": true"));
-  EXPECT_THAT(signalFor({{"RemoteMute", "yes"}, {"ID", "cam"}}), HasSubstr("\"remoteMuted\": true"));
-  EXPECT_THAT(signalFor({{"ViewerCount", "twelve"}}), HasSubstr("\"viewer_count\": \"twelve\""));
-  EXPECT_THAT(signalFor({{"CommentName", "n"}, {"CommentText", "t"}, {"CommentUUID", "u"}}),
-              StartsWith("otc_session_send_signal session comment"));
-  EXPECT_THAT(signalFor({{"FavUUID", "u"}, {"FavState", "s"}}),
-              StartsWith("otc_session_send_signal session fav"));
-  EXPECT_THAT(signalFor({{"ChatName", "n"}, {"ChatText", "t"}, {"ChatUUID", "u"}}),
-              StartsWith("otc_session_send_signal session chat"));
-  EXPECT_EQ(signalFor({{"PrefUpdate", "p"}}), "otc_session_send_signal session prefUpdate p");
-
-  EXPECT_EQ(signalFor({{"GreenroomStatus", "yes"}}), "");
-  EXPECT_EQ(signalFor({{"RemoteMute", "yes"}}), "");
-  EXPECT_EQ(signalFor({{"StopBroadcast", ""}}), "");
-  EXPECT_EQ(signalFor({{"CommentName", "n"}, {"CommentText", "t"}}), "");
-  EXPECT_EQ(signalFor({{"FavUUID", "u"}}), "");
-  EXPECT_EQ(signalFor({{"ChatName", "n"}, {"ChatUUID", "u"}}), "");
-  EXPECT_EQ(signalFor({{"VideoFrame", "no surface"}, {"Init", ""}, {"sessionId", "x"}, {"token", "y"}}), "");
+  const auto json = [](const std::string& signal) {
+    return nlohmann::json::parse(signal.substr(signal.find(' ')), nullptr, false);
+  };
+  const auto settings = json(sent({{"LiveStatus", "yes"}, {"RecordOnly", "YES"}}));
+  EXPECT_EQ(settings["broadcastIsLive"], true);
+  EXPECT_EQ(settings["recordOnly"], false);
+  const auto sub = [&](const char* key, const char* value) {
+    return json(sent({{key, value}, {"ID", "cam"}}))["subs"][0];
+  };
+  EXPECT_EQ(sub("SetOffAirAudio", "yes")["offAirAudio"], true);
+  EXPECT_EQ(sub("SetOffAirAudio", "Yes")["offAirAudio"], false);
+  EXPECT_EQ(sub("GreenroomStatus", "no")["on"], true);
+  EXPECT_EQ(sub("RemoteMute", "yes")["remoteMuted"], true);
+  EXPECT_EQ(sent({{"PrefUpdate", "{not parsed"}}), "prefUpdate {not parsed");
+  const auto expectTalk = [&](const StudioPeer::Entries& command, const std::string& type,
+                              const nlohmann::json& data) {
+    const std::string signal = sent(command);
+    EXPECT_THAT(signal, StartsWith(type + " "));
+    EXPECT_EQ(json(signal), data);
+  };
+  expectTalk({{"ViewerCount", "twelve"}}, "viewer_count", {{"viewer_count", "twelve"}});
+  expectTalk({{"CommentName", "Zoë"}, {"CommentText", "a \"text\""}, {"CommentUUID", "u"}}, "comment",
+             {{"name", "Zoë"}, {"text", "a \"text\""}, {"uuid", "u"}});
+  expectTalk({{"FavUUID", "u"}, {"FavState", "s"}}, "fav", {{"uuid", "u"}, {"state", "s"}});
+  expectTalk({{"ChatName", "n"}, {"ChatText", "t"}, {"ChatUUID", "u"}}, "chat",
+             {{"name", "n"}, {"text", "t"}, {"uuid", "u"}});
+  const StudioPeer::Entries incomplete[] = {
+      {{"GreenroomStatus", "yes"}},
+      {{"RemoteMute", "yes"}},
+      {{"StopBroadcast", ""}},
+      {{"FavUUID", "u"}},
+      {{"CommentName", "n"}, {"CommentText", "t"}},
+      {{"ChatName", "n"}, {"ChatUUID", "u"}},
+      {{"VideoFrame", "no surface"}, {"Init", ""}, {"sessionId", "x"}, {"token", "y"}}};
+  for (const auto& command : incomplete) EXPECT_EQ(sent(command), "") << command.begin()->first;
 
   studio->ask({{"Stop", ""}});
   EXPECT_THAT(sdk.calls(), ElementsAre("otc_session_unpublish", "otc_session_delete room"));
@@ -174,10 +179,10 @@ TEST_F(HostLinkTest, TheShowsMediaAreHandedOverInPlace) {
   admit("cam");
   sdk.audioDevice.start_capturer(nullptr, sdk.audioDevice.user_data);
   const auto sound = [&](const std::vector<int16_t>& samples, size_t bytes) {
-    const auto message = StudioPeer::message({});
-    xpc_dictionary_set_data(message.get(), "AudioData", samples.data(), bytes);
+    const auto message = Object(xpc_dictionary_create_empty());
+    xpc_dictionary_set_data(message, "AudioData", samples.data(), bytes);
     sdk.forgetCalls();
-    studio->ask(message.get());
+    studio->ask(message);
     return sdk.calls();
   };
   const std::vector<int16_t> samples = {1, 2, 3, 4};
@@ -185,27 +190,12 @@ TEST_F(HostLinkTest, TheShowsMediaAreHandedOverInPlace) {
   EXPECT_THAT(sound(samples, 3), Contains("otc_audio_device_write_capture_data 0"));
   EXPECT_THAT(sound(samples, 0), IsEmpty());
 
-  const auto& capturer = sdk.publishers.back()->settings.capturer;
-  capturer.init(reinterpret_cast<otc_video_capturer*>(1), capturer.user_data);
-  capturer.start(reinterpret_cast<otc_video_capturer*>(1), capturer.user_data);
-  const auto newDictionary = [] {
-    return Ref<CFMutableDictionaryRef>::adopt(CFDictionaryCreateMutable(
-        kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
-  };
-  const auto surfaceProperties = newDictionary();
-  const auto attributes = newDictionary();
-  CFDictionarySetValue(attributes.get(), kCVPixelBufferIOSurfacePropertiesKey, surfaceProperties.get());
-  CVPixelBufferRef created = nullptr;
-  ASSERT_EQ(
-      CVPixelBufferCreate(kCFAllocatorDefault, 64, 48, kCVPixelFormatType_32BGRA, attributes.get(), &created),
-      kCVReturnSuccess);
-  const auto buffer = Ref<CVPixelBufferRef>::adopt(created);
-  const auto surface =
-      Ref<xpc_object_t>::adopt(IOSurfaceCreateXPCObject(CVPixelBufferGetIOSurface(buffer.get())));
-  const auto message = StudioPeer::message({});
-  xpc_dictionary_set_value(message.get(), "VideoFrame", surface.get());
+  sdk.startCapturer();
+  const auto picture = createSurface(kCVPixelFormatType_32BGRA, 64, 48);
+  const auto message = Object(xpc_dictionary_create_empty());
+  xpc_dictionary_set_value(message, "VideoFrame", Object(IOSurfaceCreateXPCObject(picture.get())));
   sdk.forgetCalls();
-  EXPECT_EQ(studio->ask(message.get()), "world");
+  EXPECT_EQ(studio->ask(message), "world");
   EXPECT_THAT(sdk.calls(), ElementsAre("otc_video_frame_new_contiguous_memory_wrapper 6 64x48 shallow",
                                        "otc_video_capturer_provide_frame 0", "otc_video_frame_delete"));
   const auto& frame = sdk.providedFrames.at(0);
@@ -219,34 +209,29 @@ TEST_F(HostLinkTest, ReportsCarryTheirKeys) {
   EXPECT_EQ(text(ring, "ring"), "scr");
   EXPECT_EQ(text(ring, "name"), "Guest - Ann");
   EXPECT_EQ(text(ring, "sessionId"), "room");
-  EXPECT_TRUE(xpc_dictionary_get_bool(ring.get(), "screenShare"));
+  EXPECT_TRUE(xpc_dictionary_get_bool(ring, "screenShare"));
 
   const otc_stream stream = {"scr", "Guest - Ann", OTC_STREAM_VIDEO_TYPE_SCREEN};
   auto* joined = sdk.session();
   joined->callbacks.on_stream_has_audio_changed(joined, joined->callbacks.user_data, &stream, OTC_TRUE);
   const auto audio = studio->next("sessionHasAudioChanged");
-  EXPECT_TRUE(xpc_dictionary_get_bool(audio.get(), "hasAudio"));
+  EXPECT_TRUE(xpc_dictionary_get_bool(audio, "hasAudio"));
   EXPECT_EQ(text(audio, "sessionHasAudioChanged"), "room");
 
-  const auto signal = [&](const char* type, const char* data) {
-    joined->callbacks.on_signal_received(joined, joined->callbacks.user_data, type, data, nullptr);
-  };
-  signal("chat", R"({"text": "hello", "uuid": "u"})");
+  sdk.sendSignal("chat", R"({"text": "hello", "uuid": "u"})");
   const auto chat = studio->next("message");
   EXPECT_EQ(text(chat, "message"), "hello");
   EXPECT_EQ(text(chat, "name"), "none") << "a name that is missing stays out";
   EXPECT_EQ(text(chat, "uuid"), "u");
-  signal("fav", R"({"uuid": "u", "state": "on"})");
+  sdk.sendSignal("fav", R"({"uuid": "u", "state": "on"})");
   EXPECT_EQ(text(studio->next("state"), "uuid"), "u");
 
   int16_t samples[] = {5, 6};
-  const otc_audio_data block = {samples, 16, 48000, 2, 1};
   sdk.receiveStream({"cam", "Guest - Bob"});
-  otc_subscriber* subscriber = sdk.subscriber("cam");
-  subscriber->callbacks.on_audio_data(subscriber, subscriber->callbacks.user_data, &block);
+  sdk.deliverSound("cam", samples);
   const auto sound = studio->next("sound");
   size_t length = 0;
-  const void* bytes = xpc_dictionary_get_data(sound.get(), "sound", &length);
+  const void* bytes = xpc_dictionary_get_data(sound, "sound", &length);
   ASSERT_EQ(length, 4u);
   EXPECT_EQ(memcmp(bytes, samples, 4), 0);
 
@@ -268,59 +253,55 @@ TEST_F(HostLinkTest, AtMostTwoFramesAwaitTheStudiosAnswer) {
   init();
   admit("cam");
   studio->setAnswering(false);
-  for (int i = 0; i < 3; i++) deliverFrame("cam", 1000 + i);
+  for (int i = 0; i < 3; i++) deliverFrame(1000 + i);
   const auto first = studio->next("surface");
-  const auto number = xpc_dictionary_get_int64(first.get(), "num");
-  EXPECT_EQ(xpc_dictionary_get_int64(first.get(), "timestamp"), 1000);
+  const auto number = xpc_dictionary_get_int64(first, "num");
+  EXPECT_EQ(xpc_dictionary_get_int64(first, "timestamp"), 1000);
   EXPECT_EQ(text(first, "id"), "cam");
   EXPECT_EQ(text(first, "name"), "Guest - Ann");
-  const auto surface = Ref<IOSurfaceRef>::adopt(
-      IOSurfaceLookupFromXPCObject(xpc_dictionary_get_value(first.get(), "surface")));
+  const auto surface =
+      Ref<IOSurfaceRef>::adopt(IOSurfaceLookupFromXPCObject(xpc_dictionary_get_value(first, "surface")));
   ASSERT_TRUE(surface);
   IOSurfaceLock(surface.get(), kIOSurfaceLockReadOnly, nullptr);
   EXPECT_EQ(*static_cast<const uint8_t*>(IOSurfaceGetBaseAddressOfPlane(surface.get(), 0)), 100);
   IOSurfaceUnlock(surface.get(), kIOSurfaceLockReadOnly, nullptr);
-  EXPECT_EQ(xpc_dictionary_get_int64(studio->next("surface").get(), "num"), number + 1);
+  EXPECT_EQ(nextNumber(), number + 1);
   EXPECT_TRUE(studio->waitForLog("too many pixelbuffers queued for guest"));
 
   studio->setAnswering(true);
   studio->ask({{"There", ""}});  // the answers have arrived before this one
-  deliverFrame("cam");
-  EXPECT_EQ(xpc_dictionary_get_int64(studio->next("surface").get(), "num"), number + 3);
+  deliverFrame();
+  EXPECT_EQ(nextNumber(), number + 3);
 }
 
 TEST_F(HostLinkTest, AnyConnectionsErrorSilencesTheServiceUntilTheNextInit) {
   init();
   admit("cam");
-  deliverFrame("cam");
-  const auto number = xpc_dictionary_get_int64(studio->next("surface").get(), "num");
+  deliverFrame();
+  const auto number = nextNumber();
   {
     StudioPeer other(kName);
     other.ask({{"There", ""}});
   }
   EXPECT_TRUE(waitUntilSilent());
-  deliverFrame("cam");
-  init(*studio);
+  deliverFrame();
+  init();
   sdk.receiveStream({"cam", "Guest - Ann"});
-  deliverFrame("cam");
-  EXPECT_EQ(xpc_dictionary_get_int64(studio->next("surface").get(), "num"), number + 2) << "one was dropped";
+  deliverFrame();
+  EXPECT_EQ(nextNumber(), number + 2) << "one was dropped";
 }
 
 TEST_F(HostLinkTest, ManyInitsAndStopsLeakNoDescriptor) {
   init();
-  const auto openFiles = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
-  };
-  const auto before = openFiles();
+  const auto before = openDescriptors();
   for (int i = 0; i < 100; i++) {
     init();
     admit("cam");
-    deliverFrame("cam");
+    deliverFrame();
     ASSERT_TRUE(studio->next("surface"));
     studio->ask({{"Stop", ""}});
   }
-  EXPECT_LE(openFiles(), before + 8);
+  EXPECT_LE(openDescriptors(), before + 8);
 }
 
 }  // namespace

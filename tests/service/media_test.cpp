@@ -31,10 +31,10 @@ TEST_F(SessionTest, AFrameArrivesAsABiPlanarSurfaceOfItsSize) {
   for (const auto& [width, height] : {std::pair(64, 48), {64, 48}, {641, 359}, {1, 1}}) {
     PlanarFrame picture(width, height, 100, 90, 200);
     picture.frame.timestamp = 77;
-    deliver("cam", picture.frame);
+    sdk.renderFrame("cam", picture.frame);
     EXPECT_THAT(delegate.takeReports(), ElementsAre("frame Guest - Ann cam 77 " + std::to_string(width) +
                                                     "x" + std::to_string(height)));
-    const auto buffer = delegate.lastFrame();
+    const auto buffer = delegate.lastFrame;
     EXPECT_EQ(CVPixelBufferGetPixelFormatType(buffer.get()), kBiPlanar);
     EXPECT_NE(CVPixelBufferGetIOSurface(buffer.get()), nullptr);
     EXPECT_THAT(firstPixels(buffer.get()), ElementsAre(100, 90, 200));
@@ -45,14 +45,14 @@ TEST_F(SessionTest, AFrameThatCannotBeUsedIsLoggedAndDropped) {
   admit("cam");
   PlanarFrame picture(64, 48);
   picture.frame.format = 2;
-  deliver("cam", picture.frame);
+  sdk.renderFrame("cam", picture.frame);
   EXPECT_THAT(delegate.takeLog(), ElementsAre("on_render_frame 2 which we don't deal with."));
   EXPECT_THAT(delegate.takeReports(), IsEmpty());
 
   // What cannot be wrapped goes on without a picture: the guest rings.
   picture.frame.format = OTC_VIDEO_FRAME_FORMAT_YUV420P;
   picture.frame.width = 0;
-  deliver("cam", picture.frame);
+  sdk.renderFrame("cam", picture.frame);
   EXPECT_THAT(delegate.takeReports(), ElementsAre("ring Guest - Ann cam camera"));
 
   picture.frame.width = 64;
@@ -100,83 +100,67 @@ TEST_F(SessionTest, AGuestsSoundReachesTheStudioAndAScreenSharesDoesNot) {
   receive("scr", "Guest - Ann", OTC_STREAM_VIDEO_TYPE_SCREEN);
   forget();
   int16_t samples[] = {3, -4, 32767, 32767, 1, 2, -1, -2};
-  otc_audio_data audio = {samples, 16, 48000, 2, 4};
-  const auto hear = [&](const char* id, const otc_audio_data* data) {
-    otc_subscriber* subscriber = sdk.subscriber(id);
-    subscriber->callbacks.on_audio_data(subscriber, subscriber->callbacks.user_data, data);
-  };
-  hear("scr", &audio);
-  hear("cam", nullptr);
+  sdk.deliverSound("scr", samples);
+  const auto& callbacks = sdk.subscriber("cam")->callbacks;
+  callbacks.on_audio_data(nullptr, callbacks.user_data, nullptr);
   EXPECT_THAT(delegate.takeReports(), IsEmpty());
-  hear("cam", &audio);
+  sdk.deliverSound("cam", samples);
   EXPECT_THAT(delegate.takeReports(), ElementsAre("sound 16 room"));
-  EXPECT_THAT(delegate.lastSound(), ElementsAre(3, -4, 32767, 32767, 1, 2, -1, -2));
+  EXPECT_THAT(delegate.lastSound, ElementsAre(3, -4, 32767, 32767, 1, 2, -1, -2));
 
   session->monoGuest = true;
-  hear("cam", &audio);
-  EXPECT_THAT(delegate.lastSound(), ElementsAre(0, 0, 32767, 32767, 1, 1, -1, -1));
-  audio.number_of_samples = 0;
-  delegate.takeReports();
-  hear("cam", &audio);
-  EXPECT_THAT(delegate.takeReports(), ElementsAre("sound 0 room"));
+  sdk.deliverSound("cam", samples);
+  EXPECT_THAT(delegate.lastSound, ElementsAre(0, 0, 32767, 32767, 1, 1, -1, -1));
+  sdk.deliverSound("cam", {});
+  EXPECT_THAT(delegate.takeReports(), ElementsAre("sound 16 room", "sound 0 room"));
 }
 
-class OutgoingTest : public SessionTest {
- protected:
-  static Ref<CVPixelBufferRef> newBuffer(OSType format) {
-    CVPixelBufferRef buffer = nullptr;
-    EXPECT_EQ(CVPixelBufferCreate(kCFAllocatorDefault, 64, 48, format, nullptr, &buffer), kCVReturnSuccess);
-    return Ref<CVPixelBufferRef>::adopt(buffer);
-  }
-  void startCapturer() {
-    session->startPublishingToSession();
-    const auto& capturer = sdk.publishers.back()->settings.capturer;
-    capturer.init(reinterpret_cast<otc_video_capturer*>(1), capturer.user_data);
-    capturer.start(reinterpret_cast<otc_video_capturer*>(1), capturer.user_data);
-    forget();
-  }
-};
+Ref<CVPixelBufferRef> newBuffer(OSType format) {
+  CVPixelBufferRef buffer = nullptr;
+  EXPECT_EQ(CVPixelBufferCreate(kCFAllocatorDefault, 64, 48, format, nullptr, &buffer), kCVReturnSuccess);
+  return Ref<CVPixelBufferRef>::adopt(buffer);
+}
 
-TEST_F(OutgoingTest, FramesAreTakenOnlyWhileTheSdkWantsThem) {
+TEST_F(SessionTest, ShowFramesAreTakenOnlyWhileTheSdkWantsThem) {
   const auto buffer = newBuffer(kCVPixelFormatType_32BGRA);
   session->sendVideoFrame(buffer.get());
-  startCapturer();
+  session->startPublishingToSession();
+  sdk.startCapturer();
   sdk.publishers.back()->settings.capturer.stop(nullptr, session);
+  forget();
   session->sendVideoFrame(buffer.get());
   EXPECT_THAT(sdk.calls(), IsEmpty());
   EXPECT_THAT(delegate.takeLog(), IsEmpty());
 }
 
-TEST_F(OutgoingTest, ABgraFrameIsWrappedAndHeldUntilTheSdkLetsGo) {
-  startCapturer();
-  const auto buffer = newBuffer(kCVPixelFormatType_32BGRA);
-  const auto held = CFGetRetainCount(buffer.get());
+TEST_F(SessionTest, ABgraFrameIsHeldUntilTheSdkLetsGoAndAPlanarOneIsCopiedAtOnce) {
+  session->startPublishingToSession();
+  sdk.startCapturer();
+  forget();
+  const auto bgra = newBuffer(kCVPixelFormatType_32BGRA);
+  const auto held = CFGetRetainCount(bgra.get());
   sdk.answer("otc_video_capturer_provide_frame", 9);
-  session->sendVideoFrame(buffer.get());
+  session->sendVideoFrame(bgra.get());
   EXPECT_THAT(sdk.calls(), ElementsAre("otc_video_frame_new_contiguous_memory_wrapper 6 64x48 shallow",
                                        "otc_video_capturer_provide_frame 0", "otc_video_frame_delete"));
   EXPECT_THAT(delegate.takeLog(), ElementsAre("otc_video_capturer_provide_frame: 9"));
-  const otc_video_frame& frame = sdk.providedFrames.at(0);
-  EXPECT_GE(frame.size, 64u * 48 * 4);
-  EXPECT_GT(CFGetRetainCount(buffer.get()), held);
-  frame.release(frame.releaseArgument);
-  EXPECT_EQ(CFGetRetainCount(buffer.get()), held);
+  const otc_video_frame& wrapped = sdk.providedFrames.at(0);
+  EXPECT_GE(wrapped.size, 64u * 48 * 4);
+  EXPECT_GT(CFGetRetainCount(bgra.get()), held);
+  wrapped.release(wrapped.releaseArgument);
+  EXPECT_EQ(CFGetRetainCount(bgra.get()), held);
+
+  const auto planar = newBuffer(kBiPlanar);
+  session->sendVideoFrame(planar.get());
+  EXPECT_EQ(CFGetRetainCount(planar.get()), held);
+  const otc_video_frame& copied = sdk.providedFrames.at(1);
+  EXPECT_EQ(copied.format, OTC_VIDEO_FRAME_FORMAT_NV12);
+  EXPECT_NE(copied.planes[1], nullptr);
+  EXPECT_EQ(copied.planes[2], nullptr);
+  EXPECT_EQ(copied.strides[2], 0);
 }
 
-TEST_F(OutgoingTest, APlanarFrameIsReleasedBeforeTheCallReturns) {
-  startCapturer();
-  const auto buffer = newBuffer(kBiPlanar);
-  const auto held = CFGetRetainCount(buffer.get());
-  session->sendVideoFrame(buffer.get());
-  EXPECT_EQ(CFGetRetainCount(buffer.get()), held);
-  const otc_video_frame& frame = sdk.providedFrames.at(0);
-  EXPECT_EQ(frame.format, 2);
-  EXPECT_NE(frame.planes[1], nullptr);
-  EXPECT_EQ(frame.planes[2], nullptr);
-  EXPECT_EQ(frame.strides[2], 0);
-}
-
-TEST_F(OutgoingTest, SoundIsWrittenFromTheFirstStartOn) {
+TEST_F(SessionTest, ShowSoundIsWrittenFromTheFirstStartOn) {
   const int16_t samples[] = {1, 2, 3, 4};
   session->sendAudioData(samples, 2);
   EXPECT_THAT(sdk.calls(), IsEmpty());
@@ -199,11 +183,9 @@ TEST_F(SessionTest, GuestsFramesSoundAndCommandsMayMeet) {
     threads.emplace_back([this, id, &done] {
       PlanarFrame picture(64, 48);
       int16_t samples[4] = {};
-      const otc_audio_data audio = {samples, 16, 48000, 2, 2};
-      otc_subscriber* subscriber = sdk.subscriber(id);
       while (!done) {
-        deliver(id, picture.frame);
-        subscriber->callbacks.on_audio_data(subscriber, subscriber->callbacks.user_data, &audio);
+        sdk.renderFrame(id, picture.frame);
+        sdk.deliverSound(id, samples);
         session->audioChanged(true, id);
       }
     });
@@ -213,7 +195,7 @@ TEST_F(SessionTest, GuestsFramesSoundAndCommandsMayMeet) {
     session->setRemoteMute(i % 2, "two");
     session->broadcastIsLive(i % 2, false);
     session->enableOffAirAudio(i % 3);
-    signal("mono", R"({"mono": "yes"})");
+    sdk.sendSignal("mono", R"({"mono": "yes"})");
     session->dropAllStreams();
   }
   done = true;

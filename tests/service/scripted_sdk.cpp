@@ -10,14 +10,26 @@ ScriptedSdk& sdk() {
   return ScriptedSdk::get();
 }
 
-const char* word(const void* pointer, const char* name) {
-  return pointer ? name : "null";
-}
-std::string labelOf(const otc_subscriber* subscriber) {
-  return subscriber ? "subscriber:" + subscriber->streamId : "null";
-}
-std::string flag(otc_bool on) {
+// How an argument is written down.
+struct Word : std::string {
+  Word(const char* text) : std::string(text ? text : "null") {}
+  Word(const std::string& text) : std::string(text) {}
+  Word(size_t number) : std::string(std::to_string(number)) {}
+  Word(int number) : std::string(std::to_string(number)) {}
+  Word(int width, int height) : std::string(std::to_string(width) + "x" + std::to_string(height)) {}
+  Word(const otc_session* session) : Word(session ? "session" : nullptr) {}
+  Word(const otc_publisher* publisher) : Word(publisher ? "publisher" : nullptr) {}
+  Word(const otc_subscriber* subscriber)
+      : std::string(subscriber ? "subscriber:" + subscriber->streamId : "null") {}
+};
+const char* flag(otc_bool on) {
   return on ? "on" : "off";
+}
+
+otc_status record(const std::string& function, std::initializer_list<Word> arguments = {}) {
+  std::string call = function;
+  for (const Word& argument : arguments) call += " " + argument;
+  return sdk().record(function, call);
 }
 
 }  // namespace
@@ -43,11 +55,9 @@ void ScriptedSdk::reset() {
   std::lock_guard guard(lock_);
   calls_.clear();
   answers_.clear();
-  held_.clear();
   providedFrames.clear();
   capturedSamples.clear();
   onCall = nullptr;
-  changed_.notify_all();
 }
 
 std::vector<std::string> ScriptedSdk::calls() const {
@@ -76,12 +86,6 @@ void ScriptedSdk::hold(const std::string& function) {
   held_.insert(function);
 }
 
-void ScriptedSdk::letGo(const std::string& function) {
-  std::lock_guard guard(lock_);
-  held_.erase(function);
-  changed_.notify_all();
-}
-
 otc_subscriber* ScriptedSdk::subscriber(const std::string& streamId) const {
   for (const auto& subscriber : subscribers) {
     if (subscriber->streamId == streamId) return subscriber.get();
@@ -97,8 +101,28 @@ void ScriptedSdk::dropStream(const otc_stream& stream) const {
   session()->callbacks.on_stream_dropped(session(), session()->callbacks.user_data, &stream);
 }
 
-otc_status ScriptedSdk::record(const std::string& function, const std::string& arguments) {
-  const std::string call = arguments.empty() ? function : function + " " + arguments;
+void ScriptedSdk::sendSignal(const char* type, const char* data) const {
+  session()->callbacks.on_signal_received(session(), session()->callbacks.user_data, type, data, nullptr);
+}
+
+void ScriptedSdk::renderFrame(const std::string& streamId, const otc_video_frame& frame) const {
+  otc_subscriber* from = subscriber(streamId);
+  from->callbacks.on_render_frame(from, from->callbacks.user_data, &frame);
+}
+
+void ScriptedSdk::deliverSound(const std::string& streamId, std::span<int16_t> samples) const {
+  const otc_audio_data sound = {samples.data(), 16, 48000, 2, samples.size() / 2};
+  otc_subscriber* from = subscriber(streamId);
+  from->callbacks.on_audio_data(from, from->callbacks.user_data, &sound);
+}
+
+void ScriptedSdk::startCapturer() const {
+  const auto& capturer = publishers.back()->settings.capturer;
+  capturer.init(reinterpret_cast<otc_video_capturer*>(1), capturer.user_data);
+  capturer.start(reinterpret_cast<otc_video_capturer*>(1), capturer.user_data);
+}
+
+otc_status ScriptedSdk::record(const std::string& function, const std::string& call) {
   otc_status status;
   {
     std::unique_lock guard(lock_);
@@ -113,88 +137,91 @@ otc_status ScriptedSdk::record(const std::string& function, const std::string& a
 }
 
 otc_status otc_init(void*) {
-  return sdk().record("otc_init", "");
+  return record(__func__);
 }
 
 otc_status otc_log_enable(int level) {
-  return sdk().record("otc_log_enable", std::to_string(level));
+  return record(__func__, {level});
 }
 
 otc_status otc_log_set_logger_callback(otc_logger_callback callback) {
   sdk().logger = callback;
-  return sdk().record("otc_log_set_logger_callback", "");
+  return record(__func__);
 }
 
-const char* otc_stream_get_id(const otc_stream* stream) {
-  return stream->id;
-}
-const char* otc_stream_get_name(const otc_stream* stream) {
-  return stream->name;
-}
-int otc_stream_get_video_type(const otc_stream* stream) {
-  return stream->type;
-}
-int otc_stream_get_video_width(const otc_stream* stream) {
-  return stream->width;
-}
-int otc_stream_get_video_height(const otc_stream* stream) {
-  return stream->height;
-}
-const otc_connection* otc_stream_get_connection(const otc_stream*) {
-  return nullptr;
-}
+// Functions that only read a field; they are not written down.
+#define READS(result, function, type, field) \
+  result function(const type* object) {      \
+    return object->field;                    \
+  }
+#define READS_OF_PLANE(result, function, field)              \
+  result function(const otc_video_frame* frame, int plane) { \
+    return frame->field[plane];                              \
+  }
+
+READS(const char*, otc_stream_get_id, otc_stream, id)
+READS(const char*, otc_stream_get_name, otc_stream, name)
+READS(int, otc_stream_get_video_type, otc_stream, type)
+READS(int, otc_stream_get_video_width, otc_stream, width)
+READS(int, otc_stream_get_video_height, otc_stream, height)
+READS(const otc_connection*, otc_stream_get_connection, otc_stream, connection)
+READS(int, otc_video_frame_get_format, otc_video_frame, format)
+READS(int, otc_video_frame_get_width, otc_video_frame, width)
+READS(int, otc_video_frame_get_height, otc_video_frame, height)
+READS(int64_t, otc_video_frame_get_timestamp, otc_video_frame, timestamp)
+READS_OF_PLANE(const uint8_t*, otc_video_frame_get_plane_binary_data, planes)
+READS_OF_PLANE(int, otc_video_frame_get_plane_width, widths)
+READS_OF_PLANE(int, otc_video_frame_get_plane_height, heights)
+READS_OF_PLANE(int, otc_video_frame_get_plane_stride, strides)
 
 otc_session* otc_session_new(const char* apiKey, const char* id, const otc_session_callbacks* callbacks) {
-  sdk().sessions.push_back(std::make_unique<otc_session>(apiKey, id, *callbacks));
-  sdk().record("otc_session_new", std::string(apiKey) + " " + id);
+  sdk().sessions.emplace_back(new otc_session{id, *callbacks});
+  record(__func__, {apiKey, id});
   return sdk().session();
 }
 
 otc_status otc_session_connect(otc_session* session, const char* token) {
-  return sdk().record("otc_session_connect", session->id + " " + token);
+  return record(__func__, {session->id, token});
 }
 
 otc_status otc_session_delete(otc_session* session) {
-  return sdk().record("otc_session_delete", session->id);
+  return record(__func__, {session->id});
 }
 
 otc_status otc_session_send_signal(otc_session* session, const char* type, const char* data) {
-  return sdk().record("otc_session_send_signal",
-                      std::string(word(session, "session")) + " " + type + " " + data);
+  return record(__func__, {session, type, data});
 }
 
 otc_status otc_session_publish(otc_session* session, otc_publisher* publisher) {
-  return sdk().record("otc_session_publish",
-                      std::string(word(session, "session")) + " " + word(publisher, "publisher"));
+  return record(__func__, {session, publisher});
 }
 
 otc_status otc_session_unpublish(otc_session*, otc_publisher*) {
-  return sdk().record("otc_session_unpublish", "");
+  return record(__func__);
 }
 
 otc_status otc_session_subscribe(otc_session*, otc_subscriber* subscriber) {
-  return sdk().record("otc_session_subscribe", labelOf(subscriber));
+  return record(__func__, {subscriber});
 }
 
 otc_status otc_session_unsubscribe(otc_session* session, otc_subscriber* subscriber) {
-  return sdk().record("otc_session_unsubscribe",
-                      std::string(word(session, "session")) + " " + labelOf(subscriber));
+  return record(__func__, {session, subscriber});
 }
 
 otc_subscriber* otc_subscriber_new(const otc_stream* stream, const otc_subscriber_callbacks* callbacks) {
-  sdk().record("otc_subscriber_new", stream->id ? stream->id : "null");
-  sdk().subscribers.insert(sdk().subscribers.begin(),
-                           std::make_unique<otc_subscriber>(stream->id ? stream->id : "", *callbacks));
-  return sdk().subscribers.front().get();
+  record(__func__, {stream->id});
+  auto& made = sdk().subscribers;
+  made.emplace(made.begin(), new otc_subscriber{stream->id ? stream->id : "", *callbacks});
+  return made.front().get();
 }
 
 otc_status otc_subscriber_set_subscribe_to_video(otc_subscriber* subscriber, otc_bool on) {
-  return sdk().record("otc_subscriber_set_subscribe_to_video", labelOf(subscriber) + " " + flag(on));
+  return record(__func__, {subscriber, flag(on)});
 }
 
 otc_status otc_subscriber_set_subscribe_to_audio(otc_subscriber* subscriber, otc_bool on) {
   if (subscriber) subscriber->audio = on;
-  return sdk().record("otc_subscriber_set_subscribe_to_audio", labelOf(subscriber) + " " + flag(on));
+  return record(__func__, {subscriber, flag(on)});
 }
 
 otc_bool otc_subscriber_get_subscribe_to_audio(const otc_subscriber* subscriber) {
@@ -206,58 +233,30 @@ otc_video_frame* otc_video_frame_new_contiguous_memory_wrapper(int format, int w
                                                                size_t size,
                                                                otc_video_frame_release_callback release,
                                                                void* argument) {
-  sdk().record("otc_video_frame_new_contiguous_memory_wrapper",
-               std::to_string(format) + " " + std::to_string(width) + "x" + std::to_string(height) + " " +
-                   (shallow ? "shallow" : "deep"));
+  record(__func__, {format, {width, height}, shallow ? "shallow" : "deep"});
   return new otc_video_frame{format, width, height, {data}, {}, {}, {}, 0, size, release, argument};
 }
 
 otc_video_frame* otc_video_frame_new_from_planes(int format, int width, int height,
                                                  const uint8_t* const* planes, const int* strides) {
-  sdk().record("otc_video_frame_new_from_planes",
-               std::to_string(format) + " " + std::to_string(width) + "x" + std::to_string(height));
+  record(__func__, {format, {width, height}});
   return new otc_video_frame{
       format, width, height, {planes[0], planes[1], planes[2]}, {}, {}, {strides[0], strides[1], strides[2]}};
 }
 
 otc_status otc_video_frame_delete(otc_video_frame* frame) {
   delete frame;
-  return sdk().record("otc_video_frame_delete", "");
-}
-
-int otc_video_frame_get_format(const otc_video_frame* frame) {
-  return frame->format;
-}
-int otc_video_frame_get_width(const otc_video_frame* frame) {
-  return frame->width;
-}
-int otc_video_frame_get_height(const otc_video_frame* frame) {
-  return frame->height;
-}
-const uint8_t* otc_video_frame_get_plane_binary_data(const otc_video_frame* frame, int plane) {
-  return frame->planes[plane];
-}
-int otc_video_frame_get_plane_width(const otc_video_frame* frame, int plane) {
-  return frame->widths[plane];
-}
-int otc_video_frame_get_plane_height(const otc_video_frame* frame, int plane) {
-  return frame->heights[plane];
-}
-int otc_video_frame_get_plane_stride(const otc_video_frame* frame, int plane) {
-  return frame->strides[plane];
-}
-int64_t otc_video_frame_get_timestamp(const otc_video_frame* frame) {
-  return frame->timestamp;
+  return record(__func__);
 }
 
 otc_status otc_video_capturer_provide_frame(const otc_video_capturer*, int rotation,
                                             const otc_video_frame* frame) {
   sdk().providedFrames.push_back(*frame);
-  return sdk().record("otc_video_capturer_provide_frame", std::to_string(rotation));
+  return record(__func__, {rotation});
 }
 
 otc_publisher_settings* otc_publisher_settings_new() {
-  sdk().record("otc_publisher_settings_new", "");
+  record(__func__);
   // The service never frees settings; the SDK keeps an eye on them.
   static auto& made = *new std::vector<std::unique_ptr<otc_publisher_settings>>;
   made.push_back(std::make_unique<otc_publisher_settings>());
@@ -265,50 +264,50 @@ otc_publisher_settings* otc_publisher_settings_new() {
 }
 
 otc_status otc_publisher_settings_set_name(otc_publisher_settings*, const char* name) {
-  return sdk().record("otc_publisher_settings_set_name", name);
+  return record(__func__, {name});
 }
 
 otc_status otc_publisher_settings_set_video_capturer(otc_publisher_settings* settings,
                                                      const otc_video_capturer_callbacks* capturer) {
   settings->capturer = *capturer;
-  return sdk().record("otc_publisher_settings_set_video_capturer", "");
+  return record(__func__);
 }
 
 otc_status otc_publisher_settings_set_audio_track(otc_publisher_settings*, otc_bool on) {
-  return sdk().record("otc_publisher_settings_set_audio_track", flag(on));
+  return record(__func__, {flag(on)});
 }
 
 otc_status otc_publisher_settings_set_video_track(otc_publisher_settings*, otc_bool on) {
-  return sdk().record("otc_publisher_settings_set_video_track", flag(on));
+  return record(__func__, {flag(on)});
 }
 
 otc_status otc_publisher_settings_set_stereo(otc_publisher_settings*, otc_bool on) {
-  return sdk().record("otc_publisher_settings_set_stereo", flag(on));
+  return record(__func__, {flag(on)});
 }
 
 otc_publisher* otc_publisher_new_with_settings(const otc_publisher_callbacks* callbacks,
                                                const otc_publisher_settings* settings) {
-  sdk().publishers.push_back(std::make_unique<otc_publisher>(*callbacks, *settings));
-  sdk().record("otc_publisher_new_with_settings", "");
+  sdk().publishers.emplace_back(new otc_publisher{*callbacks, *settings});
+  record(__func__);
   return sdk().publishers.back().get();
 }
 
 otc_status otc_publisher_set_audio_fallback_enabled(otc_publisher*, otc_bool on) {
-  return sdk().record("otc_publisher_set_audio_fallback_enabled", flag(on));
+  return record(__func__, {flag(on)});
 }
 
 otc_status otc_set_audio_device(const otc_audio_device_callbacks* callbacks) {
   sdk().audioDevice = *callbacks;
-  return sdk().record("otc_set_audio_device", "");
+  return record(__func__);
 }
 
 otc_status otc_audio_device_write_capture_data(const int16_t* samples, size_t count) {
   sdk().capturedSamples.insert(sdk().capturedSamples.end(), samples, samples + 2 * count);
-  return sdk().record("otc_audio_device_write_capture_data", std::to_string(count));
+  return record(__func__, {count});
 }
 
 size_t otc_audio_device_read_render_data(int16_t* samples, size_t count) {
   std::memset(samples, 0, count * 2 * sizeof(int16_t));
-  sdk().record("otc_audio_device_read_render_data", std::to_string(count));
+  record(__func__, {count});
   return count;
 }

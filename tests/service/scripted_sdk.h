@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -20,10 +21,10 @@ struct otc_stream {
   int type = OTC_STREAM_VIDEO_TYPE_CAMERA;
   int width = 640;
   int height = 480;
+  const otc_connection* connection = nullptr;
 };
 
 struct otc_session {
-  std::string apiKey;
   std::string id;
   otc_session_callbacks callbacks;
 };
@@ -78,9 +79,8 @@ class ScriptedSdk {
 
   void answer(const std::string& function, otc_status status);
 
-  // From now on `function` does not return, until it is let go.
+  // From now on `function` does not return.
   void hold(const std::string& function);
-  void letGo(const std::string& function);
 
   // Called at the end of each call that is written down, without a lock.
   std::function<void(const std::string& call)> onCall;
@@ -97,9 +97,13 @@ class ScriptedSdk {
   otc_subscriber* subscriber(const std::string& streamId) const;
   void receiveStream(const otc_stream& stream) const;
   void dropStream(const otc_stream& stream) const;
+  void sendSignal(const char* type, const char* data) const;
+  void renderFrame(const std::string& streamId, const otc_video_frame& frame) const;
+  void deliverSound(const std::string& streamId, std::span<int16_t> samples) const;  // stereo
+  void startCapturer() const;
 
   // For the interface's functions.
-  otc_status record(const std::string& function, const std::string& arguments);
+  otc_status record(const std::string& function, const std::string& call);
 
  private:
   mutable std::mutex lock_;

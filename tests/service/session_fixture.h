@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -19,14 +20,14 @@ class RecordingDelegate : public GuestSessionDelegate {
     add("frame " + forName + " " + andID + " " + std::to_string(timestamp) + " " +
         std::to_string(CVPixelBufferGetWidth(buffer)) + "x" + std::to_string(CVPixelBufferGetHeight(buffer)));
     std::lock_guard guard(lock_);
-    lastFrame_ = frame;
+    lastFrame = frame;
   }
   void soundReceived(const void* samples, int64_t length,
                      const std::optional<std::string>& session) override {
     add("sound " + std::to_string(length) + " " + session.value_or("none"));
     std::lock_guard guard(lock_);
     const auto* first = static_cast<const int16_t*>(samples);
-    lastSound_.assign(first, first + length / 2);
+    lastSound.assign(first, first + length / 2);
   }
   void ring(const std::string& name, const std::string& id, bool screenShare) override {
     add("ring " + name + " " + id + (screenShare ? " screen" : " camera"));
@@ -56,14 +57,9 @@ class RecordingDelegate : public GuestSessionDelegate {
     std::lock_guard guard(lock_);
     return std::exchange(log_, {});
   }
-  Ref<CVPixelBufferRef> lastFrame() {
-    std::lock_guard guard(lock_);
-    return lastFrame_;
-  }
-  std::vector<int16_t> lastSound() {
-    std::lock_guard guard(lock_);
-    return lastSound_;
-  }
+
+  Ref<CVPixelBufferRef> lastFrame;
+  std::vector<int16_t> lastSound;
 
  private:
   void add(const std::string& report) {
@@ -74,8 +70,6 @@ class RecordingDelegate : public GuestSessionDelegate {
   std::mutex lock_;
   std::vector<std::string> reports_;
   std::vector<std::string> log_;
-  Ref<CVPixelBufferRef> lastFrame_;
-  std::vector<int16_t> lastSound_;
 };
 
 // A session object, joined to session "room", for each test. Like the service's own it is never freed:
@@ -101,14 +95,6 @@ class SessionTest : public testing::Test {
     session->startSubscribing(id);
     forget();
   }
-  void signal(const char* type, const char* data) {
-    auto* joined = sdk.session();
-    joined->callbacks.on_signal_received(joined, joined->callbacks.user_data, type, data, nullptr);
-  }
-  void deliver(const char* id, const otc_video_frame& frame) {
-    otc_subscriber* subscriber = sdk.subscriber(id);
-    subscriber->callbacks.on_render_frame(subscriber, subscriber->callbacks.user_data, &frame);
-  }
   void forget() {
     sdk.forgetCalls();
     delegate.takeReports();
@@ -124,13 +110,9 @@ class SessionTest : public testing::Test {
     return data;
   }
 
-  // Never freed, since the power thread and the timer of its session outlive the test.
-  static RecordingDelegate& newDelegate() {
-    static auto& kept = *new std::vector<RecordingDelegate*>;
-    return *kept.emplace_back(new RecordingDelegate);
-  }
-
   ScriptedSdk& sdk = ScriptedSdk::get();
-  RecordingDelegate& delegate = newDelegate();
+  // Kept, since the power thread and the timer of its session outlive the test.
+  static inline auto& delegates = *new std::list<RecordingDelegate>;
+  RecordingDelegate& delegate = delegates.emplace_back();
   ZarvoGuestSession* session;
 };
