@@ -12,15 +12,13 @@
 #include <string>
 #include <vector>
 
-#include "app/main_loop.h"
 #include "app/show.h"
+#include "run_until.h"
 
 namespace {
 
 using namespace studio;
 using testing::HasSubstr;
-
-constexpr std::chrono::seconds deadline(20);
 
 class ShowTest : public testing::Test, public Show::Sink {
  protected:
@@ -49,22 +47,12 @@ class ShowTest : public testing::Test, public Show::Sink {
     for (const std::int16_t sample : samples) loudest_ = std::max(loudest_, std::abs(int{sample}));
   }
 
-  // Runs the main loop until the condition holds.
   template <class Condition>
   bool until(Condition condition) {
-    bool late = false;
-    Timer limit;
-    limit.once(deadline, [&] { late = true; });
-    Timer look;
-    look.every(std::chrono::milliseconds(5), [] {});
-    for (;;) {
-      {
-        const std::lock_guard lock(mutex_);
-        if (condition()) return true;
-      }
-      if (late) return false;
-      g_main_context_iteration(nullptr, TRUE);
-    }
+    return runUntil([&] {
+      const std::lock_guard lock(mutex_);
+      return condition();
+    });
   }
   bool isNews(const std::string& state) {
     return std::find(news_.begin(), news_.end(), state) != news_.end();

@@ -1,6 +1,5 @@
 // A service program for the studio's tests: a guest "abc" rings at each "Init"; "StartBroadcast" gives a
 // frame that is red, and tone; the chat line "die" kills it, "leave" ends it with status 3.
-#include <IOSurface/IOSurface.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -10,10 +9,10 @@
 #include <vector>
 
 #include "studio/handles.h"
+#include "surfaces.h"
 
 namespace {
 
-using studio::Surface;
 using studio::XpcObject;
 
 XpcObject report(std::initializer_list<std::pair<const char*, const char*>> texts) {
@@ -26,18 +25,8 @@ void send(xpc_connection_t studio, const XpcObject& message) {
   xpc_connection_send_message(studio, message.get());
 }
 
-Surface redPicture(int width, int height) {
-  const auto properties =
-      CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
-  int format = 0x34323076;  // '420v'
-  for (const auto& [key, value] : {std::pair{kIOSurfaceWidth, &width}, std::pair{kIOSurfaceHeight, &height},
-                                   std::pair{kIOSurfacePixelFormat, &format}}) {
-    const CFNumberRef number = CFNumberCreate(nullptr, kCFNumberIntType, value);
-    CFDictionarySetValue(properties, key, number);
-    CFRelease(number);
-  }
-  Surface surface(IOSurfaceCreate(properties));
-  CFRelease(properties);
+Ref<IOSurfaceRef> redPicture(int width, int height) {
+  auto surface = createSurface(kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, width, height);
   std::memset(IOSurfaceGetBaseAddressOfPlane(surface.get(), 0), 81,
               IOSurfaceGetBytesPerRowOfPlane(surface.get(), 0) * IOSurfaceGetHeightOfPlane(surface.get(), 0));
   auto* chroma = static_cast<unsigned char*>(IOSurfaceGetBaseAddressOfPlane(surface.get(), 1));
@@ -48,7 +37,7 @@ Surface redPicture(int width, int height) {
 }
 
 void sendFrame(xpc_connection_t studio) {
-  static const Surface surface = redPicture(66, 34);
+  static const auto surface = redPicture(66, 34);
   const XpcObject frame = report({{"sessionId", "s"}, {"name", "Guest - Abc"}, {"id", "abc"}});
   const XpcObject shared(IOSurfaceCreateXPCObject(surface.get()));
   xpc_dictionary_set_value(frame.get(), "surface", shared.get());

@@ -1,7 +1,6 @@
 // The studio as a program, with a real session server and a service that plays its part.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gst/gst.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -12,14 +11,13 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "studio/service_process.h"
+#include "waiting.h"
 
 namespace {
 
@@ -27,17 +25,21 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::HasSubstr;
 
-constexpr std::chrono::seconds deadline(30);
+std::string contentOf(const fs::path& file) {
+  std::ostringstream text;
+  text << std::ifstream(file).rdbuf();
+  return text.str();
+}
 
 class Program {
  public:
-  explicit Program(const fs::path& directory) {
+  explicit Program(const TemporaryFolder& directory) {
     int in[2];
     int out[2];
     EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-    const std::string notes = (directory / "notes").string();
-    const std::string temporary = (directory / "temporary").string();
+    const std::string notes = directory / "notes";
+    const std::string temporary = directory / "temporary";
     fs::create_directory(temporary);
     pid_ = fork();
     if (pid_ == 0) {
@@ -72,7 +74,7 @@ class Program {
 
   /// The next report of that name; an empty object when none comes.
   json report(const std::string& name) {
-    const auto end = std::chrono::steady_clock::now() + deadline;
+    const auto end = std::chrono::steady_clock::now() + kDeadline;
     for (;;) {
       for (std::size_t line = 0; (line = unread_.find('\n')) != std::string::npos;) {
         json event = json::parse(unread_.substr(0, line), nullptr, false);
@@ -122,141 +124,99 @@ class Program {
 
 class StudioTest : public testing::Test {
  protected:
-  StudioTest() {
-    signal(SIGPIPE, SIG_IGN);
-    char directory[] = "/tmp/studio-test-XXXXXX";
-    directory_ = mkdtemp(directory);
-    studio_.emplace(directory_);
-  }
+  StudioTest() { signal(SIGPIPE, SIG_IGN); }
   ~StudioTest() override {
-    studio_.reset();
-    if (HasFailure()) ADD_FAILURE() << "the studio's notes:\n" << notes();
-    fs::remove_all(directory_);
+    if (HasFailure()) ADD_FAILURE() << "the studio's notes:\n" << contentOf(directory_ / "notes");
   }
 
-  std::string notes() const {
-    std::ostringstream text;
-    text << std::ifstream(directory_ / "notes").rdbuf();
-    return text.str();
-  }
-
-  void expectNothingLeft(const std::vector<pid_t>& children) const {
-    const auto end = std::chrono::steady_clock::now() + deadline;
+  // Whose parent has ended belongs to init, which may take a moment to notice.
+  static void expectNothingLeft(const std::vector<pid_t>& children) {
     for (const pid_t child : children) {
-      // Whose parent has ended belongs to init, which may take a moment to notice.
-      const auto gone = [&] {
-        std::string line;
-        std::getline(std::ifstream("/proc/" + std::to_string(child) + "/stat"), line);
-        return line.empty() || line.find(") Z ") != std::string::npos;
-      };
-      while (!gone() && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-      }
-      EXPECT_TRUE(gone()) << child;
+      EXPECT_TRUE(eventually([&] {
+        const std::string state = contentOf("/proc/" + std::to_string(child) + "/stat");
+        return state.empty() || state.find(") Z ") != std::string::npos;
+      })) << child;
     }
   }
 
-  fs::path directory_;
-  std::optional<Program> studio_;
+  TemporaryFolder directory_;
+  Program studio_{directory_};
 };
 
 TEST_F(StudioTest, AGuestFromRingToFiles) {
-  EXPECT_THAT(studio_->report("ready").value("link", ""),
+  EXPECT_THAT(studio_.report("ready").value("link", ""),
               testing::MatchesRegex("http://127.0.0.1:[0-9]+/#room=[0-9a-f]{32}&token=[0-9a-f]{32}"));
-  EXPECT_EQ(studio_->report("ring").value("ring", ""), "abc");
-  studio_->say("admit a");
-  const json frame = studio_->report("frame");
+  EXPECT_EQ(studio_.report("ring").value("ring", ""), "abc");
+  studio_.say("admit a");
+  const json frame = studio_.report("frame");
   EXPECT_EQ(frame.value("width", 0), 66);
   EXPECT_EQ(frame.value("height", 0), 34);
 
-  studio_->say("guests");
-  const json guests = studio_->report("guests");
+  studio_.say("guests");
+  const json guests = studio_.report("guests");
   EXPECT_EQ(guests.at("guests").at(0).value("state", ""), "green room");
-  const fs::path picture = directory_ / "a picture.png";
-  studio_->say("snapshot #1 " + picture.string());
-  EXPECT_EQ(studio_->report("snapshot").value("file", ""), picture.string());
-  gst_init(nullptr, nullptr);
-  GstElement* reader = gst_parse_launch(("filesrc location=\"" + picture.string() +
-                                         "\" ! pngdec ! videoconvert ! video/x-raw,format=RGB ! fakesink "
-                                         "name=sink enable-last-sample=true")
-                                            .c_str(),
-                                        nullptr);
-  gst_element_set_state(reader, GST_STATE_PAUSED);
-  ASSERT_EQ(gst_element_get_state(reader, nullptr, nullptr, 20 * GST_SECOND), GST_STATE_CHANGE_SUCCESS);
-  GstElement* sink = gst_bin_get_by_name(GST_BIN(reader), "sink");
-  GstSample* sample = nullptr;
-  g_object_get(sink, "last-sample", &sample, nullptr);
-  ASSERT_TRUE(sample);
-  unsigned char red[3] = {};
-  gst_buffer_extract(gst_sample_get_buffer(sample), 0, red, 3);
-  EXPECT_GT(red[0], 245);
-  EXPECT_LT(red[1], 10);
-  EXPECT_LT(red[2], 10);
-  gst_sample_unref(sample);
-  gst_object_unref(sink);
-  gst_element_set_state(reader, GST_STATE_NULL);
-  gst_object_unref(reader);
-
-  const fs::path sound = directory_ / "sound.wav";
-  studio_->say("record-audio abc 0.1 " + sound.string());
-  EXPECT_NEAR(studio_->report("recorded").value("seconds", 0.0), 0.1, 1e-9);
+  const std::string picture = directory_ / "a picture.png";
+  studio_.say("snapshot #1 " + picture);
+  EXPECT_EQ(studio_.report("snapshot").value("file", ""), picture);
+  EXPECT_EQ(contentOf(picture).substr(1, 3), "PNG");
+  const std::string sound = directory_ / "sound.wav";
+  studio_.say("record-audio abc 0.1 " + sound);
+  EXPECT_NEAR(studio_.report("recorded").value("seconds", 0.0), 0.1, 1e-9);
   EXPECT_EQ(fs::file_size(sound), 44u + 4800 * 4);
 
   // The last guest ends the session: the studio joins anew, and who is there rings again.
-  studio_->say("remove #1");
-  EXPECT_EQ(studio_->report("dropped").value("dropped", ""), "abc");
-  EXPECT_EQ(studio_->report("ring").value("ring", ""), "abc");
+  studio_.say("remove #1");
+  EXPECT_EQ(studio_.report("dropped").value("dropped", ""), "abc");
+  EXPECT_EQ(studio_.report("ring").value("ring", ""), "abc");
 
-  studio_->say("nonsense");
-  studio_->say("admit nobody");
-  const auto children = studio_->children();
+  studio_.say("nonsense");
+  studio_.say("admit nobody");
+  const auto children = studio_.children();
   EXPECT_EQ(children.size(), 2u) << "the session server and the service";
-  studio_->closeInput();
-  EXPECT_EQ(studio_->waitForEnd(), 0);
-  EXPECT_THAT(notes(), HasSubstr("there is no command \"nonsense\""));
-  EXPECT_THAT(notes(), HasSubstr("no guest is called \"nobody\""));
+  studio_.closeInput();
+  EXPECT_EQ(studio_.waitForEnd(), 0);
+  EXPECT_THAT(contentOf(directory_ / "notes"), HasSubstr("there is no command \"nonsense\""));
+  EXPECT_THAT(contentOf(directory_ / "notes"), HasSubstr("no guest is called \"nobody\""));
   expectNothingLeft(children);
   EXPECT_TRUE(fs::is_empty(directory_ / "temporary"));
 }
 
 TEST_F(StudioTest, AServiceThatEndsIsStartedAnew) {
-  studio_->report("ring");
-  studio_->say("admit abc");
-  studio_->report("frame");
-  studio_->say("chat Host: die");
-  json end = studio_->report("serviceEnded");
+  studio_.report("ring");
+  studio_.say("admit abc");
+  studio_.report("frame");
+  studio_.say("chat Host: die");
+  json end = studio_.report("serviceEnded");
   EXPECT_EQ(end.value("reason", ""), "killed by signal 9 (Killed)");
   EXPECT_EQ(end.value("lastLog", ""), "the last words");
-  EXPECT_EQ(studio_->report("ring").value("ring", ""), "abc");
+  EXPECT_EQ(studio_.report("ring").value("ring", ""), "abc");
 
-  studio_->say("chat Host: leave");
-  EXPECT_EQ(studio_->report("serviceEnded").value("reason", ""), "ended with status 3");
-  studio_->report("ring");
-  studio_->say("there");
-  EXPECT_TRUE(studio_->report("there").value("alive", false));
-  studio_->sendSignal(SIGTERM);
-  EXPECT_EQ(studio_->waitForEnd(), 0);
+  studio_.say("chat Host: leave");
+  EXPECT_EQ(studio_.report("serviceEnded").value("reason", ""), "ended with status 3");
+  studio_.report("ring");
+  studio_.say("there");
+  EXPECT_TRUE(studio_.report("there").value("alive", false));
+  studio_.sendSignal(SIGTERM);
+  EXPECT_EQ(studio_.waitForEnd(), 0);
   EXPECT_TRUE(fs::is_empty(directory_ / "temporary"));
 }
 
 TEST_F(StudioTest, ASessionServerThatEndsIsStartedAnewAndJoined) {
-  studio_->report("ring");
-  for (const pid_t child : studio_->children()) {
-    std::string name;
-    std::getline(std::ifstream("/proc/" + std::to_string(child) + "/comm"), name);
-    if (name == "janus") kill(child, SIGKILL);
+  studio_.report("ring");
+  for (const pid_t child : studio_.children()) {
+    if (contentOf("/proc/" + std::to_string(child) + "/comm") == "janus\n") kill(child, SIGKILL);
   }
-  EXPECT_THAT(studio_->report("sessionServerEnded").value("reason", ""), HasSubstr("signal 9"));
-  studio_->report("joining");
-  EXPECT_EQ(studio_->report("ring").value("ring", ""), "abc");
+  EXPECT_THAT(studio_.report("sessionServerEnded").value("reason", ""), HasSubstr("signal 9"));
+  studio_.report("joining");
+  EXPECT_EQ(studio_.report("ring").value("ring", ""), "abc");
 }
 
 TEST_F(StudioTest, NothingOutlivesAKilledStudio) {
-  studio_->report("ring");
-  const auto children = studio_->children();
+  studio_.report("ring");
+  const auto children = studio_.children();
   EXPECT_EQ(children.size(), 2u);
-  studio_->sendSignal(SIGKILL);
-  EXPECT_EQ(studio_->waitForEnd(), -1);
+  studio_.sendSignal(SIGKILL);
+  EXPECT_EQ(studio_.waitForEnd(), -1);
   expectNothingLeft(children);
 }
 
