@@ -3,6 +3,7 @@
 
 #include <mach-o/loader.h>
 #include <mach-o/nlist.h>
+#include <mach/task_map.h>
 
 #include <cstring>
 #include <fstream>
@@ -14,8 +15,7 @@
 
 #include "MachOLoader.h"
 
-// The ways in which the linker lays out "doorman": which sections hold its pointers, and how they are filled
-// in.
+// The linker's layouts of "doorman": which sections hold its pointers, and how they are filled in.
 inline const std::vector<std::string> kLayouts = {"lazy", "const", "chained", "auth"};
 
 #if defined(__x86_64__)
@@ -71,8 +71,10 @@ inline void* theOriginal(const std::string& name) {
   return found == known.end() ? nullptr : found->second;
 }
 
-inline std::unique_ptr<platform::LoadedImage> loadDoorman(const std::string& layout) {
-  return platform::LoadedImage::load(doorman(layout), theOriginal);
+inline std::unique_ptr<platform::LoadedImage> loadDoorman(const std::string& layout,
+                                                          const std::string& processor = kThisProcessor) {
+  return platform::LoadedImage::load(doorman(layout, processor), theOriginal,
+                                     platform::LoadedImage::Processor::Any);
 }
 
 inline int call(const platform::LoadedImage& image, const char* function, int guest) {
@@ -89,16 +91,16 @@ struct Slot {
 };
 
 // Every slot of a well-made image.
-inline std::vector<Slot> slotsOf(const mach_header_64* header, intptr_t slide) {
+inline std::vector<Slot> slotsOf(const platform::LoadedImage& image) {
   const auto at = [&](uint64_t address) {
-    return reinterpret_cast<char*>(address + static_cast<uint64_t>(slide));
+    return reinterpret_cast<char*>(address + static_cast<uint64_t>(image.slide()));
   };
   const symtab_command* symtab = nullptr;
   const dysymtab_command* dysymtab = nullptr;
   char* linkEdit = nullptr;
   std::vector<const section_64*> sections;
-  const auto* command = reinterpret_cast<const char*>(header + 1);
-  for (uint32_t i = 0; i < header->ncmds; ++i) {
+  const auto* command = reinterpret_cast<const char*>(image.header() + 1);
+  for (uint32_t i = 0; i < image.header()->ncmds; ++i) {
     const auto* const prefix = reinterpret_cast<const load_command*>(command);
     if (prefix->cmd == LC_SYMTAB) symtab = reinterpret_cast<const symtab_command*>(command);
     if (prefix->cmd == LC_DYSYMTAB) dysymtab = reinterpret_cast<const dysymtab_command*>(command);
@@ -132,6 +134,7 @@ inline std::vector<Slot> slotsOf(const mach_header_64* header, intptr_t slide) {
   return slots;
 }
 
-inline std::vector<Slot> slotsOf(const platform::LoadedImage& image) {
-  return slotsOf(image.header(), image.slide());
+// As the process's map has it.
+inline vm_prot_t protectionAt(const void* address) {
+  return platform::regionFromMapsText(reinterpret_cast<uintptr_t>(address))->protection;
 }

@@ -34,6 +34,7 @@ std::unique_ptr<LoadedImage> loadAudience() {
   return LoadedImage::load(imagePath("audience_" + kThisProcessor), systemFunctions);
 }
 
+// The very first rebinding in this process.
 TEST(ProcessHooks, NothingDucksOnceTheDucksAreEleven) {
   const auto before = loadAudience();
   EXPECT_EQ(before->function<int()>("duck")(), 42);

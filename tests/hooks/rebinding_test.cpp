@@ -2,7 +2,6 @@
 // compared.
 #include <gtest/gtest.h>
 #include <mach/mach.h>
-#include <mach/task_map.h>
 #include <sys/mman.h>
 
 #include <atomic>
@@ -35,8 +34,14 @@ int32_t rebindIn(const LoadedImage& image, const std::vector<SymbolRebinding>& r
   return rebindSymbolsInImage(image.header(), image.slide(), rebindings.data(), rebindings.size());
 }
 
-GuestFunction* asFunction(void* stored) {
-  return reinterpret_cast<GuestFunction*>(stored);
+int callStored(void* function, int guest) {
+  return reinterpret_cast<GuestFunction*>(function)(guest);
+}
+
+// Gives the page of an image's table another protection.
+void protectPageOf(const void* entry, int protection) {
+  const uintptr_t page = reinterpret_cast<uintptr_t>(entry) / vm_page_size * vm_page_size;
+  ASSERT_EQ(mprotect(reinterpret_cast<void*>(page), vm_page_size, protection), 0);
 }
 
 std::string layoutName(const testing::TestParamInfo<std::string>& layout) {
@@ -48,9 +53,7 @@ class Rebinding : public testing::TestWithParam<std::string> {};
 TEST_P(Rebinding, RedirectsStubsAndPointersAndKeepsTheOriginal) {
   const auto image = loadDoorman(GetParam());
   ASSERT_EQ(call(*image, "callOpen", 1), 101);
-  ASSERT_EQ(call(*image, "callRing", 1), 201);
   ASSERT_EQ(image->function<int()>("bellCount")(), 7);
-
   void* opened = nullptr;
   void* rang = nullptr;
   EXPECT_EQ(rebindIn(*image, {{"open_door", address(replaceOne), &opened},
@@ -58,11 +61,11 @@ TEST_P(Rebinding, RedirectsStubsAndPointersAndKeepsTheOriginal) {
             0);
   EXPECT_EQ(call(*image, "callOpen", 1), 1001);
   EXPECT_EQ(call(*image, "callRing", 1), 2001);
-  EXPECT_EQ(asFunction(image->function<void*()>("bellAddress")())(1), 2001);
+  EXPECT_EQ(callStored(image->function<void*()>("bellAddress")(), 1), 2001);
   ASSERT_NE(opened, nullptr);
   ASSERT_NE(rang, nullptr);
-  EXPECT_EQ(asFunction(opened)(1), 101);
-  EXPECT_EQ(asFunction(rang)(1), 201);
+  EXPECT_EQ(callStored(opened, 1), 101);
+  EXPECT_EQ(callStored(rang, 1), 201);
   // The image's own tables are data like any other.
   EXPECT_EQ(image->function<int(int, int)>("callTable")(0, 1), 101);
   EXPECT_EQ(image->function<int(int, int)>("callTable")(2, 1), -1);
@@ -71,8 +74,7 @@ TEST_P(Rebinding, RedirectsStubsAndPointersAndKeepsTheOriginal) {
 
 TEST_P(Rebinding, ChangesOnlyTheNamedSlotsOfEitherProcessor) {
   for (const auto& processor : {kThisProcessor, kOtherProcessor}) {
-    const auto image =
-        LoadedImage::load(doorman(GetParam(), processor), theOriginal, LoadedImage::Processor::Any);
+    const auto image = loadDoorman(GetParam(), processor);
     const auto slots = slotsOf(*image);
     std::vector<void*> before;
     for (const auto& slot : slots) before.push_back(*slot.address);
@@ -97,23 +99,16 @@ TEST_P(Rebinding, LeavesProtectionsAsTheyWere) {
     const auto image = loadDoorman(GetParam());
     std::map<void**, vm_prot_t> before;
     for (const auto& slot : slotsOf(*image)) {
-      auto* const page =
-          reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(slot.address) / vm_page_size * vm_page_size);
       // Only a read-only section may be found without the right to write.
-      if (slot.segment != "__DATA" && madeBefore != 0) {
-        ASSERT_EQ(mprotect(page, vm_page_size, madeBefore), 0);
-      }
-      before[slot.address] =
-          platform::regionFromMapsText(reinterpret_cast<uintptr_t>(slot.address))->protection;
+      if (slot.segment != "__DATA" && madeBefore != 0) protectPageOf(slot.address, madeBefore);
+      before[slot.address] = protectionAt(slot.address);
       if (slot.segment == "__DATA_CONST" && madeBefore == 0) {
         EXPECT_EQ(before[slot.address], VM_PROT_READ);
       }
     }
     rebindIn(*image, {{"open_door", address(replaceOne), nullptr}});
     EXPECT_EQ(call(*image, "callOpen", 1), 1001);
-    for (const auto& [slot, protection] : before) {
-      EXPECT_EQ(platform::regionFromMapsText(reinterpret_cast<uintptr_t>(slot))->protection, protection);
-    }
+    for (const auto& [slot, protection] : before) EXPECT_EQ(protectionAt(slot), protection);
   }
 }
 
@@ -121,12 +116,9 @@ TEST_P(Rebinding, PassesOverLocalAndAbsoluteEntries) {
   for (const uint32_t mark : {INDIRECT_SYMBOL_LOCAL, static_cast<uint32_t>(INDIRECT_SYMBOL_ABS),
                               INDIRECT_SYMBOL_LOCAL | INDIRECT_SYMBOL_ABS}) {
     const auto image = loadDoorman(GetParam());
-    // The table is mapped read-only, so it is opened for the mark.
     for (const auto& slot : slotsOf(*image)) {
       if (slot.symbol != "_ring_bell") continue;
-      auto* const page = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(slot.indirectEntry) /
-                                                 vm_page_size * vm_page_size);
-      ASSERT_EQ(mprotect(page, vm_page_size, PROT_READ | PROT_WRITE), 0);
+      protectPageOf(slot.indirectEntry, PROT_READ | PROT_WRITE);
       *slot.indirectEntry = mark;
     }
     rebindIn(*image,
@@ -262,9 +254,9 @@ TEST_F(RebindingSets, GrowWhileThreadsLoadImages) {
   for (const auto& image : images) {
     EXPECT_EQ(call(*image, "callRing", 1), 2001);
     for (const auto& slot : slotsOf(*image)) {
-      if (slot.segment != "__DATA_CONST") continue;
-      EXPECT_EQ(platform::regionAtOrAbove(reinterpret_cast<uintptr_t>(slot.address))->protection,
-                VM_PROT_READ);
+      if (slot.segment == "__DATA_CONST") {
+        EXPECT_EQ(protectionAt(slot.address), VM_PROT_READ);
+      }
     }
   }
   // Nobody's original is the function that its own redirection leads to.
