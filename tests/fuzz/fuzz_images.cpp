@@ -1,17 +1,10 @@
 // Mutated Mach-O images, for the loader and for the walk over an image's tables. An input is a list of
 // changes to a good image, in its load commands or its link-edit data, which is where a change can matter; an
 // input that begins like an image is taken for one as it is.
-#include <mach-o/loader.h>
-
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
 
-#include "MachOLoader.h"
+#include "../hooks/mapped_image.h"
 #include "symbol_rebinding.h"
 
 namespace {
@@ -19,28 +12,21 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 struct GoodImage {
-  Bytes file;
-  size_t commandsEnd;
-  size_t linkEdit;
-};
-
-GoodImage read(const char* path) {
-  std::ifstream stream(path, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(stream), {}};
-  GoodImage image{{text.begin(), text.end()}, 0, 0};
-  mach_header_64 header{};
-  memcpy(&header, image.file.data(), sizeof header);
-  image.commandsEnd = sizeof header + header.sizeofcmds;
-  size_t at = sizeof header;
-  for (uint32_t i = 0; i < header.ncmds; ++i) {
-    segment_command_64 segment{};
-    memcpy(&segment, image.file.data() + at, sizeof segment);
-    if (segment.cmd == LC_SEGMENT_64 && strcmp(segment.segname, SEG_LINKEDIT) == 0)
-      image.linkEdit = segment.fileoff;
-    at += segment.cmdsize;
+  explicit GoodImage(const std::string& name) : file(fileBytes(imagePath(name))) {
+    const auto* const header = reinterpret_cast<const mach_header_64*>(file.data());
+    commandsEnd = sizeof *header + header->sizeofcmds;
+    const auto* command = file.data() + sizeof *header;
+    for (uint32_t i = 0; i < header->ncmds; ++i) {
+      const auto* const segment = reinterpret_cast<const segment_command_64*>(command);
+      if (segment->cmd == LC_SEGMENT_64 && strcmp(segment->segname, SEG_LINKEDIT) == 0)
+        linkEdit = segment->fileoff;
+      command += segment->cmdsize;
+    }
   }
-  return image;
-}
+  Bytes file;
+  size_t commandsEnd = 0;
+  size_t linkEdit = 0;
+};
 
 #pragma pack(push, 1)
 struct Change {
@@ -51,8 +37,8 @@ struct Change {
 #pragma pack(pop)
 
 Bytes changed(const uint8_t* data, size_t size) {
-  static const std::vector<GoodImage> good = {read(CLASSIC_IMAGE), read(CHAINED_IMAGE)};
-  const GoodImage& image = good[data[0] % good.size()];
+  static const GoodImage good[] = {GoodImage("fuzz_classic"), GoodImage("fuzz_chained")};
+  const GoodImage& image = good[data[0] % 2];
   Bytes file = image.file;
   for (size_t at = 1; at + sizeof(Change) <= size; at += sizeof(Change)) {
     Change change{};
@@ -67,28 +53,19 @@ Bytes changed(const uint8_t* data, size_t size) {
   return file;
 }
 
-int replacement() {
-  return 0;
-}
-
-void* anything(const std::string& /*name*/) {
-  return reinterpret_cast<void*>(&replacement);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  constexpr uint8_t kMagic[] = {0xcf, 0xfa, 0xed, 0xfe};
-  const bool whole = size >= sizeof kMagic && std::equal(std::begin(kMagic), std::end(kMagic), data);
-  const Bytes file = whole ? Bytes(data, data + size) : changed(data, size);
+  const bool whole = size >= 4 && memcmp(data, "\xcf\xfa\xed\xfe", 4) == 0;
   try {
-    const auto image =
-        platform::LoadedImage::load("image", file, anything, platform::LoadedImage::Processor::Any);
+    const auto image = platform::LoadedImage::load(
+        "image", whole ? Bytes(data, data + size) : changed(data, size),
+        [](const std::string&) { return address(openDoor); }, platform::LoadedImage::Processor::Any);
     void* original = nullptr;
-    const SymbolRebinding rebindings[] = {{"ring_bell", reinterpret_cast<void*>(&replacement), &original},
-                                          {"open_door", reinterpret_cast<void*>(&replacement), nullptr},
-                                          {"z", reinterpret_cast<void*>(&replacement), nullptr}};
+    const SymbolRebinding rebindings[] = {{"ring_bell", address(ringBell), &original},
+                                          {"open_door", address(ringBell), nullptr},
+                                          {"z", address(ringBell), nullptr}};
     rebindSymbolsInImage(image->header(), image->slide(), rebindings, std::size(rebindings));
     image->symbol("table");
   } catch (const platform::ImageRefused&) {
