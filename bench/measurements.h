@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "report.h"
 #include "service.h"
@@ -16,6 +17,9 @@ void measureMessages(Service& service, Report& report);
 // Of services of their own.
 void measureStart(Report& report);
 void measureMemory(Report& report);
+
+// With real guests and the real engine: "delay", "load" or "endurance".
+void measureMedia(Report& report, const std::string& part);
 
 // A pause between two measurements, in which the threads of both processes fall asleep.
 void rest();
