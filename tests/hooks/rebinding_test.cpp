@@ -266,31 +266,27 @@ TEST_F(RebindingSets, GrowWhileThreadsLoadImages) {
 
 // Against the rule in its plain form, over names that share beginnings, hold each other or end early.
 TEST(RebindingIndex, FindsWhatGoingThroughTheSetsWouldFind) {
-  std::vector<std::string> names;
+  std::vector<std::string> names = {"\xc3\xa9tage", "\xc3\xa9tages", "import_", "import_1", "import_1"};
   for (int i = 0; i < 2000; ++i) names.push_back("import_" + std::to_string(i * 7919 % 4001));
   for (size_t i = 1; i < 40; ++i) names.push_back(std::string(i, 'a'));
-  names.insert(names.end(),
-               {"\xc3\xa9tage", "\xc3\xa9tages", "ab", "abc", "import_", "import_1", "import_1"});
 
   static RebindingIndex index;
-  std::vector<std::unique_ptr<IndexedRebinding[]>> sets;
+  std::vector<std::vector<IndexedRebinding>> sets;
   std::map<std::string, const SymbolRebinding*> expected;
   for (size_t start = 0; start < names.size(); start += 13) {
-    const size_t count = std::min<size_t>(13, names.size() - start);
-    sets.push_back(std::make_unique<IndexedRebinding[]>(count));
-    for (size_t i = count; i-- > 0;) {
-      sets.back()[i].rebinding.name = names[start + i].c_str();
-      expected[names[start + i]] = &sets.back()[i].rebinding;
+    auto& set = sets.emplace_back(std::min<size_t>(13, names.size() - start));
+    for (size_t i = set.size(); i-- > 0;) {
+      set[i].rebinding.name = names[start + i].c_str();
+      expected[names[start + i]] = &set[i].rebinding;
     }
-    index.add(sets.back().get(), count);
+    index.add(set.data(), set.size());
   }
+  const auto find = [](const std::string& text, size_t size) { return index.find(text.c_str(), size); };
   for (const auto& [name, rebinding] : expected) {
-    const std::string followed = name + '\0' + "zzzzzzzz";
-    EXPECT_EQ(index.find(followed.c_str(), followed.size()), rebinding) << name;
-    EXPECT_EQ(index.find(name.c_str(), name.size() + 1), rebinding) << name;
-    EXPECT_EQ(index.find(name.c_str(), name.size()), nullptr) << name << ", its end left out";
-    const std::string longer = name + "~";
-    EXPECT_EQ(index.find(longer.c_str(), longer.size() + 1), nullptr) << longer;
+    EXPECT_EQ(find(name + '\0' + "zzzzzzzz", name.size() + 9), rebinding) << name;
+    EXPECT_EQ(find(name, name.size() + 1), rebinding) << name;
+    EXPECT_EQ(find(name, name.size()), nullptr) << name << ", its end left out";
+    EXPECT_EQ(find(name + "~", name.size() + 2), nullptr) << name << "~";
   }
 }
 
