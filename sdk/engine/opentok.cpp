@@ -124,6 +124,7 @@ otc_status otc_session_send_signal(otc_session* handle, const char* type, const 
 otc_status otc_session_subscribe(otc_session* handle, otc_subscriber* subscriber) {
   const std::shared_ptr<Session> session = session_of(handle);
   if (session == nullptr || subscriber == nullptr) return OTC_INVALID_PARAM;
+  subscriber->subscribed = true;
   EngineThread::get().post([session, subscriber] { session->subscribe(*subscriber); });
   return OTC_SUCCESS;
 }
@@ -131,6 +132,7 @@ otc_status otc_session_subscribe(otc_session* handle, otc_subscriber* subscriber
 otc_status otc_session_unsubscribe(otc_session* handle, otc_subscriber* subscriber) {
   const std::shared_ptr<Session> session = session_of(handle);
   if (session == nullptr || subscriber == nullptr) return OTC_INVALID_PARAM;
+  subscriber->subscribed = false;
   run_or_post([session, subscriber] { session->unsubscribe(*subscriber); });
   return OTC_SUCCESS;
 }

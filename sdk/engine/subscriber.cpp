@@ -57,7 +57,7 @@ GstPadProbeReturn picture_decoded(GstPad* pad, GstPadProbeInfo* probe, gpointer 
   const Gst<GstCaps> caps(gst_pad_get_current_caps(pad));
   GstVideoInfo info;
   GstVideoFrame mapped;
-  if (!subscriber.video || caps == nullptr || gst_video_info_from_caps(&info, caps.get()) == FALSE ||
+  if (!subscriber.subscribed || !subscriber.video || caps == nullptr || gst_video_info_from_caps(&info, caps.get()) == FALSE ||
       !is_bearable(info) ||
       gst_video_frame_map(&mapped, &info, GST_PAD_PROBE_INFO_BUFFER(probe), GST_MAP_READ) == FALSE) {
     return GST_PAD_PROBE_OK;
@@ -80,7 +80,7 @@ GstPadProbeReturn picture_decoded(GstPad* pad, GstPadProbeInfo* probe, gpointer 
 
 GstPadProbeReturn sound_decoded(GstPad*, GstPadProbeInfo* probe, gpointer data) {
   auto& subscriber = *static_cast<otc_subscriber*>(data);
-  if (!subscriber.audio) return GST_PAD_PROBE_OK;
+  if (!subscriber.subscribed || !subscriber.audio) return GST_PAD_PROBE_OK;
   GstBuffer* buffer = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(probe));
   GST_PAD_PROBE_INFO_DATA(probe) = buffer;
   GstMapInfo mapped;

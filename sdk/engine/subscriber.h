@@ -29,6 +29,8 @@ struct otc_subscriber {
   const otc_stream stream;
   const otc_subscriber_callbacks callbacks;
   std::mutex one_at_a_time;
+  // Frames and sound end with the call that unsubscribes, though the connection takes longer to end.
+  std::atomic<bool> subscribed{false};
   std::atomic<bool> video{true};
   std::atomic<bool> audio{true};
   std::atomic<unsigned> pictures{0};             // that have come so far
