@@ -54,13 +54,13 @@ TEST_F(Process, AnSdkErrorWithAGuestInDoesNotEndIt) {
   ASSERT_TRUE(studio->next("ring"));
   studio->send({{"StartBroadcast", ""}, {"ID", "cam"}});
   EXPECT_TRUE(studio->waitForLog("open_tok_logger: [ERROR] broken"));
-  EXPECT_EQ(service->waitForEnd(2), -1);
+  EXPECT_EQ(service->waitForEnd(2), Child::kRuns);
   EXPECT_EQ(studio->ask({{"There", ""}}), "world");
 }
 
 TEST_F(Process, AHungConnectEndsItAfterThirtySeconds) {
   start("connect hangs");
-  EXPECT_EQ(service->waitForEnd(29), -1);
+  EXPECT_EQ(service->waitForEnd(29), Child::kRuns);
   EXPECT_EQ(service->waitForEnd(20), 0);
   EXPECT_TRUE(studio->waitForLog("otc_session_connect timed out. exiting process."));
 }

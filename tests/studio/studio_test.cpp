@@ -4,20 +4,20 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "child.h"
 #include "studio/service_process.h"
-#include "waiting.h"
 
 namespace {
 
@@ -34,33 +34,25 @@ std::string contentOf(const fs::path& file) {
 class Program {
  public:
   explicit Program(const TemporaryFolder& directory) {
+    fs::create_directory(directory / "temporary");
     int in[2];
     int out[2];
     EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-    const std::string notes = directory / "notes";
-    const std::string temporary = directory / "temporary";
-    fs::create_directory(temporary);
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(in[0], 0);
-      dup2(out[1], 1);
-      dup2(open(notes.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
-      setenv("TMPDIR", temporary.c_str(), 1);
-      unsetenv("XDG_RUNTIME_DIR");
-      execl(ZARVO_STUDIO, "zarvo-studio", "--service", STUB_SERVICE, "--web", ZARVO_WEB, "--show",
-            "videotestsrc is-live=true", "--width", "64", "--height", "64", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
+    const int notes = open((directory / "notes").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    process_.emplace(
+        std::vector<std::string>{ZARVO_STUDIO, "--service", STUB_SERVICE, "--web", ZARVO_WEB, "--show",
+                                 "videotestsrc is-live=true", "--width", "64", "--height", "64"},
+        std::map{std::pair(0, in[0]), {1, out[1]}, {2, notes}}, [&] {
+          setenv("TMPDIR", (directory / "temporary").c_str(), 1);
+          unsetenv("XDG_RUNTIME_DIR");
+        });
+    for (const int descriptor : {in[0], out[1], notes}) close(descriptor);
     in_ = in[1];
     out_ = out[0];
   }
   ~Program() {
     closeInput();
-    kill(pid_, SIGKILL);
-    if (!ended_) waitpid(pid_, nullptr, 0);
     close(out_);
   }
 
@@ -96,18 +88,11 @@ class Program {
     }
   }
 
-  int waitForEnd() {
-    int state = 0;
-    waitpid(pid_, &state, 0);
-    ended_ = true;
-    return WIFEXITED(state) ? WEXITSTATUS(state) : -1;
-  }
-
-  void sendSignal(int number) const { kill(pid_, number); }
+  Child& process() { return *process_; }
 
   std::vector<pid_t> children() const {
     std::vector<pid_t> found;
-    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid_) + "/task")) {
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(process_->pid()) + "/task")) {
       std::ifstream list(task.path() / "children");
       for (pid_t child = 0; list >> child;) found.push_back(child);
     }
@@ -115,10 +100,9 @@ class Program {
   }
 
  private:
-  pid_t pid_;
+  std::optional<Child> process_;
   int in_;
   int out_;
-  bool ended_ = false;
   std::string unread_;
 };
 
@@ -161,7 +145,7 @@ TEST_F(StudioTest, FromTheLinkToTheEndOfInput) {
   const auto children = studio_.children();
   EXPECT_EQ(children.size(), 2u) << "the session server and the service";
   studio_.closeInput();
-  EXPECT_EQ(studio_.waitForEnd(), 0);
+  EXPECT_EQ(studio_.process().waitForEnd(), 0);
   EXPECT_THAT(contentOf(directory_ / "notes"), HasSubstr("there is no command \"nonsense\""));
   EXPECT_THAT(contentOf(directory_ / "notes"), HasSubstr("no guest is called \"nobody\""));
   expectNothingLeft(children);
@@ -181,8 +165,8 @@ TEST_F(StudioTest, AServiceThatEndsIsStartedAnew) {
   studio_.report("ring");
   studio_.say("there");
   EXPECT_TRUE(studio_.report("there").value("alive", false));
-  studio_.sendSignal(SIGTERM);
-  EXPECT_EQ(studio_.waitForEnd(), 0);
+  studio_.process().sendSignal(SIGTERM);
+  EXPECT_EQ(studio_.process().waitForEnd(), 0);
   EXPECT_TRUE(fs::is_empty(directory_ / "temporary"));
 }
 
@@ -200,8 +184,8 @@ TEST_F(StudioTest, NothingOutlivesAKilledStudio) {
   studio_.report("ring");
   const auto children = studio_.children();
   EXPECT_EQ(children.size(), 2u);
-  studio_.sendSignal(SIGKILL);
-  EXPECT_EQ(studio_.waitForEnd(), -1);
+  studio_.process().sendSignal(SIGKILL);
+  EXPECT_EQ(studio_.process().waitForEnd(), -SIGKILL);
   expectNothingLeft(children);
 }
 

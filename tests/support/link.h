@@ -126,6 +126,13 @@ inline sockaddr_un socketAddress(const std::string& path) {
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   return address;
 }
+inline int listeningSocket(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  const sockaddr_un address = socketAddress(path);
+  EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(listen(fd, 8), 0);
+  return fd;
+}
 // A bare socket connected to the service; -1 if that fails.
 inline int bareClient(const std::string& path) {
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);

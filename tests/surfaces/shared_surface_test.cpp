@@ -1,12 +1,7 @@
 // A surface in two processes: its pixels, its uses, and a process that is killed while it uses one.
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <string>
-
+#include "child.h"
 #include "link.h"
 #include "surfaces.h"
 
@@ -17,17 +12,7 @@ constexpr OSType biplanar = kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange;
 // A second process at the other end of a connection.
 class Peer {
  public:
-  Peer() {
-    std::string program = PEER_PROGRAM;
-    char* const arguments[] = {program.data(), nullptr};
-    EXPECT_EQ(0, posix_spawn(&process_, program.c_str(), nullptr, nullptr, arguments, environ));
-    connection_ = peers_.next();
-  }
-
-  ~Peer() {
-    xpc_connection_cancel(asConnection(connection_));
-    if (process_ != 0) waitpid(process_, nullptr, 0);
-  }
+  ~Peer() { xpc_connection_cancel(asConnection(connection_)); }
 
   Object ask(const char* command, const Ref<IOSurfaceRef>& surface = {}) {
     const Object asked = message("do", command);
@@ -36,9 +21,8 @@ class Peer {
   }
 
   void kill() {
-    ::kill(process_, SIGKILL);
-    waitpid(process_, nullptr, 0);
-    process_ = 0;
+    process_.sendSignal(SIGKILL);
+    process_.waitForEnd();
   }
 
  private:
@@ -48,8 +32,8 @@ class Peer {
                          xpc_connection_set_event_handler(peer, [](xpc_object_t) {});
                          peers_.put(peer);
                        })};
-  Object connection_;
-  pid_t process_ = 0;
+  Child process_{{PEER_PROGRAM}};
+  Object connection_ = peers_.next();
 };
 
 TEST(SharedSurface, PixelsAndUsesAreSeenOnBothSides) {

@@ -1,10 +1,9 @@
 // A service as a process: how it starts, how it ends, and what its clients see of that.
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <vector>
+#include <list>
 
+#include "child.h"
 #include "link.h"
 
 namespace {
@@ -13,51 +12,23 @@ constexpr char kName[] = "xpc-echo-service";  // what it is called if nothing el
 
 class ServiceTest : public testing::Test {
  protected:
-  ~ServiceTest() override {
-    for (pid_t pid : m_running) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-  }
-
-  // Starts a program and answers its process; with a socket, passes it as systemd does.
-  pid_t start(const std::vector<std::string>& command, int socket = -1) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      if (socket >= 0) {
-        dup2(dup(socket), 3);  // by another number, since a descriptor is not copied onto itself
-        setenv("LISTEN_FDS", "1", 1);
-        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-      }
-      std::vector<char*> arguments;
-      for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
-      arguments.push_back(nullptr);
-      execvp(arguments[0], arguments.data());
-      _exit(127);
-    }
-    m_running.push_back(pid);
-    return pid;
-  }
-  pid_t startService() {
-    const pid_t pid = start({ECHO_SERVICE});
+  // The service, once it listens.
+  Child& startService() {
+    Child& service = m_children.emplace_back(std::vector<std::string>{ECHO_SERVICE});
     EXPECT_TRUE(eventually([&] {
       const int fd = bareClient(m_folder / kName);
       if (fd >= 0) close(fd);
       return fd >= 0;
     }));
-    return pid;
+    return service;
   }
-  // The exit status, or minus the signal.
-  int statusOf(pid_t pid) {
-    int status = 0;
-    const bool ended = eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; });
-    if (!ended) return -1000;
-    std::erase(m_running, pid);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  // How another service process ends.
+  static int statusOfAnother(const std::map<int, int>& descriptors = {}) {
+    return Child({ECHO_SERVICE}, descriptors).waitForEnd();
   }
 
   TemporaryFolder m_folder;
-  std::vector<pid_t> m_running;
+  std::list<Child> m_children;
 };
 
 std::string ask(const Connection& connection, const char* key) {
@@ -65,55 +36,52 @@ std::string ask(const Connection& connection, const char* key) {
 }
 
 TEST_F(ServiceTest, KilledAndStartedAnewItIsReachedAgain) {
-  const pid_t first = startService();
+  Child& first = startService();
   struct stat status;
   ASSERT_EQ(stat((m_folder / kName).c_str(), &status), 0);
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFSOCK | 0600));
 
   // A second one finds the first alive.
-  EXPECT_EQ(statusOf(start({ECHO_SERVICE})), 1);
+  EXPECT_EQ(statusOfAnother(), 1);
 
   Connection connection(client(kName));
   const std::string reply = describe(message("there", "yes"));
   EXPECT_EQ(ask(connection, "there"), reply);
-  EXPECT_EQ(xpc_connection_get_pid(connection), first);
+  EXPECT_EQ(xpc_connection_get_pid(connection), first.pid());
 
-  kill(first, SIGKILL);
+  first.sendSignal(SIGKILL);
   EXPECT_EQ(connection.events.next(), XPC_ERROR_CONNECTION_INTERRUPTED);
-  EXPECT_EQ(statusOf(first), -SIGKILL);
-  const pid_t second = startService();
+  EXPECT_EQ(first.waitForEnd(), -SIGKILL);
+  Child& second = startService();
   EXPECT_EQ(ask(connection, "there"), reply);
-  EXPECT_EQ(xpc_connection_get_pid(connection), second);
+  EXPECT_EQ(xpc_connection_get_pid(connection), second.pid());
 
   EXPECT_EQ(ask(connection, "die"), "error: Connection interrupted");
-  EXPECT_EQ(statusOf(second), 3);
+  EXPECT_EQ(second.waitForEnd(), 3);
   EXPECT_EQ(ask(connection, "there"), "error: Connection invalid");
 }
 
 TEST_F(ServiceTest, AskedToEndItTellsItsClientsAndEnds) {
-  const pid_t service = startService();
+  Child& service = startService();
   Connection connection(client(kName));
   ask(connection, "begin");
-  kill(service, SIGTERM);
+  service.sendSignal(SIGTERM);
   const Object last = connection.events.next();
   ASSERT_EQ(xpc_get_type(last), XPC_TYPE_DICTIONARY);
   EXPECT_STREQ(xpc_dictionary_get_string(last, "ending"), "yes");
   EXPECT_EQ(ask(connection, "there"), describe(message("there", "yes"))) << "its transaction is still open";
   xpc_connection_send_message(connection, message("end", "yes"));
   EXPECT_EQ(connection.events.next(), XPC_ERROR_CONNECTION_INTERRUPTED);
-  EXPECT_EQ(statusOf(service), 0);
+  EXPECT_EQ(service.waitForEnd(), 0);
 }
 
 TEST_F(ServiceTest, StartedOnDemandItEndsWhenItIsIdle) {
   // A socket that another process, here this one, holds is no stale one.
-  const int listening = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  const sockaddr_un address = socketAddress(m_folder / kName);
-  ASSERT_EQ(bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(listen(listening, 8), 0);
-  EXPECT_EQ(statusOf(start({ECHO_SERVICE})), 1);
+  const int listening = listeningSocket(m_folder / kName);
+  EXPECT_EQ(statusOfAnother(), 1);
   close(accept(listening, nullptr, nullptr));
 
-  const pid_t service = start({ECHO_SERVICE}, listening);
+  Child service({ECHO_SERVICE}, {{3, listening}});
   {
     Connection connection(client(kName));
     EXPECT_EQ(ask(connection, "begin"), describe(message("begin", "yes")));
@@ -122,13 +90,13 @@ TEST_F(ServiceTest, StartedOnDemandItEndsWhenItIsIdle) {
   {
     Connection connection(client(kName));
     EXPECT_EQ(ask(connection, "end"), describe(message("end", "yes")));
-    EXPECT_EQ(waitpid(service, nullptr, WNOHANG), 0);
+    EXPECT_EQ(service.waitForEnd(std::chrono::seconds(0)), Child::kRuns);
   }
-  EXPECT_EQ(statusOf(service), 0);
+  EXPECT_EQ(service.waitForEnd(), 0);
 
   // A socket of another kind is refused.
   const int stream = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  EXPECT_EQ(statusOf(start({ECHO_SERVICE}, stream)), 1);
+  EXPECT_EQ(statusOfAnother({{3, stream}}), 1);
   close(stream);
   close(listening);
 }
@@ -136,7 +104,7 @@ TEST_F(ServiceTest, StartedOnDemandItEndsWhenItIsIdle) {
 // A client in another language, written from docs/host-link.md alone.
 TEST_F(ServiceTest, AClientWrittenFromTheDocumentIsUnderstood) {
   startService();
-  EXPECT_EQ(statusOf(start({"/usr/bin/python3", WIRE_CLIENT, m_folder / kName})), 0);
+  EXPECT_EQ(Child({"/usr/bin/python3", WIRE_CLIENT, m_folder / kName}).waitForEnd(), 0);
 }
 
 }  // namespace
