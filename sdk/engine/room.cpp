@@ -1,5 +1,6 @@
 #include "room.h"
 
+#include <algorithm>
 #include <charconv>
 #include <set>
 #include <sstream>
@@ -37,6 +38,14 @@ std::vector<json> listed(const json& data, const char* key) {
     if (is_id(string_at(element, "id"))) elements.push_back(element);
   }
   return elements;
+}
+
+// Takes out whoever has the id, if it is one.
+void without(json& list, const std::string& id) {
+  if (id.empty()) return;
+  list.erase(
+      std::remove_if(list.begin(), list.end(), [&](const json& one) { return string_at(one, "id") == id; }),
+      list.end());
 }
 
 // "1280x720"
@@ -79,7 +88,17 @@ void describe(const json& media, otc_stream& stream) {
 
 }  // namespace
 
-void Room::joined(const json& data) {
+void Room::joined(json data, const std::vector<json>& events_since) {
+  if (!data.is_object()) data = json::object();
+  for (const char* list : {"publishers", "attendees"}) {
+    if (!data[list].is_array()) data[list] = json::array();
+  }
+  for (const json& event : events_since) {
+    for (const json& publisher : listed(event, "publishers")) data["publishers"].push_back(publisher);
+    data["attendees"].push_back(object_at(event, "joining"));  // without an id it is nobody
+    without(data["publishers"], string_at(event, "unpublished"));
+    for (const char* list : {"publishers", "attendees"}) without(data[list], string_at(event, "leaving"));
+  }
   const std::vector<json> publishers = listed(data, "publishers");
   std::set<std::string> present;
   std::set<std::string> publishing;

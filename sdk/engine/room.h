@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "stream.h"
 
@@ -32,8 +33,10 @@ class Room {
   // A participant with this id is ourselves and is not reported.
   void add_own_id(const std::string& id) { own_ids_.insert(id); }
 
-  // The answer to a join: who is there already. What was known before and is not in it is dropped.
-  void joined(const nlohmann::json& data);
+  // The answer to a join: who is there already. What was known before and is not in it is dropped. The server
+  // sends events as they happen and the answer when it gets to it: what happened since the join was asked for
+  // counts as later than the answer.
+  void joined(nlohmann::json data, const std::vector<nlohmann::json>& events_since);
   // An event of the VideoRoom's.
   void event(const nlohmann::json& data);
 

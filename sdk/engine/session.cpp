@@ -98,6 +98,7 @@ void Session::janus_opened() {
 
 void Session::join(JanusConnection::Handle handle) {
   const json body = {{"request", "join"}, {"ptype", "publisher"}, {"room", id_}, {"token", token_}};
+  ++joins_under_way_;
   janus_->message(handle, body, nullptr, [this](const json& answer) {
     const json& code = object_at(plugin_data(answer), "error_code");
     if (code == json(unauthorized)) {
@@ -125,7 +126,13 @@ void Session::joined(const json& data) {
   for (auto& [publisher, publication] : publications_) {
     publication = std::make_unique<Publication>(janus_, *publisher, room_, id_, token_);
   }
-  room_.joined(data);
+  take_list(data);
+}
+
+// Who is in the room, as the answer to a join has it.
+void Session::take_list(const json& data) {
+  room_.joined(data, events_since_join_);
+  if (--joins_under_way_ == 0) events_since_join_.clear();
 }
 
 void Session::room_event(const json& event) {
@@ -138,8 +145,9 @@ void Session::room_event(const json& event) {
     disconnected("the room was closed");
   } else if (string_at(data, "leaving") == "ok") {
     disconnected("it was taken out of the room");
-  } else if (joined_) {
-    room_.event(data);
+  } else {
+    if (joins_under_way_ > 0) events_since_join_.push_back(data);
+    if (joined_) room_.event(data);
   }
 }
 
@@ -153,9 +161,14 @@ void Session::learn_what_was_missed() {
         if (handle == 0) return;
         const json body = {
             {"request", "join"}, {"ptype", "publisher"}, {"room", id_}, {"token", token_}, {"id", visitor}};
+        ++joins_under_way_;
         janus_->message(handle, body, nullptr, [this, handle](const json& answer) {
           janus_->detach(handle);
-          if (!JanusConnection::is_error(answer)) room_.joined(plugin_data(answer));
+          if (JanusConnection::is_error(answer)) {
+            --joins_under_way_;
+          } else {
+            take_list(plugin_data(answer));
+          }
         });
       });
 }

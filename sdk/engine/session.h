@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "callback_scope.h"
 #include "janus_connection.h"
@@ -68,6 +69,7 @@ class Session : public std::enable_shared_from_this<Session>,
 
   void join(JanusConnection::Handle handle);
   void joined(const json& data);
+  void take_list(const json& data);
   void room_event(const json& event);
   void learn_what_was_missed();
   void fail(int code, const std::string& text);
@@ -88,6 +90,8 @@ class Session : public std::enable_shared_from_this<Session>,
   std::string token_;
   std::atomic<bool> closed_{false};
   bool joined_ = false;
+  int joins_under_way_ = 0;
+  std::vector<json> events_since_join_;  // while a join is under way
   std::shared_ptr<JanusConnection> janus_;
   Room room_;
   Signals signals_;

@@ -1,0 +1,129 @@
+// A session server that is not as it should be.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libsoup/soup.h>
+
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "program.h"
+
+namespace {
+
+using json = nlohmann::json;
+using testing::SizeIs;
+using testing::StartsWith;
+
+// Speaks the server's protocol as far as a session and its handles; what a plugin says to a "join" is the
+// test's, and a guest publishes just before.
+class FakeServer {
+ public:
+  explicit FakeServer(std::function<json(const json& body)> joined) : joined_(std::move(joined)) {
+    std::promise<std::string> address;
+    thread_ = std::thread([this, &address] { serve(address); });
+    setenv("ZARVO_SESSION_SERVER", address.get_future().get().c_str(), 1);
+  }
+
+  ~FakeServer() {
+    g_main_context_invoke(
+        context_,
+        [](gpointer loop) { return g_main_loop_quit(static_cast<GMainLoop*>(loop)), G_SOURCE_REMOVE; },
+        loop_);
+    thread_.join();
+  }
+
+ private:
+  void serve(std::promise<std::string>& address) {
+    context_ = g_main_context_new();
+    g_main_context_push_thread_default(context_);
+    loop_ = g_main_loop_new(context_, FALSE);
+    SoupServer* server = soup_server_new(nullptr, nullptr);
+    char protocol[] = "janus-protocol";
+    char* protocols[] = {protocol, nullptr};
+    soup_server_add_websocket_handler(
+        server, nullptr, nullptr, protocols,
+        +[](SoupServer*, SoupServerMessage*, const char*, SoupWebsocketConnection* client, gpointer self) {
+          g_object_ref(client);
+          g_signal_connect(client, "message", G_CALLBACK(received), self);
+          g_signal_connect(client, "closed", G_CALLBACK(g_object_unref), nullptr);
+        },
+        this, nullptr);
+    ASSERT_TRUE(soup_server_listen_local(server, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, nullptr));
+    GSList* uris = soup_server_get_uris(server);
+    address.set_value("ws://127.0.0.1:" + std::to_string(g_uri_get_port(static_cast<GUri*>(uris->data))));
+    g_slist_free_full(uris, reinterpret_cast<GDestroyNotify>(g_uri_unref));
+    g_main_loop_run(loop_);
+    soup_server_disconnect(server);
+    g_object_unref(server);
+    g_main_loop_unref(loop_);
+    g_main_context_pop_thread_default(context_);
+    g_main_context_unref(context_);
+  }
+
+  static void received(SoupWebsocketConnection* client, int, GBytes* bytes, FakeServer* self) {
+    gsize size = 0;
+    const auto* text = static_cast<const char*>(g_bytes_get_data(bytes, &size));
+    const json request = json::parse(text, text + size);
+    const std::string kind = request["janus"];
+    json answer = {{"janus", "ack"}, {"transaction", request["transaction"]}};
+    if (kind == "create" || kind == "attach") {
+      answer["janus"] = "success";
+      answer["data"]["id"] = ++self->last_id_;
+    } else if (kind == "message") {
+      soup_websocket_connection_send_text(client, answer.dump().c_str());
+      const json event = {{"videoroom", "event"},
+                          {"publishers", {{{"id", "early"}, {"display", "Guest - Early"}}}}};
+      const json early = {
+          {"janus", "event"}, {"sender", request["handle_id"]}, {"plugindata", {{"data", event}}}};
+      soup_websocket_connection_send_text(client, early.dump().c_str());
+      const json data = self->joined_(request["body"]);
+      if (data.is_null()) return;
+      answer.update({{"janus", "event"}, {"plugindata", {{"data", data}}}});
+    }
+    soup_websocket_connection_send_text(client, answer.dump().c_str());
+  }
+
+  std::function<json(const json&)> joined_;
+  GMainContext* context_ = nullptr;
+  GMainLoop* loop_ = nullptr;
+  int last_id_ = 0;
+  std::thread thread_;
+};
+
+TEST(Server, OneThatDoesNotAnswerAJoinIsGivenUp) {
+  const FakeServer server([](const json&) { return json(); });
+  Program program;
+  program.connect("room", "token");
+  EXPECT_TRUE(program.wait([](Program& p) { return !p.error_text.empty(); }));
+  EXPECT_THAT(program.error_text, StartsWith("Session room could not be joined: the server does not answer"));
+}
+
+TEST(Server, WhoeverComesDuringTheJoinIsSeenAndNamesAreBounded) {
+  const std::string stars = "Guest - " + [] {
+    std::string text;
+    for (int i = 0; i < 20'000; ++i) text += "★";
+    return text;
+  }();
+  const FakeServer server([&](const json& body) {
+    if (body.value("request", "") != "join") return json();
+    return json{
+        {"videoroom", "joined"},
+        {"id", "us"},
+        {"publishers",
+         {{{"id", "long"}, {"display", stars}}, {{"id", std::string(1000, 'x')}, {"display", "Guest - X"}}}}};
+  });
+  Program program;
+  program.connect("room", "token");
+  EXPECT_TRUE(program.wait([](Program& p) { return p.streams.size() == 2; }));
+  program.disconnect();
+  ASSERT_THAT(program.streams, SizeIs(2));
+  EXPECT_EQ(program.streams.begin()->first, "Guest - Early");
+  const std::string name = program.streams.rbegin()->first;
+  EXPECT_EQ(name.size(), 254);
+  EXPECT_THAT(stars, StartsWith(name));
+}
+
+}  // namespace
