@@ -6,7 +6,10 @@ namespace studio {
 
 namespace {
 
-constexpr guint64 largestMessage = 262'144;
+// Of a guest's, who is not trusted: session descriptions are the largest. Of the server's: the list of all
+// who are in a large room, with what guests choose to call themselves.
+constexpr guint64 largestFromGuest = 65'536;
+constexpr guint64 largestFromJanus = 16'777'216;
 constexpr guint keepaliveSeconds = 20;
 constexpr std::size_t mostEarly = 16;
 
@@ -77,7 +80,8 @@ Relay::~Relay() {
 }
 
 void Relay::attach(SoupWebsocketConnection* end) {
-  soup_websocket_connection_set_max_incoming_payload_size(end, largestMessage);
+  soup_websocket_connection_set_max_incoming_payload_size(
+      end, end == guest_ ? largestFromGuest : largestFromJanus);
   soup_websocket_connection_set_keepalive_interval(end, keepaliveSeconds);
   g_signal_connect(end, "message",
                    G_CALLBACK(+[](SoupWebsocketConnection* from, int type, GBytes* message, gpointer self) {
