@@ -14,11 +14,12 @@ const LENGTH = Number(process.env.SHOW_MINUTES ?? 1) * 60_000;
 const PATIENCE = 30_000;
 const SIZE = { width: 640, height: 360 };
 
-const picture = (what, { width, height } = SIZE, fps = 30) =>
-  `videotestsrc is-live=true ${what} ! video/x-raw,width=${width},height=${height},framerate=${fps}/1 ! identity`;
-const plain = ([red, green, blue], hertz) =>
-  picture(`pattern=solid-color foreground-color=${0xff000000 + red * 65_536 + green * 256 + blue}`) +
-  ` audiotestsrc is-live=true freq=${hertz} volume=0.5`;
+const size = ({ width, height }, fps) => `video/x-raw,width=${width},height=${height},framerate=${fps}/1`;
+const filled = ([red, green, blue]) =>
+  `pattern=solid-color foreground-color=${0xff000000 + red * 65_536 + green * 256 + blue}`;
+const picture = (what, dimensions = SIZE, fps = 30) =>
+  `videotestsrc is-live=true ${what} ! ${size(dimensions, fps)} ! identity`;
+const plain = (rgb, hertz) => `${picture(filled(rgb))} audiotestsrc is-live=true freq=${hertz} volume=0.5`;
 const RED = { rgb: [200, 30, 30], hertz: 520 };
 const BLUE = { rgb: [32, 64, 192], hertz: 880 };
 
@@ -26,10 +27,17 @@ let browser, studio;
 before(async () => (browser = await launch()));
 after(() => browser?.close());
 
+async function open(context, show, options) {
+  const words = Object.entries(options).flatMap(([name, value]) => [`--${name}`, String(value)]);
+  studio = await Studio.start("--no-log", "--show", show, ...words);
+  context.after(() => studio.close());
+}
+
 // ---- What is to be seen and heard --------------------------------------------
 
 async function until(what, fits) {
-  for (const end = Date.now() + PATIENCE; !fits(); await pause(50)) assert.ok(Date.now() < end, `never: ${what}`);
+  for (const end = Date.now() + PATIENCE; !fits(); await pause(50))
+    assert.ok(Date.now() < end, `never: ${what}`);
 }
 
 /**
@@ -56,7 +64,8 @@ function look(page, frames) {
         const { data } = context.getImageData(0, 0, width, height);
         const at = (x, y) => (Math.floor(y) * width + Math.floor(x)) * 4;
         const middle = at(width / 2, height / 2);
-        let least = 255, most = 0;
+        let least = 255,
+          most = 0;
         for (let y = 0; y < height; y++) {
           for (let part = 0.05; part < 1; part += 0.1) {
             const green = data[at(width * part, y) + 1];
@@ -77,7 +86,7 @@ function look(page, frames) {
 
 /** Resolves when the show is of that colour at the guest, and sounds at that pitch. */
 async function shows(page, { rgb, hertz }) {
-  for (const end = Date.now() + PATIENCE; ; ) {
+  for (const end = Date.now() + PATIENCE; ;) {
     const seen = await look(page, 1);
     if (alike(seen.rgb, rgb)) break;
     assert.ok(Date.now() < end, `the show is ${seen.rgb}, not ${rgb}`);
@@ -90,7 +99,7 @@ async function shows(page, { rgb, hertz }) {
       context.createMediaStreamSource(document.querySelector("#show").srcObject).connect(analyser);
       const bins = new Float32Array(analyser.frequencyBinCount);
       let tone = 0;
-      for (const end = Date.now() + patience; Date.now() < end && Math.abs(tone - hertz) > 10; ) {
+      for (const end = Date.now() + patience; Date.now() < end && Math.abs(tone - hertz) > 10;) {
         await new Promise((done) => setTimeout(done, 100));
         analyser.getFloatFrequencyData(bins);
         const at = bins.indexOf(Math.max(...bins));
@@ -123,7 +132,9 @@ let ids = {};
 /** Brings a ringing guest in and sees their picture at the studio. */
 async function bringIn(id, isCamera = true) {
   studio.say(`admit ${id}`);
-  await studio.guests("the guest is seen", ({ guests }) => guests.some((row) => row.id === id && row.fps > 0));
+  await studio.guests("the guest is seen", ({ guests }) =>
+    guests.some((row) => row.id === id && row.fps > 0),
+  );
   const { width, height, quarters } = await studio.snapshot(id);
   if (!isCamera) return assert.notEqual(width, CAMERA_SIZE.width);
   assert.deepEqual({ width, height }, CAMERA_SIZE);
@@ -133,7 +144,10 @@ async function bringIn(id, isCamera = true) {
 /** The id of whoever rings under that name, and has not been here under one of the `known` ids. */
 async function ringer(name, screenShare, known) {
   const fits = (row) =>
-    row.state === "ringing" && row.name === `Guest - ${name}` && row.screenShare === screenShare && !known.includes(row.id);
+    row.state === "ringing" &&
+    row.name === `Guest - ${name}` &&
+    row.screenShare === screenShare &&
+    !known.includes(row.id);
   const { guests } = await studio.guests(`${name} rings`, ({ guests }) => guests.some(fits));
   return guests.findLast(fits).id;
 }
@@ -210,21 +224,32 @@ async function round(number) {
     await says(page, `#chat [data-uuid="${line.uuid}"] .what`, new RegExp(`^Round ${number}$`));
   }
   studio.say(`fav ${uuid} on`);
-  await Promise.all([ada, bob].map((page) => page.waitForSelector(`[data-uuid="${uuid}"] .star[aria-pressed="true"]`)));
+  await Promise.all(
+    [ada, bob].map((page) => page.waitForSelector(`[data-uuid="${uuid}"] .star[aria-pressed="true"]`)),
+  );
   const marked = studio.now;
   await bob.click(`#comments [data-uuid="${uuid}"] .star`);
   await studio.report("fav", { uuid, state: "no" }, marked);
   await bob.fill("#chat-text", `Bob's ${number}`);
   await bob.press("#chat-text", "Enter");
   await studio.report("chat", { message: `Bob's ${number}`, name: "Bob" }, marked);
-  await ada.waitForFunction((text) => document.querySelector("#chat").textContent.includes(text), `Bob's ${number}`);
+  await ada.waitForFunction(
+    (text) => document.querySelector("#chat").textContent.includes(text),
+    `Bob's ${number}`,
+  );
 
   const read = studio.notes.length;
-  for (const command of ["log on", "help", "link", "show", "help admit", "nonsense", "log off"]) studio.say(command);
+  for (const command of ["log on", "help", "link", "show", "help admit", "nonsense", "log off"])
+    studio.say(command);
   await done();
   const noted = () => studio.notes.slice(read);
   await until("the prompt answers", () => /no command "nonsense"/.test(noted()));
-  for (const words of ["record-audio ID SECONDS FILE", studio.link, "The show: videotestsrc", "admit ID - "]) {
+  for (const words of [
+    "record-audio ID SECONDS FILE",
+    studio.link,
+    "The show: videotestsrc",
+    "admit ID - ",
+  ]) {
     assert.ok(noted().includes(words), `"${words}" is not in:\n${noted()}`);
   }
   studio.say(`greenroom ${ids.ada}`);
@@ -246,19 +271,20 @@ async function tearing() {
 /** A source that changes its size, ends, stalls, or is none. */
 async function sources() {
   const green = [30, 180, 30];
-  const small = { width: 320, height: 180 };
-  const part = ([red, green, blue], size) =>
-    `videotestsrc num-buffers=45 pattern=solid-color foreground-color=${0xff000000 + red * 65_536 + green * 256 + blue} ! ` +
-    `video/x-raw,width=${size.width},height=${size.height},framerate=30/1 ! parts.`;
+  const part = (rgb, dimensions) =>
+    `videotestsrc num-buffers=45 ${filled(rgb)} ! ${size(dimensions, 30)} ! parts.`;
   let from = studio.now;
-  studio.say(`show concat name=parts ! identity ${part(BLUE.rgb, SIZE)} ${part(green, small)}`);
+  studio.say(
+    `show concat name=parts ! identity ${part(BLUE.rgb, SIZE)} ${part(green, { width: 320, height: 180 })}`,
+  );
   await studio.report("show", { state: "ended" }, from);
-  await Promise.all(Object.values(pages).map((page) => shows(page, { rgb: green }))); // the last picture stays
+  // The last picture stays.
+  await Promise.all(Object.values(pages).map((page) => shows(page, { rgb: green })));
   const seen = await look(pages.ada, 1);
   assert.deepEqual({ width: seen.width, height: seen.height }, SIZE);
 
   from = studio.now;
-  studio.say(`show ${picture("pattern=solid-color foreground-color=0xffc81e1e")} sleep-time=1500000`);
+  studio.say(`show ${picture(filled(RED.rgb))} sleep-time=1500000`);
   await studio.report("show", { state: "stalled" }, from);
   await studio.report("show", { state: "goes on" }, from);
   await shows(pages.bob, { rgb: RED.rgb });
@@ -275,7 +301,10 @@ async function losses() {
   await pause(4_000); // as long as it hangs
   process.kill(janus, "SIGCONT");
   await flows();
-  assert.equal(studio.reports.slice(hung).some(({ event }) => event === "dropped" || event === "serviceEnded"), false);
+  assert.equal(
+    studio.reports.slice(hung).some(({ event }) => event === "dropped" || event === "serviceEnded"),
+    false,
+  );
 
   const killed = studio.now;
   let known = Object.values(ids);
@@ -316,8 +345,7 @@ async function removals() {
 }
 
 test("a show with two guests and a screen holds, whatever happens in it", async (context) => {
-  studio = await Studio.start("--no-log", "--show", plain(RED.rgb, RED.hertz), "--width", String(SIZE.width), "--height", String(SIZE.height));
-  context.after(() => studio.close());
+  await open(context, plain(RED.rgb, RED.hertz), SIZE);
   const start = Date.now();
   const first = { service: service() };
   const figures = (what) => {
@@ -337,37 +365,46 @@ test("a show with two guests and a screen holds, whatever happens in it", async 
   while (Date.now() - start < LENGTH) {
     await round(number++);
     const rates = (await studio.ask("guests", "guests")).guests.map(({ fps }) => Math.round(fps)).join(", ");
-    figures(`round ${number - 1}, show ${Math.round((await look(pages.ada, 30)).fps)} and guests ${rates} frames a second`);
+    const shown = Math.round((await look(pages.ada, 30)).fps);
+    figures(`round ${number - 1}, show ${shown} and guests ${rates} frames a second`);
   }
   assert.equal(service(), first.service, "the service has been the same all the time");
   [held(service()).memory, held(studio.pid).memory].forEach((now, at) =>
-    assert.ok(now < memory[at] + 60, `${["service", "studio"][at]}: ${memory[at]} MB, then ${now} MB`),
+    assert.ok(now < memory[at] + 30, `${["service", "studio"][at]}: ${memory[at]} MB, then ${now} MB`),
   );
   await removals();
-  assert.deepEqual(browser.faults.filter((text) => !/WebSocket connection|ERR_|Failed to load/.test(text)), []);
+  assert.deepEqual(
+    browser.faults.filter((text) => !/WebSocket connection|ERR_|Failed to load/.test(text)),
+    [],
+  );
   await Promise.all(Object.values(pages).map((page) => page.context().close()));
 });
 
+/** One guest in a show of small pictures that are dark and bright by turns. */
+async function small(context, fps) {
+  const options = { width: 320, height: 180, fps };
+  await open(context, picture("pattern=blink", options, fps), options);
+  const page = await browser.open(studio.link, { name: "Ada" });
+  context.after(() => page.context().close());
+  await ring(page);
+  const id = await ringer("Ada", false, []);
+  await bringIn(id);
+  return { page, id };
+}
+
 for (const fps of [5, 120]) {
-  test(`a show of ${fps} frames a second reaches the guest${fps === 120 ? ", and a hundred quick stops and rejoins leave nothing behind" : ""}`, async (context) => {
-    const small = { width: 320, height: 180 };
-    studio = await Studio.start("--no-log", "--show", picture("pattern=blink", small, fps), "--width", "320", "--height", "180", "--fps", String(fps));
-    context.after(() => studio.close());
-    const page = await browser.open(studio.link, { name: "Ada" });
-    await ring(page);
-    const id = await ringer("Ada", false, []);
-    await bringIn(id);
+  test(`a show of ${fps} frames a second reaches the guest`, async (context) => {
+    const { page } = await small(context, fps);
     await look(page, fps);
     const seen = await look(page, fps * 4);
     context.diagnostic(`${seen.fps.toFixed(1)} frames a second at the guest`);
     assert.equal(seen.mixed, 0);
-    assert.ok(seen.fps <= fps * 1.1 && seen.fps > Math.min(fps / 2, 8), `${seen.fps} frames a second`);
-    if (fps === 120) await turns(page, id, context);
-    await page.context().close();
+    assert.ok(seen.fps <= fps * 1.1 && seen.fps > Math.min(fps * 0.8, 10), `${seen.fps} frames a second`);
   });
 }
 
-async function turns(page, id, context) {
+test("a hundred quick stops and rejoins leave nothing behind", async (context) => {
+  const { page, id } = await small(context, 30);
   const pid = service();
   const before = held(pid);
   for (let turn = 1; turn <= 100; turn++) {
@@ -378,9 +415,9 @@ async function turns(page, id, context) {
   await ringer("Ada", false, []);
   await bringIn(id);
   await look(page, 10);
-  const now = held(pid);
-  context.diagnostic(`before ${JSON.stringify(before)}, after a hundred turns ${JSON.stringify(now)}`);
+  const after = held(pid);
+  context.diagnostic(`before ${JSON.stringify(before)}, after ${JSON.stringify(after)}`);
   assert.equal(service(), pid);
-  const { memory, files, threads } = before;
-  assert.ok(now.memory < memory + 60 && now.files < files + 30 && now.threads < threads + 30, JSON.stringify({ before, now }));
-}
+  const bounds = { memory: 20, files: 10, threads: 10 };
+  for (const [what, bound] of Object.entries(bounds)) assert.ok(after[what] < before[what] + bound, what);
+});
