@@ -1,5 +1,5 @@
-// How long a picture takes from a guest's camera to the studio, and from the studio to a guest's browser, beside what it
-// takes from browser to browser in the same room.
+// How long a picture takes from a guest's camera to the studio, and from the studio to a guest's browser,
+// beside what it takes from browser to browser in the same room.
 
 import { launch, ring } from "../../tests/e2e/support/browser.js";
 import { Studio } from "./studio.js";

@@ -20,7 +20,9 @@ export function family(pid) {
 const TICKS_A_SECOND = 100; // what Linux shows to programs, whatever it counts in
 
 function processorTime(pid) {
-  const afterName = readFileSync(`/proc/${pid}/stat`, "utf8").replace(/^.*\) /s, "").split(" ");
+  const afterName = readFileSync(`/proc/${pid}/stat`, "utf8")
+    .replace(/^.*\) /s, "")
+    .split(" ");
   return (Number(afterName[11]) + Number(afterName[12])) / TICKS_A_SECOND;
 }
 
@@ -34,6 +36,7 @@ export async function load(pids, seconds) {
 
 /** Resident memory, in MiB; what processes share counts once. */
 export function memory(pids) {
-  const proportional = (pid) => Number(readFileSync(`/proc/${pid}/smaps_rollup`, "utf8").match(/^Pss:\s+(\d+)/m)[1]);
+  const proportional = (pid) =>
+    Number(readFileSync(`/proc/${pid}/smaps_rollup`, "utf8").match(/^Pss:\s+(\d+)/m)[1]);
   return pids.reduce((sum, pid) => sum + proportional(pid), 0) / 1024;
 }

@@ -1,5 +1,5 @@
-// Guests whose pictures cost nothing to make: one encoded stream, which the session server takes for each guest's. The
-// requests to the server go by way of a page that speaks its protocol.
+// Guests whose pictures cost nothing to make: one encoded stream, which the session server takes for each
+// guest's. The requests to the server go by way of a page that speaks its protocol.
 
 import { randomBytes } from "node:crypto";
 import { createSocket } from "node:dgram";
@@ -87,7 +87,8 @@ export class Guests {
   }
 
   async stopForwarding() {
-    for (const forwarder of this.#forwarders.splice(0)) await this.#ask({ request: "stop_rtp_forward", ...forwarder });
+    for (const forwarder of this.#forwarders.splice(0))
+      await this.#ask({ request: "stop_rtp_forward", ...forwarder });
   }
 
   /** Has the page receive and show all guests. */

@@ -1,5 +1,6 @@
-// What the service takes of the processor and of memory with guests in it and the show going out, beside a bare pipeline
-// that receives and decodes the same streams and encodes the same show, and beside a browser that receives them.
+// What the service takes of the processor and of memory with guests in it and the show going out, beside a
+// bare pipeline that receives and decodes the same streams and encodes the same show, and beside a browser
+// that receives them.
 
 import { launch } from "../../tests/e2e/support/browser.js";
 import { family, load, memory } from "./figures.js";
@@ -22,7 +23,8 @@ export async function measureLoad(programs, report) {
       const show = await guests.startShow();
       const bare = await Pipeline.start(barePipeline(await guests.forward(), show.socket));
       const floor = await taken(family(bare.pid));
-      if (bare.frames < count * FRAMES_PER_SECOND * SECONDS) throw new Error("the bare pipeline does not keep up");
+      if (bare.frames < count * FRAMES_PER_SECOND * SECONDS)
+        throw new Error("the bare pipeline does not keep up");
       await bare.end();
       await show.end();
       await guests.stopForwarding();

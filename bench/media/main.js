@@ -1,5 +1,5 @@
-// main.js PROGRAMS PART: what takes real browsers and a real session server to measure. PROGRAMS is the folder of the
-// programs that were built. Each row of the result is a line of JSON on standard output.
+// main.js PROGRAMS PART: what takes real browsers and a real session server to measure. PROGRAMS is the
+// folder of the programs that were built. Each row of the result is a line of JSON on standard output.
 
 import { readFileSync } from "node:fs";
 

@@ -12,7 +12,9 @@ export class Pipeline {
   static async start(description) {
     const pipeline = new Pipeline();
     const words = description.match(/(?:[^\s"]|"[^"]*")+/g).map((word) => word.replaceAll('"', ""));
-    pipeline.#process = spawn("gst-launch-1.0", ["--verbose", ...words], { stdio: ["ignore", "pipe", "inherit"] });
+    pipeline.#process = spawn("gst-launch-1.0", ["--verbose", ...words], {
+      stdio: ["ignore", "pipe", "inherit"],
+    });
     await new Promise((resolve, reject) => {
       pipeline.#process.once("exit", () => reject(new Error(`a pipeline ended:\n${description}`)));
       createInterface({ input: pipeline.#process.stdout }).on("line", (line) => {

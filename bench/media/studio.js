@@ -35,7 +35,10 @@ export class Studio {
   next(fits) {
     const from = this.#lines.length;
     return new Promise((resolve, reject) => {
-      const timer = setTimeout(() => end(reject, new Error("the studio does not say what it should")), PATIENCE);
+      const timer = setTimeout(
+        () => end(reject, new Error("the studio does not say what it should")),
+        PATIENCE,
+      );
       const end = (settle, value) => {
         clearTimeout(timer);
         this.#waiting.delete(look);

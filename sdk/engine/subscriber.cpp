@@ -57,8 +57,8 @@ GstPadProbeReturn picture_decoded(GstPad* pad, GstPadProbeInfo* probe, gpointer 
   const Gst<GstCaps> caps(gst_pad_get_current_caps(pad));
   GstVideoInfo info;
   GstVideoFrame mapped;
-  if (!subscriber.subscribed || !subscriber.video || caps == nullptr || gst_video_info_from_caps(&info, caps.get()) == FALSE ||
-      !is_bearable(info) ||
+  if (!subscriber.subscribed || !subscriber.video || caps == nullptr ||
+      gst_video_info_from_caps(&info, caps.get()) == FALSE || !is_bearable(info) ||
       gst_video_frame_map(&mapped, &info, GST_PAD_PROBE_INFO_BUFFER(probe), GST_MAP_READ) == FALSE) {
     return GST_PAD_PROBE_OK;
   }

@@ -181,7 +181,8 @@ struct otc_subscriber_callbacks {
 };
 
 /* Makes a subscriber of a stream that receives nothing yet. Audio and video are on. */
-otc_subscriber* otc_subscriber_new(const otc_stream* stream, const struct otc_subscriber_callbacks* callbacks);
+otc_subscriber* otc_subscriber_new(const otc_stream* stream,
+                                   const struct otc_subscriber_callbacks* callbacks);
 /* What is switched off is stopped at the server and costs nothing. May be called
  * before and after the subscription. */
 otc_status otc_subscriber_set_subscribe_to_video(otc_subscriber* subscriber, otc_bool on);
