@@ -26,11 +26,14 @@ int run(const std::vector<std::string>& parts) {
   };
   const auto next = [](const std::string& part) { fmt::print(stderr, "zarvo-bench: measuring {}\n", part); };
   Report report;
+  int status = 0;
   // Before the rest raises this process's priority, since processes inherit it.
   for (const std::string part : {"delay", "load", "endurance"}) {
     if (!wanted(part)) continue;
     next(part);
-    measureMedia(report, part);
+    if (measureMedia(report, part)) continue;
+    fmt::print(stderr, "zarvo-bench: \"{}\" was not measured whole; the lines above say why\n", part);
+    status = 1;
   }
   // Where that is allowed, so that the machine's other work is heard less; the service inherits it.
   setpriority(PRIO_PROCESS, 0, -20);
@@ -53,7 +56,7 @@ int run(const std::vector<std::string>& parts) {
   if (wanted("hooks")) measureHooks(report);
   report.print();
   report.write("build/bench.json");
-  return 0;
+  return status;
 }
 
 }  // namespace

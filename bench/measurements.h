@@ -18,8 +18,8 @@ void measureMessages(Service& service, Report& report);
 void measureStart(Report& report);
 void measureMemory(Report& report);
 
-// With real guests and the real engine: "delay", "load" or "endurance".
-void measureMedia(Report& report, const std::string& part);
+// With real guests and the real engine: "delay", "load" or "endurance". False if rows are missing.
+bool measureMedia(Report& report, const std::string& part);
 
 // A pause between two measurements, in which the threads of both processes fall asleep.
 void rest();
