@@ -165,7 +165,7 @@ void Session::learn_what_was_missed() {
         janus_->message(handle, body, nullptr, [this, handle](const json& answer) {
           janus_->detach(handle);
           if (JanusConnection::is_error(answer)) {
-            --joins_under_way_;
+            if (--joins_under_way_ == 0) events_since_join_.clear();
           } else {
             take_list(plugin_data(answer));
           }
