@@ -158,6 +158,19 @@ test("on air at desk and phone width, in light and dark, nothing is in anybody's
   await studio.clear();
 });
 
+test("a ring that fails on the way is tried again", async () => {
+  const page = await browser.open("about:blank", { name: "Ada" });
+  let connections = 0;
+  await page.routeWebSocket(/janus/, (socket) =>
+    ++connections === 1 ? socket.close() : socket.connectToServer(),
+  );
+  await page.goto(studio.link);
+  await bringIn(page, "Ada");
+  assert.equal(connections, 2);
+  await page.context().close();
+  await studio.clear();
+});
+
 test("a guest on air stays there over a lost connection", async () => {
   const cable = await Cable.to(studio.link);
   const page = await browser.open(cable.link, { name: "Eve" });

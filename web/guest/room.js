@@ -10,6 +10,7 @@ const SHOW_NAME = "ZarvoLive";
 
 const WATCH_AGAIN_TIME = 1_000;
 const RETRY_TIMES = [500, 1_000, 2_000, 4_000];
+const RINGS = 3; // how often a first ring is tried before the guest hears that it failed
 
 /**
  * One guest in one room. What happens there is told to `on`:
@@ -36,7 +37,7 @@ export class Room {
   #screenStream = null;
   #audioOn = true;
   #closed = false;
-  #mending = false;
+  #connecting = false;
   #wake = () => {};
 
   /** `link` is `{ url, room, token, iceServers }`. */
@@ -49,13 +50,7 @@ export class Room {
   /** Enters the room and rings with the camera's stream. Ends in `on.entered` or `on.refused`. */
   async enter(stream) {
     this.#stream = stream;
-    try {
-      await this.#enter();
-    } catch (error) {
-      if (this.#closed || this.#mending) return;
-      this.close();
-      this.#on.refused(error);
-    }
+    await this.#connect({ attempts: RINGS });
   }
 
   /** Leaves the room; nothing is told any more. */
@@ -201,13 +196,17 @@ export class Room {
 
   // ---- A lost network ------------------------------------------------------
 
-  // Goes on until the room is entered again, refuses, or is left. A session that the server still
-  // has is claimed, so that a guest who is on air stays there; otherwise the guest rings anew.
   async #mend(claimable) {
-    if (this.#mending || this.#closed) return;
-    this.#mending = true;
+    if (this.#connecting || this.#closed) return;
     this.#on.lost();
-    for (let attempt = 0; !this.#closed; attempt++) {
+    await this.#connect({ claimable });
+  }
+
+  // Goes on until the room is entered, refuses, or is left. A session that the server still has is
+  // claimed, so that a guest who is on air stays there; otherwise the guest rings anew.
+  async #connect({ claimable = false, attempts = Infinity }) {
+    this.#connecting = true;
+    for (let attempt = 1; !this.#closed; attempt++) {
       try {
         if (claimable && (await this.#claim())) {
           this.#on.mended();
@@ -218,17 +217,18 @@ export class Room {
         }
         break;
       } catch (error) {
+        if (this.#closed) break;
         if (error.code === NO_SUCH_SESSION) {
           claimable = false;
-        } else if (error.code) {
+        } else if (error.code || attempt === attempts) {
           this.close();
           this.#on.refused(error);
         } else {
-          await this.#pause(RETRY_TIMES[Math.min(attempt, RETRY_TIMES.length - 1)]);
+          await this.#pause(RETRY_TIMES[Math.min(attempt, RETRY_TIMES.length) - 1]);
         }
       }
     }
-    this.#mending = false;
+    this.#connecting = false;
   }
 
   // True when the session is this page's again, its streams are still there, and all of them look for

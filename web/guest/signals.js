@@ -24,18 +24,9 @@ export class Signals {
     this.#peer.onfailed = () => this.onfailed();
     const { jsep } = await handle.request({ request: "setup" });
     this.#channel = this.#peer.connection.createDataChannel("JanusDataChannel");
-    const opened = new Promise((resolve, reject) => {
-      const timer = setTimeout(
-        () => reject(new Error("No connection for messages could be made.")),
-        OPEN_TIME,
-      );
-      this.#channel.onopen = () => (clearTimeout(timer), resolve());
-    });
-    await handle.request({ request: "ack" }, await this.#peer.answer(jsep));
-    await opened;
-    const joined = this.#joined();
-    this.#post({ textroom: "join", room, token, username });
-    await joined;
+    const answer = await this.#peer.answer(jsep);
+    await Promise.all([this.#opened(), handle.request({ request: "ack" }, answer)]);
+    await this.#join({ room, token, username });
     this.#channel.onmessage = ({ data }) => this.#receive(data);
   }
 
@@ -64,7 +55,17 @@ export class Signals {
     this.#channel.send(JSON.stringify({ ...message, transaction: `t${++this.#transactions}` }));
   }
 
-  #joined() {
+  #opened() {
+    return new Promise((resolve, reject) => {
+      const timer = setTimeout(
+        () => reject(new Error("No connection for messages could be made.")),
+        OPEN_TIME,
+      );
+      this.#channel.onopen = () => (clearTimeout(timer), resolve());
+    });
+  }
+
+  #join(who) {
     return new Promise((resolve, reject) => {
       const timer = setTimeout(() => reject(new Error("The room does not answer.")), OPEN_TIME);
       this.#channel.onmessage = ({ data }) => {
@@ -74,6 +75,7 @@ export class Signals {
         if (answer.textroom === "success") resolve();
         else reject(new Error(answer.error));
       };
+      this.#post({ textroom: "join", ...who });
     });
   }
 
