@@ -1,6 +1,7 @@
 #include "program.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <complex>
 #include <numbers>
@@ -166,7 +167,8 @@ void Program::disconnect() {
   note([&] { session_ = nullptr; });
 }
 
-bool Program::wait(const std::function<bool(Program&)>& so, std::chrono::seconds deadline) {
+bool Program::wait(const std::function<bool(Program&)>& so) {
+  constexpr std::chrono::minutes deadline(3);
   std::unique_lock lock(mutex_);
   return changed_.wait_for(lock, deadline, [&] { return so(*this); });
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -47,9 +46,8 @@ class Program {
   void disconnect();
   otc_session* session() const { return session_; }
 
-  // Waits until it is so; false after the deadline. `so` runs with everything held still.
-  bool wait(const std::function<bool(Program&)>& so,
-            std::chrono::seconds deadline = std::chrono::seconds(60));
+  // Waits until it is so; false after three minutes. `so` runs with everything held still.
+  bool wait(const std::function<bool(Program&)>& so);
   bool wait_event(const std::string& event) {
     return wait([&](Program& p) { return p.count(event) > 0; });
   }

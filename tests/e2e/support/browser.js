@@ -7,6 +7,7 @@ import { join } from "node:path";
 import { chromium } from "playwright-core";
 
 import { writeCamera, writeTones } from "./content.js";
+import { DEADLINE } from "./studio.js";
 
 const axeSource = readFileSync(createRequire(import.meta.url).resolve("axe-core/axe.min.js"), "utf8");
 
@@ -51,7 +52,7 @@ export async function launch({ refusing = false } = {}) {
     async open(link, { name, ...options } = {}) {
       const context = await browser.newContext({ viewport: { width: 1280, height: 800 }, ...options });
       const page = await context.newPage();
-      page.setDefaultTimeout(30_000);
+      page.setDefaultTimeout(DEADLINE);
       page.on("pageerror", (error) => faults.push(error.stack));
       page.on("console", (message) => message.type() === "error" && faults.push(message.text()));
       if (name) {
@@ -87,7 +88,8 @@ export async function says(page, selector, pattern) {
   const { source, flags } = new RegExp(pattern);
   await page
     .waitForFunction(
-      ([where, source, flags]) => new RegExp(source, flags).test(document.querySelector(where).textContent),
+      ([where, source, flags]) =>
+        new RegExp(source, flags).test(document.querySelector(where)?.textContent ?? ""),
       [selector, source, flags],
     )
     .catch(async (error) => {
