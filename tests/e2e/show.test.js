@@ -40,8 +40,9 @@ async function until(what, fits) {
 }
 
 /**
- * Looks at so many of the show's frames as they come: how many a second, how many of them are not of one
- * colour, and how many are dark and bright in their middle; `rgb` is the last one's.
+ * Looks at so many of the show's frames as the page paints them: how many came in a second, painted or not,
+ * how many of those painted are not of one colour, and how many are dark and bright in their middle; `rgb` is
+ * the last one's.
  */
 function look(page, frames) {
   return page.evaluate(
@@ -50,13 +51,15 @@ function look(page, frames) {
       const canvas = new OffscreenCanvas(1, 1);
       const context = canvas.getContext("2d", { willReadFrequently: true });
       const found = { mixed: 0, dark: 0, bright: 0 };
-      let first;
+      const arrived = () => show.getVideoPlaybackQuality().totalVideoFrames;
+      let first, before;
       for (let count = 0; count <= frames; count++) {
         await new Promise((resolve, reject) => {
           show.requestVideoFrameCallback(resolve);
           setTimeout(() => reject(new Error(`no frame of the show after ${count}`)), patience);
         });
         first ??= performance.now();
+        before ??= arrived();
         const { videoWidth: width, videoHeight: height } = show;
         if (canvas.width !== width || canvas.height !== height) Object.assign(canvas, { width, height });
         context.drawImage(show, 0, 0);
@@ -77,7 +80,7 @@ function look(page, frames) {
         else if (least > 191) found.bright++;
         Object.assign(found, { width, height, rgb: [...data.subarray(middle, middle + 3)] });
       }
-      return { ...found, fps: (frames * 1000) / (performance.now() - first) };
+      return { ...found, fps: ((arrived() - before) * 1000) / (performance.now() - first) };
     },
     [frames, DEADLINE],
   );
@@ -394,11 +397,11 @@ async function small(context, fps) {
 for (const fps of [5, 120]) {
   test(`a show of ${fps} frames a second reaches the guest`, async (context) => {
     const { page } = await small(context, fps);
-    await look(page, fps);
-    const seen = await look(page, fps * 4);
+    await look(page, 10);
+    const seen = await look(page, Math.min(fps * 4, 60));
     context.diagnostic(`${seen.fps.toFixed(1)} frames a second at the guest`);
     assert.equal(seen.mixed, 0);
-    assert.ok(seen.fps <= fps * 1.1 && seen.fps > Math.min(fps * 0.8, 5), `${seen.fps} frames a second`);
+    assert.ok(seen.fps <= fps * 1.1 && seen.fps > fps * 0.5, `${seen.fps} frames a second`);
   });
 }
 
