@@ -43,7 +43,7 @@ class Bitrate;
 
 // A publisher's stream as it is sent: a participant of its own in the room, from publish to
 // unpublish. A connection that breaks is made again. Lives on the engine's thread.
-class Publication : private Peer::Listener {
+class Publication final : private Peer::Listener {
  public:
   Publication(std::shared_ptr<JanusConnection> janus, otc_publisher& publisher, Room& us, std::string room,
               std::string token);

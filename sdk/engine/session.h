@@ -29,10 +29,10 @@ namespace engine {
 
 // A participant of a room: its connection, who else is there, the signals, what is received and
 // what is published. Lives on the engine's thread; its callbacks come on that thread.
-class Session : public std::enable_shared_from_this<Session>,
-                private JanusConnection::Listener,
-                private Room::Listener,
-                private Signals::Listener {
+class Session final : public std::enable_shared_from_this<Session>,
+                      private JanusConnection::Listener,
+                      private Room::Listener,
+                      private Signals::Listener {
  public:
   Session(otc_session* handle, const otc_session_callbacks& callbacks, std::string id);
 

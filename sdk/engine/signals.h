@@ -12,7 +12,7 @@ namespace engine {
 
 // The session's signals: the room of the same id in the TextRoom, over a data channel of its own.
 // A channel that breaks is opened again. Lives on the engine's thread.
-class Signals : private Peer::Listener {
+class Signals final : private Peer::Listener {
  public:
   class Listener {
    public:

@@ -45,7 +45,7 @@ void apply_switches(otc_subscriber& subscriber);
 // A stream as it is received for a subscriber: a media connection of its own, from subscribe to
 // unsubscribe. One that breaks is made again. Lives on the engine's thread; frames and sound come
 // on GStreamer's.
-class Subscription : private Peer::Listener {
+class Subscription final : private Peer::Listener {
  public:
   Subscription(std::shared_ptr<JanusConnection> janus, otc_subscriber& subscriber, std::string room,
                std::string token);
