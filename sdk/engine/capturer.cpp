@@ -104,6 +104,12 @@ void otc_video_capturer::stop_and_destroy() {
 void otc_video_capturer::set_output(GstAppSrc* output) {
   const std::lock_guard lock(mutex_);
   output_ = output;
+  if (output == nullptr) drop_pool();  // the capturer stays, its memory need not
+}
+
+void otc_video_capturer::drop_pool() {
+  if (pool_ != nullptr) gst_buffer_pool_set_active(pool_.get(), FALSE);
+  pool_.reset();
 }
 
 otc_status otc_video_capturer::provide(const otc_video_frame& frame, int rotation) {
@@ -119,7 +125,7 @@ otc_status otc_video_capturer::provide(const otc_video_frame& frame, int rotatio
     gst_video_info_set_format(&info_, GST_VIDEO_FORMAT_I420, static_cast<guint>(width),
                               static_cast<guint>(height));
     caps_.reset(gst_video_info_to_caps(&info_));
-    if (pool_ != nullptr) gst_buffer_pool_set_active(pool_.get(), FALSE);
+    drop_pool();
     pool_.reset(gst_video_buffer_pool_new());
     GstStructure* config = gst_buffer_pool_get_config(pool_.get());
     gst_buffer_pool_config_set_params(config, caps_.get(), static_cast<guint>(GST_VIDEO_INFO_SIZE(&info_)), 0,

@@ -29,6 +29,8 @@ struct otc_video_capturer {
   otc_status provide(const otc_video_frame& frame, int rotation);
 
  private:
+  void drop_pool();
+
   const otc_video_capturer_callbacks callbacks_;
   bool initialised_ = false;  // these two of the engine's thread
   bool started_ = false;
