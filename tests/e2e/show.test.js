@@ -423,6 +423,8 @@ test("a hundred quick stops and rejoins leave nothing behind", async (context) =
   const after = await turns(100);
   context.diagnostic(`before ${JSON.stringify(before)}, after ${JSON.stringify(after)}`);
   assert.equal(service(), pid);
-  const bounds = { memory: 20, files: 10, threads: 10 };
+  // AddressSanitizer holds on to what is freed; what is not freed it finds by itself.
+  const sanitized = readFileSync(`/proc/${pid}/maps`, "utf8").includes("libasan");
+  const bounds = { memory: sanitized ? Infinity : 20, files: 10, threads: 10 };
   for (const [what, bound] of Object.entries(bounds)) assert.ok(after[what] < before[what] + bound, what);
 });
