@@ -1,7 +1,6 @@
 #include "opentok.h"
 
 #include <gst/gst.h>
-#include <malloc.h>
 #include <openssl/crypto.h>
 
 #include <utility>
@@ -41,9 +40,6 @@ void run_or_post(engine::Task task) {
 otc_status otc_init(void*) {
   // A program that ends itself does so while connections run; OpenSSL must not clear up under them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
-  // The default, but fixed: the C library would raise it and then keep what each ended pipeline's threads
-  // had, 20 MB with an encoder, in as many places as there were threads.
-  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   GError* error = nullptr;
   if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
     engine::log_error("GStreamer does not start: {}", error->message);
