@@ -1,6 +1,7 @@
 #include "opentok.h"
 
 #include <gst/gst.h>
+#include <malloc.h>
 #include <openssl/crypto.h>
 
 #include <utility>
@@ -40,6 +41,9 @@ void run_or_post(engine::Task task) {
 otc_status otc_init(void*) {
   // A program that ends itself does so while connections run; OpenSSL must not clear up under them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  // Each pipeline has a dozen threads, and the C library would keep what they had, 20 MB with an encoder, in
+  // as many places as there were threads. From one place it can be given back, which Peer sees to.
+  mallopt(M_ARENA_MAX, 1);
   GError* error = nullptr;
   if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
     engine::log_error("GStreamer does not start: {}", error->message);

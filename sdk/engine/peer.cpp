@@ -121,9 +121,7 @@ Peer::~Peer() {
   if (webrtc_ != nullptr) g_signal_handlers_disconnect_by_data(webrtc_, this);
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
   pipeline_.reset();
-  // The C library would keep what the ended threads had, 20 MB with an encoder, in as many places as there
-  // were threads.
-  malloc_trim(0);
+  malloc_trim(0);  // of itself the C library keeps what the pipeline had
   if (handle_ != 0) janus_->detach(handle_);
 }
 
