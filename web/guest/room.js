@@ -194,7 +194,7 @@ export class Room {
     if (!this.#closed) this.#on.show(null);
   }
 
-  // ---- A lost network ------------------------------------------------------
+  // ---- The way in, and in again after a lost network -----------------------
 
   async #mend(claimable) {
     if (this.#connecting || this.#closed) return;
@@ -218,9 +218,10 @@ export class Room {
         break;
       } catch (error) {
         if (this.#closed) break;
-        if (error.code === NO_SUCH_SESSION) {
+        const forgotten = error.code === NO_SUCH_SESSION;
+        if (claimable && forgotten) {
           claimable = false;
-        } else if (error.code || attempt === attempts) {
+        } else if ((error.code && !forgotten) || attempt === attempts) {
           this.close();
           this.#on.refused(error);
         } else {
