@@ -7,8 +7,8 @@ import { part } from "./figures.js";
 
 const SIZE = { width: 1024, height: 576 };
 const FRAMES_PER_SECOND = 30;
-const SETTLING_SECONDS = 5;
-const SECONDS = 20;
+const SETTLING_SECONDS = 20; // so long a browser remembers in its buffer how the stream began
+const SECONDS = 40;
 
 export async function measureDelay(programs, timeCode, report) {
   const studio = await Studio.start(programs);

@@ -33,12 +33,10 @@ export class Studio {
 
   /** Resolves with the next line that fits. */
   next(fits) {
+    const failure = new Error("the studio does not say what it should: " + fits);
     const from = this.#lines.length;
     return new Promise((resolve, reject) => {
-      const timer = setTimeout(
-        () => end(reject, new Error("the studio does not say what it should")),
-        PATIENCE,
-      );
+      const timer = setTimeout(() => end(reject, failure), PATIENCE);
       const end = (settle, value) => {
         clearTimeout(timer);
         this.#waiting.delete(look);

@@ -5,6 +5,8 @@ const CHECK_BITS = 4;
 const RANGE = 2 ** (CELLS - CHECK_BITS); // milliseconds
 const PART_OF_HEIGHT = 8;
 const BRIGHT = 128;
+const BARS = ["#c0c0c0", "#c0c000", "#00c0c0", "#00c000", "#c000c0", "#c00000", "#0000c0"];
+const PARTS_OF_SNOW = 4; // of the picture's width and height
 
 const milliseconds = () => performance.timeOrigin + performance.now();
 
@@ -15,18 +17,27 @@ function check(time) {
   return ~sum & (2 ** CHECK_BITS - 1);
 }
 
-/** A camera that films a moving picture which bears the time. */
+/** A camera that films what the studio's test picture shows, moving bars and snow, and the time. */
 export function openCamera(width, height, framesPerSecond) {
   const track = new MediaStreamTrackGenerator({ kind: "video" });
   const frames = track.writable.getWriter();
   const canvas = new OffscreenCanvas(width, height);
   const context = canvas.getContext("2d", { willReadFrequently: true });
+  const snow = context.createImageData(width / PARTS_OF_SNOW, height / PARTS_OF_SNOW);
+  const flakes = new Uint32Array(snow.data.buffer);
   let count = 0;
   setInterval(() => {
-    context.fillStyle = "#3a5a7a";
-    context.fillRect(0, 0, width, height);
-    context.fillStyle = "#d8b070";
-    context.fillRect((count++ * 8) % width, height / 3, width / 6, height / 3);
+    const moved = (count++ * 2) % width;
+    for (let bar = 0; bar < 2 * BARS.length; bar++) {
+      context.fillStyle = BARS[bar % BARS.length];
+      const from = Math.floor((width * bar) / BARS.length) - moved;
+      context.fillRect(from, 0, Math.ceil(width / BARS.length), height);
+    }
+    for (let flake = 0; flake < flakes.length; flake++) {
+      flakes[flake] = 0xff000000 | (Math.trunc(Math.random() * 256) * 0x010101);
+    }
+    context.putImageData(snow, width - snow.width - moved, height - snow.height);
+    context.putImageData(snow, 2 * width - snow.width - moved, height - snow.height);
     const time = Math.trunc(milliseconds() % RANGE);
     const code = time * 2 ** CHECK_BITS + check(time);
     for (let cell = 0; cell < CELLS; cell++) {
