@@ -8,7 +8,7 @@ import { mkdtempSync, rmSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 
-import { Pipeline, guestsPipeline, showPipeline } from "./pipelines.js";
+import { Pipeline, SHOW_BITRATE, guestsPipeline, showPipeline } from "./pipelines.js";
 
 // By these the server tells a remote publisher's streams apart.
 const SSRC = { video: 1000, audio: 1010 };
@@ -38,6 +38,8 @@ export class Guests {
       const handle = await session.attach("videoroom");
       window.ask = async (body) => (await handle.request(body)).data;
     });
+    // Whoever joins from now on is asked to send no more than the bare pipeline does.
+    await guests.#ask({ request: "edit", new_bitrate: SHOW_BITRATE });
     const ports = [];
     for (let number = 1; number <= count; number++) {
       const display = `Guest - ${number}`;

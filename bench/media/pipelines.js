@@ -57,11 +57,14 @@ export function guestsPipeline(ports, { video, audio }) {
 /** The show's pictures, made by a process that is not measured. */
 export function showPipeline(socket) {
   return `
-    videotestsrc is-live=true pattern=smpte horizontal-speed=2 !
-      ${SHOW_CAPS} ! shmsink socket-path=${socket} shm-size=20000000 wait-for-connection=false sync=false`;
+    videotestsrc is-live=true pattern=smpte horizontal-speed=2 ! video/x-raw,format=I420 !
+      clockoverlay font-desc="Sans,40" halignment=center valignment=center shaded-background=true !
+      videoconvert ! ${SHOW_CAPS} ! shmsink socket-path=${socket} shm-size=20000000 wait-for-connection=false sync=false`;
 }
 
-const SHOW_CAPS = "video/x-raw,format=I420,width=1024,height=576,framerate=30/1";
+/** Bits a second. */
+export const SHOW_BITRATE = 1_500_000;
+const SHOW_CAPS = "video/x-raw,format=BGRA,width=1024,height=576,framerate=30/1";
 
 /**
  * Receives and decodes the streams, encodes the show and sends it off, encrypted both ways as WebRTC has it.
@@ -86,7 +89,8 @@ export function barePipeline(streams, showSocket) {
   return `
     ${received.join("\n")}
     shmsrc socket-path=${showSocket} is-live=true do-timestamp=true ! ${SHOW_CAPS} !
-      vp8enc deadline=1 cpu-used=12 threads=1 end-usage=cbr lag-in-frames=0 target-bitrate=1500000
+      videoconvert ! video/x-raw,format=I420 !
+      vp8enc deadline=1 cpu-used=14 threads=1 end-usage=cbr lag-in-frames=0 target-bitrate=${SHOW_BITRATE}
         keyframe-max-dist=3000 static-threshold=1 ! rtpvp8pay ! ${send}
     audiotestsrc is-live=true freq=440 volume=0.1 samplesperbuffer=960 ! audio/x-raw,rate=48000,channels=2 !
       opusenc bitrate=96000 inband-fec=true packet-loss-percentage=10 ! rtpopuspay ! ${send}`;
