@@ -59,7 +59,8 @@ export function showPipeline(socket) {
   return `
     videotestsrc is-live=true pattern=smpte horizontal-speed=2 ! video/x-raw,format=I420 !
       clockoverlay font-desc="Sans,40" halignment=center valignment=center shaded-background=true !
-      videoconvert ! ${SHOW_CAPS} ! shmsink socket-path=${socket} shm-size=20000000 wait-for-connection=false sync=false`;
+      videoconvert ! ${SHOW_CAPS} !
+      shmsink socket-path=${socket} shm-size=20000000 wait-for-connection=false sync=false`;
 }
 
 /** Bits a second. */

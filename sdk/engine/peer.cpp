@@ -95,7 +95,8 @@ void tune(GstBin*, GstBin*, GstElement* element, gpointer) {
     g_object_set(element, "drop-on-latency", TRUE, "faststart-min-packets", 1U, "rtx-next-seqnum", FALSE,
                  nullptr);
   } else if (g_str_equal(kind, "clocksync")) {
-    // All that is sent is live: to hold it back until its time on the clock only delays the sound, by a block.
+    // All that is sent is live: to hold it back until its time on the clock only delays the sound, by a
+    // block.
     g_object_set(element, "sync", FALSE, nullptr);
   } else if (g_str_equal(kind, "rtpsession")) {
     report_what_is_asked(element);

@@ -23,9 +23,9 @@ constexpr auto retry_interval = 1s;
 constexpr int most_failures = 10;
 
 // The encoder keeps up by giving up quality: with a positive cpu-used it picks its own speed, so that a
-// frame takes (16 - cpu-used) / 16 of the time between two, an eighth. It never drops a frame and holds none back. A second thread
-// would only take three times the processor's time: the two wait for each other by spinning. Key frames come
-// when somebody asks, and once in a long while.
+// frame takes (16 - cpu-used) / 16 of the time between two, an eighth. It never drops a frame and holds none
+// back. A second thread would only take three times the processor's time: the two wait for each other by
+// spinning. Key frames come when somebody asks, and once in a long while.
 constexpr const char* video_elements =
     "appsrc name=source is-live=true format=time do-timestamp=true min-latency=0 max-latency=1000000000"
     " ! vp8enc name=encoder deadline=1 cpu-used=14 threads=1 end-usage=cbr lag-in-frames=0 "
