@@ -2,7 +2,6 @@
 #include <IOSurface/IOSurface.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 

@@ -32,14 +32,18 @@ std::string datagram(const std::string& body, const Header& h = {}) {
          number(h.length < 0 ? body.size() : static_cast<uint64_t>(h.length), 4) + number(h.serial, 4) + body;
 }
 
+// What a container is followed by: where its one element ends.
+std::string withOffset(const std::string& bytes, size_t offset) {
+  return bytes + number(offset, bytes.size() < 0xff ? 1 : 2);
+}
 // An entry of a dictionary: the key "k" and a value, or what stands in place of the value.
 std::string entry(const std::string& value, const std::string& key = std::string("k\0", 2)) {
   std::string bytes = key;
   bytes.resize((bytes.size() + 7) / 8 * 8);
-  return bytes + value + number(key.size(), 1);
+  return withOffset(bytes + value, key.size());
 }
 std::string dictionary(const std::string& entry) {
-  return entry + number(entry.size(), 1);
+  return withOffset(entry, entry.size());
 }
 std::string value(const std::string& bytes, const std::string& type) {
   return bytes + '\0' + type;
@@ -47,18 +51,14 @@ std::string value(const std::string& bytes, const std::string& type) {
 std::string handle(uint32_t index) {
   return dictionary(entry(value(number(index, 4), "h")));
 }
-
 std::string deep(int levels) {
   std::string inner;
-  for (int i = 0; i < levels; i++) {
-    const std::string bytes = value(inner, "a{sv}");
-    std::string whole("k\0\0\0\0\0\0\0", 8);
-    whole += bytes;
-    const auto size = [](size_t total) { return total <= 0xff ? 1 : 2; };
-    whole += number(2, size(whole.size() + 1));
-    inner = whole + number(whole.size(), size(whole.size() + 1));
-  }
+  for (int i = 0; i < levels; i++) inner = dictionary(entry(value(inner, "a{sv}")));
   return inner;
+}
+// A datagram whose body of that length is told to be its one descriptor.
+std::string large(int64_t length, const std::string& body = "") {
+  return datagram(body, {.flags = 1, .descriptors = 1, .length = length});
 }
 
 int memory(off_t size, int seals) {
@@ -110,73 +110,61 @@ class HostileTest : public testing::Test {
 TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
   constexpr int kSealed = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
   const std::string good = dictionary(entry(value(number(1, 8), "x")));
-  const auto asking = [](Header header) {
-    header.kind = 1;
-    header.serial = 1;
-    return header;
-  };
-  const Header large = asking({.flags = 1, .descriptors = 1, .length = 70'000});
+  const std::string whole = datagram(good);
+  const auto file = [] { return memory(4096, 0); };
   struct Case {
     const char* name;
     std::string bytes;
-    std::vector<int> descriptors;  // closed when sent
+    std::vector<int> descriptors = {};  // closed when sent
     bool isGood = false;
   };
-  const auto file = [] { return memory(4096, 0); };
   const std::vector<Case> cases = {
-      {"a good one", datagram(good, asking({})), {}, true},
-      {"a good one with a descriptor", datagram(handle(0), asking({.descriptors = 1})), {file()}, true},
-      {"31 containers deep", datagram(deep(31), asking({})), {}, true},
-      {"empty", "", {}},
-      {"half a header", datagram(good).substr(0, 9), {}},
-      {"other magic", datagram(good, {.magic = "GET"}), {}},
-      {"other version", datagram(good, {.version = 2}), {}},
-      {"unknown kind", datagram(good, {.kind = 3, .serial = 1}), {}},
-      {"unknown flags", datagram(good, {.flags = 2}), {}},
-      {"serial without a reply", datagram(good, {.serial = 1}), {}},
-      {"awaited reply without a serial", datagram(good, {.kind = 1}), {}},
-      {"reply that nobody awaits", datagram(good, {.kind = 2, .serial = 77}), {}},
-      {"truncated",
-       datagram(good.substr(0, good.size() - 1), {.length = static_cast<int64_t>(good.size())}),
-       {}},
-      {"longer than said", datagram(good + '\0', {.length = static_cast<int64_t>(good.size()) - 1}), {}},
-      {"oversized", datagram(std::string(65'537, '\0')), {}},
-      {"missing descriptor", datagram(handle(0), {.descriptors = 1}), {}},
+      {"a good one", datagram(good, {.kind = 1, .serial = 1}), {}, true},
+      {"a good descriptor", datagram(handle(0), {.kind = 1, .descriptors = 1, .serial = 1}), {file()}, true},
+      {"31 containers deep", datagram(deep(31), {.kind = 1, .serial = 1}), {}, true},
+      {"32 containers deep", datagram(deep(32))},
+      {"empty", ""},
+      {"half a header", whole.substr(0, 9)},
+      {"truncated", whole.substr(0, whole.size() - 1)},
+      {"longer than said", whole + '\0'},
+      {"other magic", datagram(good, {.magic = "GET"})},
+      {"other version", datagram(good, {.version = 2})},
+      {"unknown kind", datagram(good, {.kind = 3, .serial = 1})},
+      {"unknown flags", datagram(good, {.flags = 2})},
+      {"serial without a reply", datagram(good, {.serial = 1})},
+      {"awaited reply without a serial", datagram(good, {.kind = 1})},
+      {"reply that nobody awaits", datagram(good, {.kind = 2, .serial = 77})},
+      {"oversized", datagram(std::string(65'537, '\0'))},
+      {"missing descriptor", datagram(handle(0), {.descriptors = 1})},
       {"descriptor not counted", datagram(handle(0)), {file()}},
       {"descriptor not named", datagram(good, {.descriptors = 1}), {file()}},
       {"descriptor named twice", datagram(handle(1), {.descriptors = 1}), {file()}},
       {"negative handle", datagram(handle(UINT32_MAX), {.descriptors = 1}), {file()}},
       {"65 descriptors", datagram(good, {.descriptors = 65}), std::vector<int>(65, file())},
       {"253 descriptors", datagram(good, {.descriptors = 253}), std::vector<int>(253, file())},
-      {"large body without its memory", datagram("", {.flags = 1, .length = 70'000}), {}},
-      {"large body that is small",
-       datagram("", {.flags = 1, .descriptors = 1, .length = 100}),
-       {memory(100, kSealed)}},
-      {"large body above the limit",
-       datagram("", {.flags = 1, .descriptors = 1, .length = 9 << 20}),
-       {memory(9 << 20, kSealed)}},
-      {"large body not sealed", datagram("", large), {memory(70'000, F_SEAL_SHRINK | F_SEAL_GROW)}},
-      {"large body of another size", datagram("", large), {memory(69'999, kSealed)}},
-      {"large body in no memfd", datagram("", large), {open("/dev/null", O_RDONLY | O_CLOEXEC)}},
-      {"large body of nonsense", datagram("", large), {memory(70'000, kSealed)}},
-      {"large body inline too", datagram(good, large), {memory(70'000, kSealed)}},
-      {"unknown type", datagram(dictionary(entry(value("\1", "y")))), {}},
-      {"no type", datagram(dictionary(entry("kkkkkkkk"))), {}},
-      {"empty value", datagram(dictionary(entry(""))), {}},
-      {"number too short", datagram(dictionary(entry(value(number(1, 7), "x")))), {}},
-      {"boolean 2", datagram(dictionary(entry(value("\2", "b")))), {}},
-      {"string not UTF-8", datagram(dictionary(entry(value(std::string("\xff\0", 2), "s")))), {}},
-      {"string with a zero", datagram(dictionary(entry(value(std::string("a\0b\0", 4), "s")))), {}},
-      {"string without end", datagram(dictionary(entry(value("a", "s")))), {}},
-      {"key not UTF-8", datagram(dictionary(entry(value("\1", "b"), std::string("\xc3\0", 2)))), {}},
-      {"padding not zero", datagram(std::string("k\0\0\0\1\0\0\0", 8) + value("\1", "b") + "\2\14"), {}},
+      {"large body without its memory", datagram("", {.flags = 1, .length = 70'000})},
+      {"large body that is small", large(100), {memory(100, kSealed)}},
+      {"large body above the limit", large(9 << 20), {memory(9 << 20, kSealed)}},
+      {"large body not sealed", large(70'000), {memory(70'000, F_SEAL_SHRINK | F_SEAL_GROW)}},
+      {"large body of another size", large(70'000), {memory(69'999, kSealed)}},
+      {"large body in no memfd", large(70'000), {open("/dev/null", O_RDONLY | O_CLOEXEC)}},
+      {"large body of nonsense", large(70'000), {memory(70'000, kSealed)}},
+      {"large body inline too", large(70'000, good), {memory(70'000, kSealed)}},
+      {"unknown type", datagram(dictionary(entry(value("\1", "y"))))},
+      {"no type", datagram(dictionary(entry("kkkkkkkk")))},
+      {"empty value", datagram(dictionary(entry("")))},
+      {"number too short", datagram(dictionary(entry(value(number(1, 7), "x"))))},
+      {"boolean 2", datagram(dictionary(entry(value("\2", "b"))))},
+      {"string not UTF-8", datagram(dictionary(entry(value(std::string("\xff\0", 2), "s"))))},
+      {"string with a zero", datagram(dictionary(entry(value(std::string("a\0b\0", 4), "s"))))},
+      {"string without end", datagram(dictionary(entry(value("a", "s"))))},
+      {"key not UTF-8", datagram(dictionary(entry(value("\1", "b"), std::string("\xc3\0", 2))))},
+      {"padding not zero", datagram(std::string("k\0\0\0\1\0\0\0", 8) + value("\1", "b") + "\2\14")},
       {"key's offset outside",
-       datagram(dictionary(std::string("k\0\0\0\0\0\0\0", 8) + value("\1", "b") + "\x60")),
-       {}},
-      {"entry's offset outside", datagram(entry(value("\1", "b")) + "\x60"), {}},
-      {"entries overlap", datagram(entry(value("\1", "b")) + "\4\14"), {}},
-      {"32 containers deep", datagram(deep(32)), {}},
-      {"noise", datagram("\x01\x02\x03\x04\x05\x06\x07\x08\x09"), {}},
+       datagram(dictionary(std::string("k\0\0\0\0\0\0\0", 8) + value("\1", "b") + "\x60"))},
+      {"entry's offset outside", datagram(entry(value("\1", "b")) + "\x60")},
+      {"entries overlap", datagram(entry(value("\1", "b")) + "\4\14")},
+      {"noise", datagram("\x01\x02\x03\x04\x05\x06\x07\x08\x09")},
   };
   size_t opened = 0;
   for (const Case& each : cases) opened += each.descriptors.empty() ? 0 : 1;

@@ -1,15 +1,9 @@
 // Messages between two ends in this process: values, replies, order, limits.
-#include <glib.h>
-#include <sys/mman.h>
-#include <xpc/Body.h>
-
 #include <atomic>
 #include <memory>
 #include <vector>
 
 #include "link.h"
-
-namespace xpc = platform::xpc;
 
 namespace {
 
@@ -20,74 +14,11 @@ class MessageTest : public testing::Test {
   TemporaryFolder m_folder;
 };
 
-TEST_F(MessageTest, EveryTypeComesBackAsItWent) {
+TEST_F(MessageTest, TextIsMadeUtf8) {
   Connection service(listener(kName), acceptingEcho());
   Connection connection(client(kName));
-  const Object all(xpc_dictionary_create_empty());
-  xpc_dictionary_set_bool(all, "bool", true);
-  xpc_dictionary_set_int64(all, "int64", INT64_MIN);
-  xpc_dictionary_set_uint64(all, "uint64", UINT64_MAX);
-  xpc_dictionary_set_double(all, "double", -0.25);
-  xpc_dictionary_set_string(all, "string", "G\xc3\xa4ste \xf0\x9f\x8e\xa5");
-  xpc_dictionary_set_string(all, "not UTF-8", "a\xff");
-  xpc_dictionary_set_data(all, "nothing", nullptr, 0);
-  const Object array(xpc_array_create(nullptr, 0));
-  xpc_array_append_value(array, Object(xpc_int64_create(7)));
-  xpc_array_append_value(array, Object(xpc_string_create("")));
-  const Object nested(xpc_dictionary_create_empty());
-  xpc_dictionary_set_value(nested, "array", array);
-  xpc_dictionary_set_value(all, "nested", nested);
-  xpc_dictionary_set_value(all, "empty", Object(xpc_dictionary_create_empty()));
-  const Object reply = connection.ask(all);
-  EXPECT_EQ(describe(reply), describe(all));
-  EXPECT_STREQ(xpc_dictionary_get_string(reply, "not UTF-8"), "a\xef\xbf\xbd");
-
-  const int file = memfd_create("file", MFD_CLOEXEC);
-  ASSERT_EQ(write(file, "inside", 6), 6);
-  for (const size_t length : {size_t{3840}, size_t{70'000}, size_t{3'000'000}}) {
-    std::vector<uint8_t> bytes(length);
-    for (size_t i = 0; i < length; i++) bytes[i] = static_cast<uint8_t>(i * 7);
-    const Object sent(xpc_dictionary_create_empty());
-    xpc_dictionary_set_data(sent, "data", bytes.data(), length);
-    xpc_dictionary_set_fd(sent, "file", file);
-    const Object got = connection.ask(sent);
-    size_t received = 0;
-    const void* data = xpc_dictionary_get_data(got, "data", &received);
-    ASSERT_EQ(received, length);
-    EXPECT_EQ(memcmp(data, bytes.data(), length), 0);
-    const int copy = xpc_dictionary_dup_fd(got, "file");
-    char inside[7] = {};
-    EXPECT_EQ(pread(copy, inside, 6, 0), 6);
-    EXPECT_STREQ(inside, "inside");
-    close(copy);
-  }
-  close(file);
-}
-
-// GLib is the judge of what is written, and writes what must be read.
-TEST(Body, IsWhatGLibTakesAndMakes) {
-  const std::string texts[] = {
-      "@a{sv} {}",
-      "{'name': <'Guest - A'>, 'num': <int64 -5>, 'time': <uint64 9>, 'on': <true>, 'rate': <0.5>}",
-      "{'sound': <@ay [0x01, 0x00, 0xff]>, 'none': <@ay []>, 'nested': <{'x': <@av [<'y'>, <@a{sv} {}>]>}>}",
-      "{'long': <'" + std::string(250, 'a') + "'>, 'longer': <'" + std::string(60'000, 'b') + "'>}",
-      "{'longest': <{'" + std::string(300, 'k') + "': <'" + std::string(70'000, 'c') + "'>}>}",
-  };
-  for (const std::string& text : texts) {
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(GVariant) parsed =
-        g_variant_parse(G_VARIANT_TYPE_VARDICT, text.c_str(), nullptr, nullptr, &error);
-    ASSERT_TRUE(parsed) << error->message;
-    const auto* data = static_cast<const uint8_t*>(g_variant_get_data(parsed));
-    const char* problem = nullptr;
-    const auto dictionary = xpc::readBody({data, g_variant_get_size(parsed)}, {}, problem);
-    ASSERT_TRUE(dictionary) << problem << text.substr(0, 200);
-
-    xpc::Bytes written;
-    std::vector<xpc::Ref<xpc::Descriptor>> descriptors;
-    ASSERT_EQ(xpc::writeBody(*dictionary, written, descriptors), nullptr);
-    EXPECT_EQ(written, xpc::Bytes(data, data + g_variant_get_size(parsed))) << text.substr(0, 200);
-  }
+  EXPECT_EQ(describe(connection.ask(message("a", "G\xc3\xa4ste \xff"))),
+            describe(message("a", "Gäste \uFFFD")));
 }
 
 TEST_F(MessageTest, RepliesComeOnceOnTheirQueueOrAsAnError) {
@@ -128,14 +59,12 @@ TEST_F(MessageTest, RepliesComeOnceOnTheirQueueOrAsAnError) {
   xpc_dictionary_set_data(oversized, "data", nullptr, 9 << 20);
   EXPECT_EQ(connection.ask(oversized), XPC_ERROR_CONNECTION_INVALID);
 
-  // The service hangs up: the client's question fails, and the next one connects anew.
-  ask();
-  ask();
+  // The service hangs up: the client's questions fail, and the next one connects anew.
+  for (int i = 0; i < 2; i++) ask();
   ASSERT_TRUE(received.next() && received.next());
   xpc_connection_cancel(asConnection(peers.next()));
   EXPECT_EQ(received.next(), XPC_ERROR_CONNECTION_INVALID);
-  EXPECT_EQ(replies.next(), XPC_ERROR_CONNECTION_INTERRUPTED);
-  EXPECT_EQ(replies.next(), XPC_ERROR_CONNECTION_INTERRUPTED);
+  for (int i = 0; i < 2; i++) EXPECT_EQ(replies.next(), XPC_ERROR_CONNECTION_INTERRUPTED);
   EXPECT_EQ(connection.events.next(), XPC_ERROR_CONNECTION_INTERRUPTED);
   ask();
   ASSERT_EQ(xpc_get_type(received.next()), XPC_TYPE_DICTIONARY);
@@ -153,21 +82,16 @@ TEST_F(MessageTest, RepliesComeOnceOnTheirQueueOrAsAnError) {
 
 TEST_F(MessageTest, EventsComeOneAtATimeAndInOrderOnAConcurrentQueue) {
   constexpr int kCount = 2000;
-  Events done;
-  std::atomic<int> inside{0};
-  std::atomic<int> next{0};
+  Events handled;
+  static std::atomic<int> inside;  // outlives the last event's handler
   dispatch_queue_t queue = dispatch_queue_create("events", DISPATCH_QUEUE_CONCURRENT);
-  const auto handle = [&](xpc_object_t event) {
-    EXPECT_EQ(inside.fetch_add(1), 0);
-    if (xpc_get_type(event) == XPC_TYPE_DICTIONARY) {
-      EXPECT_EQ(xpc_dictionary_get_int64(event, "n"), next++);
-    }
-    inside--;
-    done.put(event);
-  };
   Connection service(listener(kName), accepting([&](xpc_connection_t peer) {
                        xpc_connection_set_target_queue(peer, queue);
-                       xpc_connection_set_event_handler(peer, handle);
+                       xpc_connection_set_event_handler(peer, [&](xpc_object_t event) {
+                         EXPECT_EQ(inside++, 0);
+                         handled.put(event);
+                         inside--;
+                       });
                      }));
   {
     Connection connection(client(kName));
@@ -176,13 +100,9 @@ TEST_F(MessageTest, EventsComeOneAtATimeAndInOrderOnAConcurrentQueue) {
       xpc_dictionary_set_int64(numbered, "n", i);
       xpc_connection_send_message(connection, numbered);
     }
-    Events barrier;
-    xpc_connection_send_barrier(connection, [&] { barrier.put(XPC_ERROR_CONNECTION_INVALID); });
-    EXPECT_TRUE(barrier.next());
-    for (int i = 0; i < kCount; i++) ASSERT_TRUE(done.next());
+    for (int i = 0; i < kCount; i++) ASSERT_EQ(xpc_dictionary_get_int64(handled.next(), "n"), i);
   }
-  EXPECT_EQ(next, kCount);
-  EXPECT_EQ(done.next(), XPC_ERROR_CONNECTION_INVALID);
+  EXPECT_EQ(handled.next(), XPC_ERROR_CONNECTION_INVALID);
   dispatch_release(queue);
 }
 
@@ -247,9 +167,7 @@ TEST_F(MessageTest, AClientWithoutAServiceIsTold) {
   for (const char* name : {"nobody", "no/name", ""}) {
     Connection connection(client(name));
     EXPECT_EQ(connection.ask(message("a", "b")), XPC_ERROR_CONNECTION_INVALID);
-    const Object event = connection.events.next();
-    EXPECT_EQ(event, XPC_ERROR_CONNECTION_INVALID);
-    EXPECT_STREQ(xpc_dictionary_get_string(event, XPC_ERROR_KEY_DESCRIPTION), "Connection invalid");
+    EXPECT_EQ(connection.events.next(), XPC_ERROR_CONNECTION_INVALID);
   }
 }
 
