@@ -5,7 +5,9 @@
 #include <mach-o/dyld.h>
 #include <mach-o/fixup-chains.h>
 
+#include <algorithm>
 #include <functional>
+#include <map>
 #include <thread>
 
 #include "mapped_image.h"
@@ -28,20 +30,7 @@ std::string refusalOf(const Bytes& file, const LoadedImage::Resolver& definition
   return "taken";
 }
 
-TEST(MachOLoader, MapsSegmentsWithTheirProtections) {
-  for (const auto& layout : kLayouts) {
-    const auto image = loadDoorman(layout);
-    EXPECT_EQ(protectionAt(image->header()), VM_PROT_READ | VM_PROT_EXECUTE);
-    EXPECT_EQ(protectionAt(image->symbol("table")), VM_PROT_READ | VM_PROT_WRITE);
-    const bool readOnly = layout == "const" || layout == "chained";
-    EXPECT_EQ(protectionAt(image->symbol("constantTable")),
-              readOnly ? VM_PROT_READ : VM_PROT_READ | VM_PROT_WRITE);
-    EXPECT_EQ(image->symbol("open_door"), nullptr) << "imported, not exported";
-    EXPECT_EQ(image->symbol("stayOutside"), nullptr) << "not exported";
-  }
-}
-
-TEST(MachOLoader, FillsInThePointersOfEitherProcessor) {
+TEST(MachOLoader, MapsAndFillsInImagesOfEitherProcessor) {
   for (const auto& layout : kLayouts) {
     for (const auto& processor : {kThisProcessor, kOtherProcessor}) {
       const auto image = loadDoorman(layout, processor);
@@ -56,18 +45,15 @@ TEST(MachOLoader, FillsInThePointersOfEitherProcessor) {
       Dl_info own{};
       ASSERT_NE(dladdr(table[2], &own), 0) << "a pointer to the image itself";
       EXPECT_EQ(own.dli_fbase, image->header());
-    }
-  }
-}
 
-TEST(MachOLoader, NeedsADefinitionOfEveryImport) {
-  const auto unknown = [](const std::string& name) {
-    return name == "bell_count" ? nullptr : theOriginal(name);
-  };
-  for (const auto& layout : kLayouts) {
-    const uint32_t images = _dyld_image_count();
-    EXPECT_THAT(refusalOf(fileBytes(doorman(layout)), unknown), HasSubstr("nobody has \"_bell_count\""));
-    EXPECT_EQ(_dyld_image_count(), images);
+      EXPECT_EQ(protectionAt(image->header()), VM_PROT_READ | VM_PROT_EXECUTE);
+      EXPECT_EQ(protectionAt(table), VM_PROT_READ | VM_PROT_WRITE);
+      const bool readOnly = layout == "const" || layout == "chained";
+      EXPECT_EQ(protectionAt(image->symbol("constantTable")),
+                readOnly ? VM_PROT_READ : VM_PROT_READ | VM_PROT_WRITE);
+      EXPECT_EQ(image->symbol("open_door"), nullptr) << "imported, not exported";
+      EXPECT_EQ(image->symbol("stayOutside"), nullptr) << "not exported";
+    }
   }
 }
 
@@ -86,7 +72,7 @@ TEST(Registry, KnowsImagesWhileTheyAreMapped) {
   EXPECT_EQ(info.dli_fbase, first->header());
   EXPECT_EQ(info.dli_fname, doorman("lazy"));
   EXPECT_EQ(dladdr(firstByte - 1, &info), 0);
-  ASSERT_NE(dladdr(reinterpret_cast<void*>(&openDoor), &info), 0) << "the system's own images";
+  ASSERT_NE(dladdr(address(openDoor), &info), 0) << "the system's own images";
   EXPECT_NE(info.dli_fbase, first->header());
 
   first.reset();
@@ -97,54 +83,30 @@ TEST(Registry, KnowsImagesWhileTheyAreMapped) {
 TEST(Registry, TellsOfEveryImageOnce) {
   static auto& timesTold = *new std::map<const mach_header*, int>;
   std::vector<std::unique_ptr<LoadedImage>> images(8);
-  const auto load = [&](size_t first) {
-    for (size_t i = first; i < images.size(); i += 2) images[i] = loadDoorman("lazy");
-  };
-  // Two threads load while the function is registered; it is called for one image at a time.
-  std::thread even(load, 0);
-  std::thread odd(load, 1);
+  // Images are loaded while the function is registered; it is called for one image at a time.
+  std::thread loading([&] {
+    for (auto& image : images) image = loadDoorman("lazy");
+  });
   _dyld_register_func_for_add_image([](const mach_header* header, intptr_t) { ++timesTold[header]; });
-  even.join();
-  odd.join();
+  loading.join();
   for (const auto& image : images) {
     EXPECT_EQ(timesTold[reinterpret_cast<const mach_header*>(image->header())], 1);
   }
 }
 
-// Finds a load command in a file's bytes.
-template <typename Command>
-Command* find(Bytes& file, uint32_t kind, const std::string& segment = "") {
-  const auto* const header = reinterpret_cast<const mach_header_64*>(file.data());
-  auto* at = file.data() + sizeof *header;
-  for (uint32_t i = 0; i < header->ncmds; ++i) {
-    const auto* const prefix = reinterpret_cast<const load_command*>(at);
-    const bool named = segment.empty() || segment == reinterpret_cast<segment_command_64*>(at)->segname;
-    if (prefix->cmd == kind && named) return reinterpret_cast<Command*>(at);
-    at += prefix->cmdsize;
-  }
-  throw std::logic_error("no such command");
-}
-
 auto* headerOf(Bytes& file) {
   return reinterpret_cast<mach_header_64*>(file.data());
 }
-auto* segmentOf(Bytes& file, const char* name) {
-  return find<segment_command_64>(file, LC_SEGMENT_64, name);
+segment_command_64* segmentOf(Bytes& file, const std::string& name) {
+  const auto segments = commandsOf<segment_command_64>(headerOf(file), LC_SEGMENT_64);
+  return *std::ranges::find(segments, name, [](const auto* segment) { return segment->segname; });
 }
 auto* classicOf(Bytes& file) {
-  return find<dyld_info_command>(file, LC_DYLD_INFO_ONLY);
+  return commandsOf<dyld_info_command>(headerOf(file), LC_DYLD_INFO_ONLY).at(0);
 }
 auto* chainsOf(Bytes& file) {
-  const auto* const command = find<linkedit_data_command>(file, LC_DYLD_CHAINED_FIXUPS);
+  const auto* const command = commandsOf<linkedit_data_command>(headerOf(file), LC_DYLD_CHAINED_FIXUPS).at(0);
   return reinterpret_cast<dyld_chained_fixups_header*>(file.data() + command->dataoff);
-}
-// The chains of the segment that has them.
-auto* startsOf(Bytes& file) {
-  auto* const header = reinterpret_cast<uint8_t*>(chainsOf(file)) + chainsOf(file)->starts_offset;
-  const auto* const image = reinterpret_cast<dyld_chained_starts_in_image*>(header);
-  uint32_t index = 0;
-  while (image->seg_info_offset[index] == 0) ++index;
-  return reinterpret_cast<dyld_chained_starts_in_segment*>(header + image->seg_info_offset[index]);
 }
 
 using Change = std::function<void(Bytes&)>;
@@ -158,115 +120,72 @@ template <typename Value>
 Change set(const char* segment, Value segment_command_64::*field, uint64_t value) {
   return [=](Bytes& file) { segmentOf(file, segment)->*field = static_cast<Value>(value); };
 }
-// A stream of opcodes of the test's own, in the place of the image's.
-Change opcodes(uint32_t dyld_info_command::*offset, uint32_t dyld_info_command::*size, const Bytes& stream) {
+// Rebase opcodes of the test's own, in the place of the image's.
+Change rebase(const Bytes& stream) {
   return [=](Bytes& file) {
-    classicOf(file)->*offset = static_cast<uint32_t>(file.size());
-    classicOf(file)->*size = static_cast<uint32_t>(stream.size());
+    classicOf(file)->rebase_off = static_cast<uint32_t>(file.size());
+    classicOf(file)->rebase_size = static_cast<uint32_t>(stream.size());
     file.insert(file.end(), stream.begin(), stream.end());
   };
 }
-Change rebase(const Bytes& stream) {
-  return opcodes(&dyld_info_command::rebase_off, &dyld_info_command::rebase_size, stream);
-}
-Change bind(const Bytes& stream) {
-  return opcodes(&dyld_info_command::bind_off, &dyld_info_command::bind_size, stream);
-}
-Bytes repeated(int times, const Bytes& part) {
-  Bytes all;
-  while (times-- > 0) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
 
-struct Fault {
-  std::string message;
-  Change make;
-};
-using Header = mach_header_64;
 using Segment = segment_command_64;
 using Classic = dyld_info_command;
 using Chains = dyld_chained_fixups_header;
-using Starts = dyld_chained_starts_in_segment;
+// What the loader says, and the change that makes it say so.
+using Faults = std::vector<std::pair<std::string, Change>>;
 
-const std::vector<Fault> kFaults = {
-    {"not a 64-bit Mach-O file", set(headerOf, &Header::magic, 0xfeedface)},
-    {"neither a library nor a bundle", set(headerOf, &Header::filetype, 1)},
-    {"load commands: ", set(headerOf, &Header::sizeofcmds, 0xfffffff0)},
-    {"load command: ", set(headerOf, &Header::ncmds, 1000)},
-    {"load command 3: its size is 0", set(classicOf, &dyld_info_command::cmdsize, 0)},
-    {"load command 3: its size is 47", set(classicOf, &dyld_info_command::cmdsize, 47)},
-    {"load command: ", set(classicOf, &dyld_info_command::cmdsize, 0x7ffffff8)},
-    {"segment __TEXT: 50 sections", set("__TEXT", &Segment::nsects, 50)},
-    {"says that it is in __X",
-     [](Bytes& file) {
-       strcpy(reinterpret_cast<section_64*>(segmentOf(file, "__DATA") + 1)->segname, "__X");
-     }},
-    {"segment __DATA: lies outside the file", set("__DATA", &Segment::fileoff, 1 << 20)},
+const Faults kFaults = {
+    {"not a 64-bit Mach-O file", set(headerOf, &mach_header_64::magic, 0xfeedface)},
+    {"neither a library nor a bundle", set(headerOf, &mach_header_64::filetype, 1)},
+    {"load command 3: its size is 47", set(classicOf, &Classic::cmdsize, 47)},
     {"segment __DATA: is larger in the file", set("__DATA", &Segment::vmsize, 8)},
     {"segment __DATA: does not start on a page", set("__DATA", &Segment::vmaddr, 0x4008)},
     {"segment __LINKEDIT: is empty or too large", set("__LINKEDIT", &Segment::vmsize, ~uint64_t{0})},
-    {"segment __LINKEDIT: lies outside the address space",
-     set("__LINKEDIT", &Segment::vmaddr, ~uint64_t{0xffff})},
+    {"lies outside the address space", set("__LINKEDIT", &Segment::vmaddr, ~uint64_t{0xffff})},
     {"the image is too large", set("__LINKEDIT", &Segment::vmaddr, uint64_t{1} << 40)},
-    {"segment __LINKEDIT: lies in or before segment __DATA",
-     [](Bytes& file) { segmentOf(file, "__LINKEDIT")->vmaddr = segmentOf(file, "__DATA")->vmaddr; }},
+    {"lies in or before segment __TEXT", set("__DATA", &Segment::vmaddr, 0)},
     {"segment __LINKEDIT: cannot be read", set("__LINKEDIT", &Segment::initprot, 0)},
     {"segment __TEXT: is both writable and executable", set("__TEXT", &Segment::initprot, 7)},
     {"segment __DATA: cannot be written", set("__DATA", &Segment::initprot, 1)},
     {"does not hold the header", set("__TEXT", &Segment::filesize, 64)},
 
-    {"rebase opcodes: ", set(classicOf, &dyld_info_command::rebase_off, ~0U)},
+    {"does not end", set(classicOf, &Classic::bind_size, 4)},
     {"they break off", rebase({0x22})},
     {"more than 64 bits", rebase({0x22, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 1})},
     {"unknown rebase opcode 0xf0", rebase({0xf0})},
-    {"rebase of type 2", rebase({0x12})},
     {"a fixup in no segment", rebase({0x51})},
     {"fixups in segment 9", rebase({0x29, 0x00, 0x51})},
     {"segment of the load commands", rebase({0x20, 0x00, 0x51})},
-    {"segment __DATA: a fixup at ", rebase({0x21, 0xff, 0xff, 0x3f, 0x51})},
-    // Two to the power of 62 times, eight bytes and minus eight bytes on; and one pointer over and over.
+    // Two to the power of 62 times, eight bytes and minus eight bytes on.
     {"a run that leaves its segment",
      rebase({0x21, 0x00, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
              0x40, 0xf8, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x01})},
     {"segment __DATA: a fixup at ",
      rebase({0x21, 0x00, 0x60, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x40})},
-    {"more fixups than the image has pointers", rebase(repeated(20'000, {0x21, 0x00, 0x51}))},
-    {"the string at 1 does not end", bind({0x40, 'x', 'y'})},
-    {"unknown bind opcode 0xd0", bind({0xd0})},
-    {"nobody has \"_x\"", bind({0x40, '_', 'x', 0, 0x71, 0x00, 0x90})},
 };
 
-const std::vector<Fault> kFaultsOfChains = {
-    {"chained fixups: ",
-     [](Bytes& file) { find<linkedit_data_command>(file, LC_DYLD_CHAINED_FIXUPS)->datasize = ~0U; }},
+const Faults kFaultsOfChains = {
     {"chained fixups: version 7", set(chainsOf, &Chains::fixups_version, 7)},
-    {"chained fixups: imports: ", set(chainsOf, &Chains::imports_count, ~0U)},
     {"chained fixups: imports of format 9", set(chainsOf, &Chains::imports_format, 9)},
     {"compressed symbol names", set(chainsOf, &Chains::symbols_format, 1)},
-    {"chained fixups: symbol name: ", set(chainsOf, &Chains::symbols_offset, 1 << 30)},
-    {"chained fixups: starts: ", set(chainsOf, &Chains::starts_offset, 1 << 30)},
     {"chained fixups: import 1 of 1", set(chainsOf, &Chains::imports_count, 1)},
-    {"chained fixups: pointers of format 1", set(startsOf, &Starts::pointer_format, 1)},
-    {"chained fixups: pages of 3 bytes", set(startsOf, &Starts::page_size, 3)},
-    {"its chains are elsewhere", [](Bytes& file) { startsOf(file)->segment_offset += 8; }},
-    {"a chain starts outside its page", [](Bytes& file) { startsOf(file)->page_start[0] = 0x8000; }},
-    {"segment __DATA_CONST: a fixup at ",
-     [](Bytes& file) {
-       startsOf(file)->page_start[0] = static_cast<uint16_t>(startsOf(file)->page_size - 4);
-     }},
 };
 
 TEST(HostileImages, AreRefusedWithTheirFault) {
+  const uint32_t images = _dyld_image_count();
   for (const auto& [layout, faults] : {std::pair("lazy", kFaults), std::pair("chained", kFaultsOfChains)}) {
     for (const auto& [message, make] : faults) {
       Bytes file = fileBytes(doorman(layout, "x86_64"));
       make(file);
       EXPECT_THAT(refusalOf(file), HasSubstr(message));
     }
+    const auto nobody = [](const std::string&) -> void* { return nullptr; };
+    EXPECT_THAT(refusalOf(fileBytes(doorman(layout)), nobody), HasSubstr("nobody has \"_"));
   }
-  EXPECT_THAT(refusalOf({}), HasSubstr("header"));
   EXPECT_THROW(LoadedImage::load(doorman("lazy", kOtherProcessor), theOriginal), ImageRefused);
   EXPECT_THROW(LoadedImage::load(imagePath("nothing"), theOriginal), ImageRefused);
+  EXPECT_EQ(_dyld_image_count(), images) << "none of them is known";
 }
 
 // Loads an image, and rebinds in it if it is taken. Whatever is wrong with it, nothing else is touched:

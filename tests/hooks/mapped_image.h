@@ -5,11 +5,10 @@
 #include <mach-o/nlist.h>
 #include <mach/task_map.h>
 
-#include <cstring>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -40,35 +39,28 @@ inline std::vector<uint8_t> fileBytes(const std::string& path) {
   return {text.begin(), text.end()};
 }
 
-// What the images import, when nothing is rebound.
-inline int openDoor(int guest) {
-  return guest + 100;
-}
-inline int ringBell(int guest) {
-  return guest + 200;
-}
-inline int oneLetter(int guest) {
-  return guest + 300;
-}
-inline int noUnderscore(int guest) {
-  return guest + 400;
-}
-inline int bellCount = 7;
-
 using GuestFunction = int(int);
+
+template <int kMore>
+int add(int guest) {
+  return guest + kMore;
+}
 
 inline void* address(GuestFunction* function) {
   return reinterpret_cast<void*>(function);
 }
 
+// What the images import, when nothing is rebound.
+inline constexpr GuestFunction* openDoor = add<100>;
+inline constexpr GuestFunction* ringBell = add<200>;
+inline int bellCount = 7;
+
 inline void* theOriginal(const std::string& name) {
-  static const std::map<std::string, void*> known = {{"open_door", address(openDoor)},
-                                                     {"ring_bell", address(ringBell)},
-                                                     {"Q", address(oneLetter)},
-                                                     {"qz", address(noUnderscore)},
-                                                     {"bell_count", &bellCount}};
-  const auto found = known.find(name);
-  return found == known.end() ? nullptr : found->second;
+  if (name == "open_door") return address(openDoor);
+  if (name == "ring_bell") return address(ringBell);
+  if (name == "Q") return address(add<300>);
+  if (name == "qz") return address(add<400>);
+  return name == "bell_count" ? &bellCount : nullptr;
 }
 
 inline std::unique_ptr<platform::LoadedImage> loadDoorman(const std::string& layout,
@@ -81,54 +73,51 @@ inline int call(const platform::LoadedImage& image, const char* function, int gu
   return image.function<GuestFunction>(function)(guest);
 }
 
+// The load commands of a kind, in a mapped image or in the bytes of a file.
+template <typename Command>
+std::vector<Command*> commandsOf(mach_header_64* header, uint32_t kind) {
+  std::vector<Command*> found;
+  auto* at = reinterpret_cast<char*>(header + 1);
+  for (uint32_t i = 0; i < header->ncmds; ++i) {
+    const auto* const prefix = reinterpret_cast<const load_command*>(at);
+    if (prefix->cmd == kind) found.push_back(reinterpret_cast<Command*>(at));
+    at += prefix->cmdsize;
+  }
+  return found;
+}
+
 // One pointer of a section of symbol pointers.
 struct Slot {
   std::string symbol;  // as the symbol table has it; "" for a local or absolute entry
-  std::string segment;
-  std::string section;
   void** address;
   uint32_t* indirectEntry;
 };
 
-// Every slot of a well-made image.
+// Every slot of a well-made image, whose last segment is the link-edit one.
 inline std::vector<Slot> slotsOf(const platform::LoadedImage& image) {
   const auto at = [&](uint64_t address) {
     return reinterpret_cast<char*>(address + static_cast<uint64_t>(image.slide()));
   };
-  const symtab_command* symtab = nullptr;
-  const dysymtab_command* dysymtab = nullptr;
-  char* linkEdit = nullptr;
-  std::vector<const section_64*> sections;
-  const auto* command = reinterpret_cast<const char*>(image.header() + 1);
-  for (uint32_t i = 0; i < image.header()->ncmds; ++i) {
-    const auto* const prefix = reinterpret_cast<const load_command*>(command);
-    if (prefix->cmd == LC_SYMTAB) symtab = reinterpret_cast<const symtab_command*>(command);
-    if (prefix->cmd == LC_DYSYMTAB) dysymtab = reinterpret_cast<const dysymtab_command*>(command);
-    if (prefix->cmd == LC_SEGMENT_64) {
-      const auto* const segment = reinterpret_cast<const segment_command_64*>(command);
-      if (std::string(segment->segname) == SEG_LINKEDIT) linkEdit = at(segment->vmaddr) - segment->fileoff;
-      const auto* const first = reinterpret_cast<const section_64*>(segment + 1);
-      for (uint32_t s = 0; s < segment->nsects; ++s) sections.push_back(first + s);
-    }
-    command += prefix->cmdsize;
-  }
+  auto* const header = const_cast<mach_header_64*>(image.header());
+  const auto segments = commandsOf<segment_command_64>(header, LC_SEGMENT_64);
+  const auto* const symtab = commandsOf<symtab_command>(header, LC_SYMTAB).at(0);
+  const auto* const dysymtab = commandsOf<dysymtab_command>(header, LC_DYSYMTAB).at(0);
+  char* const linkEdit = at(segments.back()->vmaddr) - segments.back()->fileoff;
+  const auto* const symbols = reinterpret_cast<const nlist_64*>(linkEdit + symtab->symoff);
+  auto* const indirect = reinterpret_cast<uint32_t*>(linkEdit + dysymtab->indirectsymoff);
+
   std::vector<Slot> slots;
-  for (const section_64* section : sections) {
-    const uint32_t type = section->flags & SECTION_TYPE;
-    if (type != S_LAZY_SYMBOL_POINTERS && type != S_NON_LAZY_SYMBOL_POINTERS) continue;
-    for (uint64_t i = 0; i < section->size / sizeof(void*); ++i) {
-      auto* const entry =
-          reinterpret_cast<uint32_t*>(linkEdit + dysymtab->indirectsymoff) + section->reserved1 + i;
-      std::string symbol;
-      if ((*entry & (INDIRECT_SYMBOL_LOCAL | INDIRECT_SYMBOL_ABS)) == 0) {
-        const auto* const symbols = reinterpret_cast<const nlist_64*>(linkEdit + symtab->symoff);
-        symbol = linkEdit + symtab->stroff + symbols[*entry].n_un.n_strx;
+  for (auto* const segment : segments) {
+    const std::span sections(reinterpret_cast<const section_64*>(segment + 1), segment->nsects);
+    for (const section_64& section : sections) {
+      const uint32_t type = section.flags & SECTION_TYPE;
+      if (type != S_LAZY_SYMBOL_POINTERS && type != S_NON_LAZY_SYMBOL_POINTERS) continue;
+      for (uint64_t i = 0; i < section.size / sizeof(void*); ++i) {
+        uint32_t* const entry = indirect + section.reserved1 + i;
+        const bool named = (*entry & (INDIRECT_SYMBOL_LOCAL | INDIRECT_SYMBOL_ABS)) == 0;
+        slots.push_back({named ? linkEdit + symtab->stroff + symbols[*entry].n_un.n_strx : "",
+                         reinterpret_cast<void**>(at(section.addr)) + i, entry});
       }
-      slots.push_back({symbol,
-                       {section->segname, strnlen(section->segname, 16)},
-                       {section->sectname, strnlen(section->sectname, 16)},
-                       reinterpret_cast<void**>(at(section->addr)) + i,
-                       entry});
     }
   }
   return slots;

@@ -1,6 +1,8 @@
 // The scripted SDK as a library that takes the SDK's place in a real service process. The environment
 // variable SDK_SCENARIO says what happens there.
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -15,20 +17,16 @@ void logSoon(const char* line) {
 
 [[maybe_unused]] const bool scenarioIsSet = [] {
   const char* name = std::getenv("SDK_SCENARIO");
-  const std::string scenario = name ? name : "";
-  ScriptedSdk& sdk = ScriptedSdk::get();
-  if (scenario == "connect hangs") {
-    sdk.hold("otc_session_connect");
-  } else if (scenario == "error") {
-    sdk.onCall = [](const std::string& call) {
-      if (call.starts_with("otc_session_connect")) logSoon("[ERROR] broken");
-    };
-  } else if (scenario == "error with a guest") {
-    sdk.onCall = [&sdk](const std::string& call) {
-      if (call.starts_with("otc_session_connect")) sdk.receiveStream({"cam", "Guest - Ann"});
-      if (call == "otc_session_send_signal session start cam") logSoon("[ERROR] broken");
-    };
-  }
+  ScriptedSdk::get().onCall = [scenario = std::string(name ? name : "")](const std::string& call) {
+    if (call.starts_with("otc_session_connect")) {
+      while (scenario == "connect hangs") pause();
+      if (scenario == "error") logSoon("[ERROR] broken");
+      if (scenario == "error with a guest") ScriptedSdk::get().receiveStream({"cam", "Guest - Ann"});
+    }
+    if (scenario == "error with a guest" && call == "otc_session_send_signal session start cam") {
+      logSoon("[ERROR] broken");
+    }
+  };
   return true;
 }();
 

@@ -1,19 +1,16 @@
 #pragma once
 
 #include <opentok.h>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <span>
 #include <string>
 #include <vector>
 
-// A video SDK that does nothing by itself: it writes down every call, answers what it is told to, holds a
-// call back for as long as a test wishes, and lets a test fire any callback from any thread.
+// A video SDK that does nothing by itself: it writes down every call, throws where a callback is missing, and
+// lets a test fire any callback from any thread.
 
 struct otc_stream {
   const char* id;
@@ -40,7 +37,6 @@ struct otc_publisher_settings {
 };
 
 struct otc_publisher {
-  otc_publisher_callbacks callbacks;
   otc_publisher_settings settings;
 };
 
@@ -53,34 +49,40 @@ struct otc_video_frame {
   int heights[3];
   int strides[3];
   int64_t timestamp = 0;
-  size_t size = 0;
   otc_video_frame_release_callback release = nullptr;
   void* releaseArgument = nullptr;
 };
 
-// A planar 4:2:0 frame with memory of its own, each plane of one value.
+// A grey planar 4:2:0 frame with memory of its own.
 struct PlanarFrame {
-  PlanarFrame(int width, int height, uint8_t y = 16, uint8_t u = 128, uint8_t v = 128);
+  PlanarFrame(int width, int height);
   std::vector<uint8_t> memory[3];
   otc_video_frame frame;
 };
 
 class ScriptedSdk {
  public:
-  static ScriptedSdk& get();
+  static ScriptedSdk& get() {
+    static auto& sdk = *new ScriptedSdk;
+    return sdk;
+  }
 
-  // Forgets the calls and what was scripted. Objects that were made stay valid.
-  void reset();
+  // Forgets the calls, the frames and `onCall`. Objects that were made stay valid.
+  void reset() {
+    forgetCalls();
+    providedFrames.clear();
+    onCall = nullptr;
+  }
 
   // The calls so far, as "function argument ...". Calls that only read something are not written down.
-  std::vector<std::string> calls() const;
-  void forgetCalls();
-  bool waitForCall(const std::string& call) const;
-
-  void answer(const std::string& function, otc_status status);
-
-  // From now on `function` does not return.
-  void hold(const std::string& function);
+  std::vector<std::string> calls() const {
+    std::lock_guard guard(lock_);
+    return calls_;
+  }
+  void forgetCalls() {
+    std::lock_guard guard(lock_);
+    calls_.clear();
+  }
 
   // Called at the end of each call that is written down, without a lock.
   std::function<void(const std::string& call)> onCall;
@@ -88,27 +90,52 @@ class ScriptedSdk {
   otc_logger_callback logger = nullptr;
   otc_audio_device_callbacks audioDevice = {};
   std::vector<std::unique_ptr<otc_session>> sessions;
-  std::vector<std::unique_ptr<otc_subscriber>> subscribers;
+  std::vector<std::unique_ptr<otc_subscriber>> subscribers;  // the newest first
+  std::vector<std::unique_ptr<otc_publisher_settings>> settings;
   std::vector<std::unique_ptr<otc_publisher>> publishers;
   std::vector<otc_video_frame> providedFrames;
-  std::vector<int16_t> capturedSamples;
 
   otc_session* session() const { return sessions.back().get(); }
-  otc_subscriber* subscriber(const std::string& streamId) const;
-  void receiveStream(const otc_stream& stream) const;
-  void dropStream(const otc_stream& stream) const;
-  void sendSignal(const char* type, const char* data) const;
-  void renderFrame(const std::string& streamId, const otc_video_frame& frame) const;
-  void deliverSound(const std::string& streamId, std::span<int16_t> samples) const;  // stereo
-  void startCapturer() const;
+  otc_subscriber* subscriber(const std::string& streamId) const {
+    for (const auto& subscriber : subscribers) {
+      if (subscriber->streamId == streamId) return subscriber.get();
+    }
+    return nullptr;
+  }
+  void receiveStream(const otc_stream& stream) const {
+    session()->callbacks.on_stream_received(session(), session()->callbacks.user_data, &stream);
+  }
+  void dropStream(const otc_stream& stream) const {
+    session()->callbacks.on_stream_dropped(session(), session()->callbacks.user_data, &stream);
+  }
+  void sendSignal(const char* type, const char* data) const {
+    session()->callbacks.on_signal_received(session(), session()->callbacks.user_data, type, data, nullptr);
+  }
+  void renderFrame(const std::string& streamId, const otc_video_frame& frame) const {
+    otc_subscriber* from = subscriber(streamId);
+    from->callbacks.on_render_frame(from, from->callbacks.user_data, &frame);
+  }
+  void deliverSound(const std::string& streamId, std::span<int16_t> stereo) const {
+    const otc_audio_data sound = {stereo.data(), 16, 48000, 2, stereo.size() / 2};
+    otc_subscriber* from = subscriber(streamId);
+    from->callbacks.on_audio_data(from, from->callbacks.user_data, &sound);
+  }
+  void startCapturer() const {
+    const auto& capturer = publishers.back()->settings.capturer;
+    capturer.init(reinterpret_cast<otc_video_capturer*>(1), capturer.user_data);
+    capturer.start(reinterpret_cast<otc_video_capturer*>(1), capturer.user_data);
+  }
 
   // For the interface's functions.
-  otc_status record(const std::string& function, const std::string& call);
+  void record(const std::string& call) {
+    {
+      std::lock_guard guard(lock_);
+      calls_.push_back(call);
+    }
+    if (onCall) onCall(call);
+  }
 
  private:
   mutable std::mutex lock_;
-  mutable std::condition_variable changed_;
   std::vector<std::string> calls_;
-  std::map<std::string, otc_status> answers_;
-  std::set<std::string> held_;
 };

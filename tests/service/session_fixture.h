@@ -1,43 +1,49 @@
 #pragma once
 
+#include <IOSurface/IOSurface.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <list>
 #include <mutex>
+#include <set>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "scripted_sdk.h"
 #include "session/guest_session.h"
+#include "waiting.h"
 
 // Writes down what the session reports, log lines apart.
 class RecordingDelegate : public GuestSessionDelegate {
  public:
+  using Text = std::optional<std::string>;
+
   void pixelBufferReceived(CVPixelBufferRef buffer, const std::string& forName, const std::string& andID,
                            uint64_t timestamp) override {
     const auto frame = Ref<CVPixelBufferRef>::adopt(buffer);
-    add("frame " + forName + " " + andID + " " + std::to_string(timestamp) + " " +
-        std::to_string(CVPixelBufferGetWidth(buffer)) + "x" + std::to_string(CVPixelBufferGetHeight(buffer)));
+    EXPECT_EQ(CVPixelBufferGetPixelFormatType(buffer), kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange);
+    add(fmt::format("frame {} {} {} {}x{}", forName, andID, timestamp, CVPixelBufferGetWidth(buffer),
+                    CVPixelBufferGetHeight(buffer)));
     std::lock_guard guard(lock_);
-    lastFrame = frame;
+    surfaces.insert(IOSurfaceGetID(CVPixelBufferGetIOSurface(buffer)));
   }
-  void soundReceived(const void* samples, int64_t length,
-                     const std::optional<std::string>& session) override {
-    add("sound " + std::to_string(length) + " " + session.value_or("none"));
-    std::lock_guard guard(lock_);
-    const auto* first = static_cast<const int16_t*>(samples);
-    lastSound.assign(first, first + length / 2);
+  void soundReceived(const void* samples, int64_t length, const Text& session) override {
+    std::string report = "sound " + session.value_or("none");
+    const std::span heard(static_cast<const int16_t*>(samples), static_cast<size_t>(length) / 2);
+    for (const int16_t sample : heard) report += " " + std::to_string(sample);
+    add(report);
   }
   void ring(const std::string& name, const std::string& id, bool screenShare) override {
     add("ring " + name + " " + id + (screenShare ? " screen" : " camera"));
   }
   void hasAudioChanged(bool hasAudio) override { add(hasAudio ? "audio on" : "audio off"); }
-  void chatMessage(const std::optional<std::string>& text, const std::optional<std::string>& name,
-                   const std::string& uuid) override {
+  void chatMessage(const Text& text, const Text& name, const std::string& uuid) override {
     add("chat " + text.value_or("none") + " " + name.value_or("none") + " " + uuid);
   }
-  void favMessage(const std::optional<std::string>& uuid, const std::optional<std::string>& state) override {
+  void favMessage(const Text& uuid, const Text& state) override {
     add("fav " + uuid.value_or("none") + " " + state.value_or("none"));
   }
   void streamDropped(const std::string& id) override { add("dropped " + id); }
@@ -45,9 +51,7 @@ class RecordingDelegate : public GuestSessionDelegate {
     std::lock_guard guard(lock_);
     log_.push_back(text);
   }
-  void reportFatalError(const std::optional<std::string>& text) override {
-    add("fatal " + text.value_or("none"));
-  }
+  void reportFatalError(const Text& text) override { add("fatal " + text.value_or("none")); }
 
   std::vector<std::string> takeReports() {
     std::lock_guard guard(lock_);
@@ -58,8 +62,7 @@ class RecordingDelegate : public GuestSessionDelegate {
     return std::exchange(log_, {});
   }
 
-  Ref<CVPixelBufferRef> lastFrame;
-  std::vector<int16_t> lastSound;
+  std::set<IOSurfaceID> surfaces;  // that frames came in
 
  private:
   void add(const std::string& report) {
@@ -82,16 +85,15 @@ class SessionTest : public testing::Test {
     session = ZarvoGuestSession::initWithAPIKey("key");
     session->setDelegate(&delegate);
     session->joinWithSession("room", "token");
-    sdk.forgetCalls();
-    delegate.takeLog();
+    forget();
   }
   ~SessionTest() override { session->setDelegate(nullptr); }
 
   void receive(const char* id, const char* name = "Guest - Ann", int type = OTC_STREAM_VIDEO_TYPE_CAMERA) {
     sdk.receiveStream({id, name, type});
   }
-  void admit(const char* id) {
-    receive(id);
+  void admit(const char* id, int type = OTC_STREAM_VIDEO_TYPE_CAMERA) {
+    receive(id, "Guest - Ann", type);
     session->startSubscribing(id);
     forget();
   }
@@ -100,14 +102,8 @@ class SessionTest : public testing::Test {
     delegate.takeReports();
     delegate.takeLog();
   }
-  // The data of the signals of this type that were sent since the last look.
-  std::vector<std::string> sentSignals(const std::string& type) {
-    const std::string prefix = "otc_session_send_signal session " + type + " ";
-    std::vector<std::string> data;
-    for (const std::string& call : sdk.calls()) {
-      if (call.starts_with(prefix)) data.push_back(call.substr(prefix.size()));
-    }
-    return data;
+  bool waitForCall(const char* call) {
+    return eventually([&] { return testing::Value(sdk.calls(), testing::Contains(call)); });
   }
 
   ScriptedSdk& sdk = ScriptedSdk::get();

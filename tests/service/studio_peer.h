@@ -1,8 +1,8 @@
 #pragma once
 
-#include <mutex>
+#include <atomic>
+#include <map>
 #include <string>
-#include <vector>
 
 #include "link.h"
 
@@ -40,32 +40,20 @@ class StudioPeer {
     return false;
   }
 
-  // Answers the messages that wait for an answer, and from now on each at once, or none.
-  void setAnswering(bool answering) {
-    std::lock_guard guard(lock_);
-    answering_ = answering;
-    if (!answering) return;
-    for (const Object& message : unanswered_) answer(message);
-    unanswered_.clear();
-  }
-
- private:
-  void keep(xpc_object_t event) {
-    if (xpc_get_type(event) != XPC_TYPE_DICTIONARY) return;
-    received_.put(event);
-    std::lock_guard guard(lock_);
-    if (answering_) return answer(event);
-    unanswered_.emplace_back(xpc_retain(event));
-  }
-
   static void answer(xpc_object_t message) {
     const Object reply(xpc_dictionary_create_reply(message));
     if (reply) xpc_connection_send_message(xpc_dictionary_get_remote_connection(message), reply);
   }
 
+  std::atomic<bool> answering{true};
+
+ private:
+  void keep(xpc_object_t event) {
+    if (xpc_get_type(event) != XPC_TYPE_DICTIONARY) return;
+    received_.put(event);
+    if (answering) answer(event);
+  }
+
   Events received_;
-  std::mutex lock_;  // guards what follows
-  std::vector<Object> unanswered_;
-  bool answering_ = true;
   Connection connection_;
 };

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,7 +18,12 @@
 namespace {
 
 using namespace studio;
+using testing::Ge;
 using testing::HasSubstr;
+using testing::Le;
+
+const auto black = testing::Each(Le(12));
+const auto blue = testing::ElementsAre(Le(12), Le(12), Ge(243));
 
 class ShowTest : public testing::Test, public Show::Sink {
  protected:
@@ -54,16 +59,8 @@ class ShowTest : public testing::Test, public Show::Sink {
       return condition();
     });
   }
-  bool isNews(const std::string& state) {
-    return std::find(news_.begin(), news_.end(), state) != news_.end();
-  }
 
   using Colour = std::array<int, 3>;  // red, green, blue
-  static bool alike(const Colour& one, const Colour& other) {
-    return std::equal(one.begin(), one.end(), other.begin(),
-                      [](int left, int right) { return std::abs(left - right) <= 12; });
-  }
-
   std::atomic<bool> wanted_{true};
   std::mutex mutex_;  // guards what the show's threads write
   int pictures_ = 0;
@@ -72,9 +69,9 @@ class ShowTest : public testing::Test, public Show::Sink {
   Colour top_{};
   std::vector<std::size_t> sounds_;
   int loudest_ = 0;
-  std::vector<std::string> news_;
+  std::set<std::string> news_;
   Show show_{
-      {160, 90, 30}, *this, [this](const std::string& state, const std::string&) { news_.push_back(state); }};
+      {160, 90, 30}, *this, [this](const std::string& state, const std::string&) { news_.insert(state); }};
 };
 
 TEST_F(ShowTest, TheTestPictureHasPictureAndTone) {
@@ -84,39 +81,29 @@ TEST_F(ShowTest, TheTestPictureHasPictureAndTone) {
   EXPECT_NEAR(loudest_, 3276, 100);
 }
 
-TEST_F(ShowTest, AnEndedSourceLeavesItsPictureStandingInItsShape) {
-  ASSERT_EQ(show_.play("videotestsrc pattern=red num-buffers=5 ! video/x-raw,width=90,height=90 ! identity"),
-            "");
-  EXPECT_TRUE(until([&] { return isNews("ended"); }));
-  const int before = pictures_;
-  EXPECT_TRUE(until([&] { return pictures_ > before + 2; })) << "who comes later sees it as well";
-  EXPECT_TRUE(alike(middle_, {255, 0, 0}));
-  EXPECT_TRUE(alike(side_, {0, 0, 0}));
-  EXPECT_TRUE(alike(top_, {255, 0, 0}));
-}
-
-TEST_F(ShowTest, ASourceMayChangeItsSizeAndStall) {
+TEST_F(ShowTest, AnEndedSourceLeavesItsPictureStandingInItsLatestShape) {
   ASSERT_EQ(
       show_.play(
           "concat name=all ! identity  "
           "videotestsrc pattern=red num-buffers=9 ! video/x-raw,width=90,height=90,framerate=30/1 ! all.  "
-          "videotestsrc pattern=blue num-buffers=9 ! video/x-raw,width=320,height=90,framerate=30/1 ! all. "
-          "appsrc caps=video/x-raw,format=I420,width=8,height=8,framerate=30/1 ! all."),
+          "videotestsrc pattern=blue num-buffers=9 ! video/x-raw,width=320,height=90,framerate=30/1 ! all."),
       "");
-  EXPECT_TRUE(until([&] { return alike(middle_, {0, 0, 255}); }));
-  EXPECT_TRUE(alike(top_, {0, 0, 0}));
-  EXPECT_TRUE(until([&] { return isNews("stalled"); }));
-  ASSERT_EQ(show_.play("videotestsrc is-live=true pattern=green"), "");
-  EXPECT_TRUE(until([&] { return alike(middle_, {0, 255, 0}); }));
+  EXPECT_TRUE(until([&] { return news_.contains("ended"); }));
+  const int before = pictures_;
+  EXPECT_TRUE(until([&] { return pictures_ > before + 2; })) << "who comes later sees it as well";
+  EXPECT_THAT(middle_, blue);
+  EXPECT_THAT(side_, blue);
+  EXPECT_THAT(top_, black);
 }
 
 TEST_F(ShowTest, NothingIsConvertedForNobody) {
   wanted_ = false;
   ASSERT_EQ(show_.play("videotestsrc num-buffers=3"), "");
-  EXPECT_TRUE(until([&] { return isNews("ended"); }));
+  EXPECT_TRUE(until([&] { return news_.contains("ended"); }));
   EXPECT_EQ(pictures_, 0);
   wanted_ = true;
   EXPECT_TRUE(until([&] { return pictures_ > 0; }));
+  EXPECT_THAT(side_, black) << "a narrow picture stands between bars";
 }
 
 TEST_F(ShowTest, WhatIsNoSourceIsRefusedAndLeavesTheShowAlone) {
@@ -127,7 +114,7 @@ TEST_F(ShowTest, WhatIsNoSourceIsRefusedAndLeavesTheShowAlone) {
   EXPECT_TRUE(until([&] { return pictures_ > 0; }));
   EXPECT_THAT(show_.play("file:///nowhere/film.webm"), HasSubstr("not found"));
   ASSERT_EQ(show_.play("fakesrc num-buffers=1"), "");
-  EXPECT_TRUE(until([&] { return isNews("failed"); })) << "it is neither picture nor sound";
+  EXPECT_TRUE(until([&] { return news_.contains("failed"); })) << "it is neither picture nor sound";
   EXPECT_EQ(show_.play("off"), "");
 }
 

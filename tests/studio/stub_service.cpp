@@ -17,8 +17,6 @@ void handle(xpc_connection_t studio, xpc_object_t event) {
     send(ring);
   } else if (has("Exit")) {
     std::_Exit(0);
-  } else if (has("StopBroadcast")) {
-    send(message({{"dropped", "abc"}, {"sessionId", "s"}}));
   } else if (const char* text = xpc_dictionary_get_string(event, "ChatText")) {
     send(message("logMessage", "the last words"));
     if (std::string(text) == "die") kill(getpid(), SIGKILL);

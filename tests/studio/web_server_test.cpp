@@ -3,12 +3,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "run_until.h"
@@ -20,29 +20,23 @@ using studio::WebServer;
 using testing::HasSubstr;
 
 constexpr char address[] = "127.0.0.1";
+const char* protocols[] = {"janus-protocol", nullptr};
 
 class WebServerTest : public testing::Test {
  protected:
   WebServerTest() : session_(soup_session_new()), janus_(soup_server_new(nullptr, nullptr)) {
     fs::create_directories(directory_ / "page/parts");
-    for (const char* file : {"page/parts/a.js", "page/notes.md", "page/.secret.js", "outside.js"}) {
-      std::ofstream(directory_ / file) << "hidden";
+    for (const char* file :
+         {"page/index.html", "page/parts/a.js", "page/notes.md", "page/.secret.js", "outside.js"}) {
+      std::ofstream(directory_ / file) << "text";
     }
-    std::ofstream(directory_ / "page/index.html") << "<p>page</p>";
     fs::create_symlink(directory_ / "outside.js", directory_ / "page/link.js");
 
-    const char* protocols[] = {"janus-protocol", nullptr};
     soup_server_add_websocket_handler(
         janus_, "/", nullptr, const_cast<char**>(protocols),
         [](SoupServer*, SoupServerMessage*, const char*, SoupWebsocketConnection* peer, gpointer peers) {
           static_cast<std::vector<SoupWebsocketConnection*>*>(peers)->push_back(
               SOUP_WEBSOCKET_CONNECTION(g_object_ref(peer)));
-          // Echoes.
-          g_signal_connect(peer, "message",
-                           G_CALLBACK(+[](SoupWebsocketConnection* self, int, GBytes* bytes, gpointer) {
-                             soup_websocket_connection_send_message(self, SOUP_WEBSOCKET_DATA_TEXT, bytes);
-                           }),
-                           nullptr);
         },
         &atJanus_, nullptr);
     soup_server_listen_local(janus_, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, nullptr);
@@ -55,7 +49,6 @@ class WebServerTest : public testing::Test {
   }
   ~WebServerTest() override {
     server_.reset();
-    for (SoupWebsocketConnection* peer : atJanus_) g_object_unref(peer);
     g_object_unref(janus_);
     g_object_unref(session_);
   }
@@ -67,34 +60,25 @@ class WebServerTest : public testing::Test {
 
   struct Answer {
     int status;
-    std::string body, type, policy;
+    std::string policy;
   };
   // The path is sent as it stands: no client tidies it up.
-  Answer get(const std::string& path, const char* method = "GET") {
+  Answer get(const char* path, const char* method = "GET") {
     g_autoptr(GUri) uri = g_uri_build(static_cast<GUriFlags>(SOUP_HTTP_URI_FLAGS), "http", nullptr, address,
-                                      port(), path.c_str(), nullptr, nullptr);
+                                      port(), path, nullptr, nullptr);
     g_autoptr(SoupMessage) message = soup_message_new_from_uri(method, uri);
     g_autoptr(GAsyncResult) result = nullptr;
     soup_session_send_and_read_async(session_, message, G_PRIORITY_DEFAULT, nullptr, finish, &result);
     EXPECT_TRUE(runUntil([&] { return result != nullptr; }));
-    g_autoptr(GBytes) bytes = soup_session_send_and_read_finish(session_, result, nullptr);
-    const auto header = [&](const char* name) -> std::string {
-      const char* value = soup_message_headers_get_one(soup_message_get_response_headers(message), name);
-      return value ? value : "";
-    };
-    return {static_cast<int>(soup_message_get_status(message)), text(bytes), header("Content-Type"),
-            header("Content-Security-Policy")};
-  }
-  static std::string text(GBytes* bytes) {
-    std::size_t size = 0;
-    const void* data = bytes ? g_bytes_get_data(bytes, &size) : nullptr;
-    return {static_cast<const char*>(data), size};
+    g_autoptr(GBytes) body = soup_session_send_and_read_finish(session_, result, nullptr);
+    const char* policy =
+        soup_message_headers_get_one(soup_message_get_response_headers(message), "Content-Security-Policy");
+    return {static_cast<int>(soup_message_get_status(message)), policy ? policy : ""};
   }
 
   // Connects to /janus; null when that is refused.
   SoupWebsocketConnection* connect(const char* origin) {
     g_autoptr(SoupMessage) message = soup_message_new("GET", ("ws" + url_.substr(4) + "janus").c_str());
-    const char* protocols[] = {"janus-protocol", nullptr};
     g_autoptr(GAsyncResult) result = nullptr;
     soup_session_websocket_connect_async(session_, message, origin, const_cast<char**>(protocols),
                                          G_PRIORITY_DEFAULT, nullptr, finish, &result);
@@ -118,42 +102,27 @@ class WebServerTest : public testing::Test {
 TEST_F(WebServerTest, ThePageAndNothingElseIsServed) {
   const Answer page = get("/");
   EXPECT_EQ(page.status, 200);
-  EXPECT_EQ(page.body, "<p>page</p>");
-  EXPECT_THAT(page.type, HasSubstr("text/html"));
   EXPECT_THAT(page.policy, HasSubstr("default-src 'none'"));
   EXPECT_THAT(page.policy, HasSubstr("ws://127.0.0.1:" + std::to_string(port())));
-  EXPECT_THAT(get("/parts/a.js").type, HasSubstr("text/javascript"));
-  EXPECT_THAT(get("/config.json").body, HasSubstr("\"server\":\"janus\""));
-
+  EXPECT_EQ(get("/parts/a.js").status, 200);
   for (const char* path : {"/outside.js", "/../outside.js", "/parts/../../outside.js", "/%2e%2e/outside.js",
                            "/..%2foutside.js", "/link.js", "/.secret.js", "/notes.md", "/parts", "/parts/",
                            "//etc/passwd.js", "/index.html%00.js", "/nothing.js"}) {
-    const Answer answer = get(path);
-    EXPECT_THAT(answer.status, testing::AnyOf(400, 404)) << path << " gave: " << answer.body;
+    EXPECT_THAT(get(path).status, testing::AnyOf(400, 404)) << path;
   }
   EXPECT_EQ(get("/", "POST").status, 405);
 }
 
-TEST_F(WebServerTest, TheRelayPassesTextBothWaysUntilOneEndCloses) {
-  g_autoptr(SoupWebsocketConnection) guest = connect(nullptr);
-  ASSERT_TRUE(guest);
-  std::string heard;
-  g_signal_connect(guest, "message",
-                   G_CALLBACK(+[](SoupWebsocketConnection*, int, GBytes* bytes, gpointer to) {
-                     *static_cast<std::string*>(to) = text(bytes);
-                   }),
-                   &heard);
-  soup_websocket_connection_send_text(guest, "{\"janus\":\"early\"}");
-  EXPECT_TRUE(runUntil([&] { return heard == "{\"janus\":\"early\"}"; }));
-  ASSERT_EQ(atJanus_.size(), 1u);
-  soup_websocket_connection_close(guest, SOUP_WEBSOCKET_CLOSE_NORMAL, nullptr);
-  EXPECT_TRUE(untilClosed(atJanus_[0]) && untilClosed(guest));
-
-  g_autoptr(SoupWebsocketConnection) second = connect(("http://127.0.0.1:" + std::to_string(port())).c_str());
-  ASSERT_TRUE(second);
-  EXPECT_TRUE(runUntil([&] { return atJanus_.size() == 2; }));
-  soup_websocket_connection_close(atJanus_[1], SOUP_WEBSOCKET_CLOSE_NORMAL, nullptr);
-  EXPECT_TRUE(untilClosed(second));
+TEST_F(WebServerTest, EitherEndOfTheRelayClosesTheOther) {
+  const std::string own = "http://127.0.0.1:" + std::to_string(port());
+  for (const bool guestFirst : {true, false}) {
+    g_autoptr(SoupWebsocketConnection) guest = connect(guestFirst ? nullptr : own.c_str());
+    ASSERT_TRUE(guest);
+    ASSERT_TRUE(runUntil([&] { return !atJanus_.empty(); }));
+    g_autoptr(SoupWebsocketConnection) peer = std::exchange(atJanus_, {}).front();
+    soup_websocket_connection_close(guestFirst ? guest : peer, SOUP_WEBSOCKET_CLOSE_NORMAL, nullptr);
+    EXPECT_TRUE(untilClosed(peer) && untilClosed(guest)) << guestFirst;
+  }
 }
 
 TEST_F(WebServerTest, PagesFromElsewhereDoNotReachTheSession) {

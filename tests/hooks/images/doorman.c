@@ -33,9 +33,3 @@ static int stayOutside(int guest) {
 }
 int (*table[])(int) = {open_door, ring_bell, stayOutside};
 int (*const constantTable[])(int) = {ring_bell, stayOutside};
-int callTable(int entry, int guest) {
-  return table[entry](guest);
-}
-int callConstantTable(int entry, int guest) {
-  return constantTable[entry](guest);
-}
