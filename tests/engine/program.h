@@ -1,69 +1,72 @@
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "opentok.h"
 
-// What a subscriber was last given.
-struct Received {
+// A stream as it was announced, and what its subscriber was last given.
+struct Stream {
+  int type = 0;
+  int announced_width = 0;
+  int announced_height = 0;
   otc_subscriber* subscriber = nullptr;
   int connected = 0;
   int disconnected = 0;
-  int reconnected = 0;
   int frames = 0;
   int width = 0;
   int height = 0;
-  int y = 0;  // of the middle of the picture
-  int u = 0;
-  int v = 0;
   int sounds = 0;
-  std::vector<std::int16_t> left;  // the last half second
-};
-
-struct Stream {
-  std::string id;
-  std::string name;
-  int type = 0;
-  int width = 0;
-  int height = 0;
 };
 
 // A program that uses the SDK: it connects one session at a time, makes a subscriber of every stream, and
 // keeps what it is told.
 class Program {
  public:
-  Program();
-  ~Program();
+  Program() {
+    static const otc_status started = [] {
+      otc_log_enable(OTC_LOG_LEVEL_ALL);
+      otc_log_set_logger_callback([](const char* line) { std::fprintf(stderr, "%s\n", line); });
+      return otc_init(nullptr);
+    }();
+    if (started != OTC_SUCCESS) std::abort();
+  }
+  ~Program() { disconnect(); }
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
-  void connect(const std::string& room, const std::string& token);
-  void disconnect();
+  void connect(const std::string& room, const std::string& token) {
+    const otc_session_callbacks callbacks = session_callbacks();
+    otc_session* made = otc_session_new("00000000", room.c_str(), &callbacks);
+    note([&] { session_ = made; });
+    otc_session_connect(made, token.c_str());
+  }
+  void disconnect() {
+    if (session_ == nullptr) return;
+    otc_session_delete(session_);
+    note([&] { session_ = nullptr; });
+  }
   otc_session* session() const { return session_; }
 
   // Waits until it is so; false after three minutes. `so` runs with everything held still.
-  bool wait(const std::function<bool(Program&)>& so);
-  bool wait_event(const std::string& event) {
-    return wait([&](Program& p) { return p.count(event) > 0; });
+  bool wait(const std::function<bool()>& so) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::minutes(3), so);
   }
-  int count(const std::string& event) const;
-
-  // Written by callbacks, under the lock of `wait`.
-  std::vector<std::string> events;
-  std::map<std::string, Stream> streams;     // by name
-  std::map<std::string, Received> received;  // by stream id
-  std::vector<std::pair<std::string, std::string>> signals;
-  std::string error_text;
-  int calls_after_delete = 0;
-
-  // Called in the callback, without the lock.
-  std::function<void()> on_frame;
-  std::function<void()> on_stream;
+  bool wait_event(const std::string& event, int times = 1) {
+    return wait([&] { return count(event) >= times; });
+  }
+  std::ptrdiff_t count(const std::string& event) const { return std::ranges::count(events, event); }
 
   // Notes what a callback tells.
   template <typename Note>
@@ -72,12 +75,121 @@ class Program {
     write();
     changed_.notify_all();
   }
+  void note_event(const std::string& event) {
+    note([&] { events.push_back(event); });
+  }
+
+  // Written by callbacks, under the lock of `wait`.
+  std::vector<std::string> events;
+  std::map<std::string, Stream> streams;  // by name
+  std::vector<std::pair<std::string, std::string>> signals;
+  std::string error_text;
+  int calls_after_delete = 0;
+
+  // Called once, in the next such callback, without the lock.
+  std::function<void()> on_frame;
+  std::function<void()> on_stream;
 
  private:
+  // A subscriber's user data.
+  struct Watcher {
+    Program& program;
+    std::string name;
+  };
+
+  static Program& program(void* data) { return *static_cast<Program*>(data); }
+
+  template <typename Change>
+  static void change(void* data, Change&& write) {
+    const auto& watcher = *static_cast<Watcher*>(data);
+    watcher.program.note([&] {
+      if (watcher.program.session_ == nullptr) ++watcher.program.calls_after_delete;
+      write(watcher.program.streams[watcher.name]);
+    });
+  }
+
+  void call_once(std::function<void()>& hook) {
+    std::function<void()> call;
+    note([&] { call = std::exchange(hook, nullptr); });
+    if (call) call();
+  }
+
+  otc_session_callbacks session_callbacks() {
+    otc_session_callbacks c = {};
+    c.on_connected = [](otc_session*, void* data) { program(data).note_event("connected"); };
+    c.on_disconnected = [](otc_session*, void* data) { program(data).note_event("disconnected"); };
+    c.on_connection_created = [](otc_session*, void*, const otc_connection*) {};
+    c.on_connection_dropped = [](otc_session*, void* data, const otc_connection*) {
+      program(data).note_event("connection dropped");
+    };
+    c.on_stream_received = [](otc_session*, void* data, const otc_stream* stream) {
+      program(data).stream_received(stream);
+    };
+    c.on_stream_dropped = [](otc_session*, void* data, const otc_stream* stream) {
+      program(data).note_event(std::string("stream dropped ") + otc_stream_get_name(stream));
+    };
+    c.on_stream_has_audio_changed = [](otc_session*, void* data, const otc_stream*, otc_bool on) {
+      program(data).note_event(on ? "audio on" : "audio off");
+    };
+    c.on_stream_has_video_changed = [](otc_session*, void* data, const otc_stream*, otc_bool on) {
+      program(data).note_event(on ? "video on" : "video off");
+    };
+    c.on_signal_received = [](otc_session*, void* data, const char* type, const char* text,
+                              const otc_connection*) {
+      program(data).note([&] { program(data).signals.emplace_back(type, text); });
+    };
+    c.on_reconnection_started = [](otc_session*, void* data) {
+      program(data).note_event("reconnection started");
+    };
+    c.on_reconnected = [](otc_session*, void* data) { program(data).note_event("reconnected"); };
+    c.on_error = [](otc_session*, void* data, const char* text, int code) {
+      program(data).note([&] { program(data).error_text = text; });
+      program(data).note_event("error " + std::to_string(code));
+    };
+    c.user_data = this;
+    return c;
+  }
+
+  void stream_received(const otc_stream* stream) {
+    const std::string name = otc_stream_get_name(stream);
+    // As the program that this stands for, it never frees a watcher nor a subscriber.
+    const otc_subscriber_callbacks callbacks = subscriber_callbacks(new Watcher{*this, name});
+    otc_subscriber* subscriber = otc_subscriber_new(stream, &callbacks);
+    note([&] {
+      events.push_back("stream received " + name);
+      streams[name] = {otc_stream_get_video_type(stream), otc_stream_get_video_width(stream),
+                       otc_stream_get_video_height(stream), subscriber};
+    });
+    call_once(on_stream);
+  }
+
+  static otc_subscriber_callbacks subscriber_callbacks(Watcher* watcher) {
+    otc_subscriber_callbacks c = {};
+    c.on_connected = [](otc_subscriber*, void* data, const otc_stream*) {
+      change(data, [](Stream& stream) { ++stream.connected; });
+    };
+    c.on_disconnected = [](otc_subscriber*, void* data) {
+      change(data, [](Stream& stream) { ++stream.disconnected; });
+    };
+    c.on_reconnected = [](otc_subscriber*, void*) {};
+    c.on_render_frame = [](otc_subscriber*, void* data, const otc_video_frame* frame) {
+      change(data, [&](Stream& stream) {
+        ++stream.frames;
+        stream.width = otc_video_frame_get_width(frame);
+        stream.height = otc_video_frame_get_height(frame);
+      });
+      Program& self = static_cast<Watcher*>(data)->program;
+      self.call_once(self.on_frame);
+    };
+    c.on_error = [](otc_subscriber*, void*, const char*, int) {};
+    c.on_audio_data = [](otc_subscriber*, void* data, const otc_audio_data*) {
+      change(data, [](Stream& stream) { ++stream.sounds; });
+    };
+    c.user_data = watcher;
+    return c;
+  }
+
   std::mutex mutex_;
   std::condition_variable changed_;
   otc_session* session_ = nullptr;
 };
-
-// The frequency that is strongest in half a second of 48 kHz samples.
-double tone_of(const std::vector<std::int16_t>& samples);

@@ -74,10 +74,9 @@ class FakeServer {
       answer["data"]["id"] = ++self->last_id_;
     } else if (kind == "message") {
       soup_websocket_connection_send_text(client, answer.dump().c_str());
-      const json event = {{"videoroom", "event"},
-                          {"publishers", {{{"id", "early"}, {"display", "Guest - Early"}}}}};
-      const json early = {
-          {"janus", "event"}, {"sender", request["handle_id"]}, {"plugindata", {{"data", event}}}};
+      json early = {{"janus", "event"}, {"sender", request["handle_id"]}};
+      early["plugindata"]["data"] = {{"videoroom", "event"},
+                                     {"publishers", {{{"id", "early"}, {"display", "Guest - Early"}}}}};
       soup_websocket_connection_send_text(client, early.dump().c_str());
       const json data = self->joined_(request["body"]);
       if (data.is_null()) return;
@@ -97,16 +96,13 @@ TEST(Server, OneThatDoesNotAnswerAJoinIsGivenUp) {
   const FakeServer server([](const json&) { return json(); });
   Program program;
   program.connect("room", "token");
-  EXPECT_TRUE(program.wait([](Program& p) { return !p.error_text.empty(); }));
+  EXPECT_TRUE(program.wait([&] { return !program.error_text.empty(); }));
   EXPECT_THAT(program.error_text, StartsWith("Session room could not be joined: the server does not answer"));
 }
 
 TEST(Server, WhoeverComesDuringTheJoinIsSeenAndNamesAreBounded) {
-  const std::string stars = "Guest - " + [] {
-    std::string text;
-    for (int i = 0; i < 20'000; ++i) text += "★";
-    return text;
-  }();
+  std::string stars = "Guest - ";
+  for (int i = 0; i < 20'000; ++i) stars += "★";
   const FakeServer server([&](const json& body) {
     if (body.value("request", "") != "join") return json();
     return json{
@@ -117,7 +113,7 @@ TEST(Server, WhoeverComesDuringTheJoinIsSeenAndNamesAreBounded) {
   });
   Program program;
   program.connect("room", "token");
-  EXPECT_TRUE(program.wait([](Program& p) { return p.streams.size() == 2; }));
+  EXPECT_TRUE(program.wait([&] { return program.streams.size() == 2; }));
   program.disconnect();
   ASSERT_THAT(program.streams, SizeIs(2));
   EXPECT_EQ(program.streams.begin()->first, "Guest - Early");

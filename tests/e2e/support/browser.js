@@ -1,12 +1,13 @@
-// Chromium with a camera and a microphone of known content.
+// Chromium with a camera and a microphone of known content, and what guests do in it.
 
+import assert from "node:assert/strict";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
 import { createRequire } from "node:module";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { chromium } from "playwright-core";
 
-import { writeCamera, writeTones } from "./content.js";
+import { areCameras, writeCamera, writeTones } from "./content.js";
 import { DEADLINE } from "./studio.js";
 
 const axeSource = readFileSync(createRequire(import.meta.url).resolve("axe-core/axe.min.js"), "utf8");
@@ -80,23 +81,38 @@ export async function ring(page) {
   await inState(page, "ringing", "green-room");
 }
 
+/** Rings; resolves with the id under which the studio hears of it. */
+export async function ringIn(page, studio, name) {
+  const before = studio.now;
+  await ring(page);
+  const fields = { name: `Guest - ${name}`, screenShare: false };
+  return (await studio.report("ring", fields, before)).ring;
+}
+
+/** Rings and is brought in; resolves with the id. */
+export async function comeIn(page, studio, name) {
+  const id = await ringIn(page, studio, name);
+  await studio.admit(id);
+  await inState(page, "green-room");
+  return id;
+}
+
+/** The studio's picture of the guest is the camera's. */
+export async function seesCamera(studio, id) {
+  const { width, height, quarters } = await studio.snapshot(id);
+  assert.deepEqual({ width, height }, CAMERA_SIZE);
+  assert.ok(areCameras(quarters), `the quarters are ${JSON.stringify(quarters)}`);
+}
+
 export const inState = (page, ...states) =>
   page.waitForSelector(states.map((state) => `body[data-state="${state}"]`).join(","));
 
 /** Resolves when the element's text matches; rejects with what it was instead. */
 export async function says(page, selector, pattern) {
-  const { source, flags } = new RegExp(pattern);
-  await page
-    .waitForFunction(
-      ([where, source, flags]) =>
-        new RegExp(source, flags).test(document.querySelector(where)?.textContent ?? ""),
-      [selector, source, flags],
-    )
-    .catch(async (error) => {
-      throw new Error(`${selector} says "${await page.textContent(selector)}", not ${pattern}`, {
-        cause: error,
-      });
-    });
+  const matches = ([selector, pattern]) => pattern.test(document.querySelector(selector)?.textContent ?? "");
+  await page.waitForFunction(matches, [selector, pattern]).catch(async (cause) => {
+    throw new Error(`${selector} says "${await page.textContent(selector)}", not ${pattern}`, { cause });
+  });
 }
 
 /** The rules of accessibility that the page breaks in earnest, with the places. */

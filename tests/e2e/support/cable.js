@@ -11,13 +11,13 @@ export class Cable {
   /** Leads to the address of `link`; `link` then holds the same link at the cable's near end. */
   static async to(link) {
     const cable = new Cable();
-    const { hostname, port } = new URL(link);
+    const address = new URL(link);
+    const { hostname, port } = address;
     cable.#server = createServer((near) => cable.#join(near, connect(Number(port), hostname)));
     cable.#server.listen(0, "127.0.0.1");
     await once(cable.#server, "listening");
-    const here = new URL(link);
-    here.port = cable.#server.address().port;
-    cable.link = here.href;
+    address.port = cable.#server.address().port;
+    cable.link = address.href;
     return cable;
   }
 

@@ -6,7 +6,7 @@ import { PNG } from "pngjs";
 const RATE = 48_000;
 
 /** The camera's quarters: top left, top right, bottom left, bottom right. */
-export const QUARTERS = [
+const QUARTERS = [
   { rgb: [235, 30, 30], yuv: [90, 96, 216] },
   { rgb: [30, 200, 30], yuv: [128, 71, 69] },
   { rgb: [30, 30, 235], yuv: [60, 214, 112] },
@@ -24,20 +24,10 @@ export function writeCamera(file, width, height) {
     }
     return bytes;
   };
-  const frame = [
-    Buffer.from("FRAME\n"),
-    plane(width, height, 0),
-    plane(width / 2, height / 2, 1),
-    plane(width / 2, height / 2, 2),
-  ];
-  writeFileSync(
-    file,
-    Buffer.concat([
-      Buffer.from(`YUV4MPEG2 W${width} H${height} F30:1 Ip A1:1 C420jpeg\n`),
-      ...frame,
-      ...frame,
-    ]),
-  );
+  const header = Buffer.from(`YUV4MPEG2 W${width} H${height} F30:1 Ip A1:1 C420jpeg\n`);
+  const colours = [1, 2].map((component) => plane(width / 2, height / 2, component));
+  const frame = [Buffer.from("FRAME\n"), plane(width, height, 0), ...colours];
+  writeFileSync(file, Buffer.concat([header, ...frame, ...frame]));
 }
 
 /** Writes what a fake microphone plays: one second, which it repeats, of one tone left and one right. */
@@ -45,10 +35,8 @@ export function writeTones(file, tones) {
   const samples = Buffer.alloc(RATE * 4);
   for (let at = 0; at < RATE; at++) {
     tones.forEach((hertz, channel) => {
-      samples.writeInt16LE(
-        Math.round(16_384 * Math.sin((2 * Math.PI * hertz * at) / RATE)),
-        at * 4 + channel * 2,
-      );
+      const sample = Math.round(16_384 * Math.sin((2 * Math.PI * hertz * at) / RATE));
+      samples.writeInt16LE(sample, at * 4 + channel * 2);
     });
   }
   const header = Buffer.alloc(44);
@@ -71,17 +59,15 @@ export function writeTones(file, tones) {
 export function readPicture(file) {
   const { width, height, data } = PNG.sync.read(readFileSync(file));
   const colour = (x, y) => [...data.subarray((y * width + x) * 4, (y * width + x) * 4 + 3)];
-  const middles = [
-    [1, 1],
-    [3, 1],
-    [1, 3],
-    [3, 3],
-  ];
-  return {
-    width,
-    height,
-    quarters: middles.map(([x, y]) => colour(Math.floor((width * x) / 4), Math.floor((height * y) / 4))),
-  };
+  const [left, right] = [1, 3].map((part) => Math.floor((width * part) / 4));
+  const [top, bottom] = [1, 3].map((part) => Math.floor((height * part) / 4));
+  const quarters = [colour(left, top), colour(right, top), colour(left, bottom), colour(right, bottom)];
+  return { width, height, quarters };
+}
+
+/** Whether the colours are those of the camera's quarters. */
+export function areCameras(colours) {
+  return colours.every((colour, at) => alike(colour, QUARTERS[at].rgb));
 }
 
 /** Whether two colours are the same but for what conversion and compression do to them. */
@@ -90,8 +76,8 @@ export function alike(one, other) {
 }
 
 /**
- * A 16-bit stereo WAV file's channels: how loud each is (1 is full scale), and the part of its power that is
- * in each of the tones, from 0 to 1. Looked at in short pieces: a gap between two changes the phase.
+ * A 16-bit stereo WAV file's channels: of each the part of its power that is in each of the tones, from 0
+ * to 1. Looked at in short pieces: a gap between two changes the phase.
  */
 export function readSound(file, tones) {
   const bytes = readFileSync(file);
@@ -105,8 +91,7 @@ export function readSound(file, tones) {
       const sample = (at) => bytes.readInt16LE(start + (frame + at) * 4 + channel * 2) / 32_768;
       for (let at = 0; at < piece; at++) power += sample(at) ** 2;
       tones.forEach((hertz, which) => {
-        let cosine = 0,
-          sine = 0;
+        let [cosine, sine] = [0, 0];
         for (let at = 0; at < piece; at++) {
           const angle = (2 * Math.PI * hertz * at) / RATE;
           cosine += sample(at) * Math.cos(angle);
@@ -115,9 +100,6 @@ export function readSound(file, tones) {
         inTones[which] += (2 * (cosine * cosine + sine * sine)) / piece;
       });
     }
-    return {
-      loudness: pieces ? Math.sqrt(power / (pieces * piece)) : 0,
-      inTones: inTones.map((part) => (power ? part / power : 0)),
-    };
+    return inTones.map((part) => (power ? part / power : 0));
   });
 }

@@ -15,35 +15,36 @@ import { readPicture, readSound } from "./content.js";
 export const DEADLINE = 90_000;
 const BIN = process.env.ZARVO_BIN ?? fileURLToPath(new URL("../../../build/debug/bin", import.meta.url));
 
+/** Whether there is sound, or none, by the table of guests. */
+export const isHeard = ({ level }) => level !== null && level > -60;
+export const isSilent = ({ level }) => level === null || level < -80;
+
 export class Studio {
   /** Every report so far, oldest first. */
   reports = [];
   /** Where the studio writes the files that it is asked for. */
   folder = mkdtempSync(join(tmpdir(), "studio-"));
+  /** What the studio has written for the host's eyes so far. */
+  notes = "";
 
   #process;
-  #notes = "";
   #waiting = new Set();
 
   /** Starts the studio that was built; resolves when guests can come. */
   static async start(...options) {
-    const studio = new Studio();
-    studio.#start(options);
+    const studio = new Studio(options);
     studio.link = (await studio.report("ready")).link;
     return studio;
   }
 
-  #start(options) {
-    this.#process = spawn(join(BIN, "zarvo-studio"), ["--port", "0", ...options], {
-      stdio: ["pipe", "pipe", "pipe"],
-    });
-    this.#process.stderr.on("data", (text) => (this.#notes += text));
+  constructor(options) {
+    this.#process = spawn(join(BIN, "zarvo-studio"), ["--port", "0", ...options]);
+    this.#process.stderr.on("data", (text) => (this.notes += text));
+    const lookAgain = () => this.#waiting.forEach((look) => look());
+    this.#process.on("exit", lookAgain);
     createInterface({ input: this.#process.stdout }).on("line", (line) => {
       this.reports.push(JSON.parse(line));
-      for (const look of this.#waiting) look();
-    });
-    this.#process.on("exit", () => {
-      for (const look of this.#waiting) look();
+      lookAgain();
     });
   }
 
@@ -71,13 +72,10 @@ export class Studio {
         settle(value);
       };
       const fail = (why) => {
-        const recent = this.reports
-          .slice(-15)
-          .map((report) => JSON.stringify(report))
-          .join("\n");
+        const recent = this.reports.slice(-15).map((report) => `${JSON.stringify(report)}\n`);
         const wanted = `"${name}" ${JSON.stringify(fields)}`;
-        const notes = this.#notes.slice(-2000);
-        end(reject, new Error(`${why}: no ${wanted}; the last reports:\n${recent}\nand notes:\n${notes}`));
+        const said = `the last reports:\n${recent.join("")}and notes:\n${this.notes.slice(-2000)}`;
+        end(reject, new Error(`${why}: no ${wanted}; ${said}`));
       };
       const look = () => {
         const found = this.reports.slice(after).find(fits);
@@ -129,16 +127,11 @@ export class Studio {
     return readPicture(file);
   }
 
-  /** Records a guest who alone is heard; resolves with what is in the sound. */
+  /** Records a guest who alone is heard; resolves with what is in each channel. */
   async listen(id, tones) {
     const file = join(this.folder, `${this.now}.wav`);
     await this.ask(`record-audio ${id} 0.6 ${file}`, "recorded", { file });
     return readSound(file, tones);
-  }
-
-  /** What the studio has written for the host's eyes so far. */
-  get notes() {
-    return this.#notes;
   }
 
   get pid() {
@@ -163,7 +156,7 @@ export class Studio {
       await exit.finally(() => this.#process.kill("SIGKILL"));
     }
     rmSync(this.folder, { recursive: true, force: true });
-    if (this.#ended !== 0) throw new Error(`the studio ended with ${this.#ended}:\n${this.#notes}`);
+    if (this.#ended !== 0) throw new Error(`the studio ended with ${this.#ended}:\n${this.notes}`);
   }
 
   get #ended() {
