@@ -70,10 +70,6 @@ CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef, CFIndex,
   return new __CFDictionary(keyCallBacks, valueCallBacks);
 }
 
-CFIndex CFDictionaryGetCount(CFDictionaryRef theDict) {
-  return static_cast<CFIndex>(theDict->pairs.size());
-}
-
 const void* CFDictionaryGetValue(CFDictionaryRef theDict, const void* key) {
   const auto* pair = theDict->find(key);
   return pair ? pair->value : nullptr;

@@ -15,17 +15,15 @@ struct __CFNumber final : platform::CFObject {
 };
 
 struct __CFBoolean final : platform::CFObject {
-  constexpr explicit __CFBoolean(bool truth) : CFObject(Lifetime::endless), value(truth) {}
+  constexpr __CFBoolean() : CFObject(Lifetime::endless) {}
 
   CFTypeID typeId() const override { return CFBooleanGetTypeID(); }
-
-  const bool value;
 };
 
 namespace {
 
-constinit platform::Endless<__CFBoolean> yes(true);
-constinit platform::Endless<__CFBoolean> no(false);
+constinit platform::Endless<__CFBoolean> yes;
+constinit platform::Endless<__CFBoolean> no;
 
 }  // namespace
 
@@ -66,8 +64,4 @@ Boolean CFNumberGetValue(CFNumberRef number, CFNumberType theType, void* valuePt
 
 CFTypeID CFBooleanGetTypeID(void) {
   return platform::typeIdOf<__CFBoolean>();
-}
-
-Boolean CFBooleanGetValue(CFBooleanRef boolean) {
-  return boolean->value;
 }

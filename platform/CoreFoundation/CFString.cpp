@@ -1,7 +1,6 @@
 #include <CoreFoundation/CFRuntime.h>
 #include <glib.h>
 
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -41,12 +40,4 @@ CFStringRef CFStringCreateWithCString(CFAllocatorRef, const char* cStr, CFString
 
 const char* CFStringGetCStringPtr(CFStringRef theString, CFStringEncoding encoding) {
   return encoding == kCFStringEncodingUTF8 ? theString->text.c_str() : nullptr;
-}
-
-Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize,
-                           CFStringEncoding encoding) {
-  const std::string& text = theString->text;
-  if (encoding != kCFStringEncodingUTF8 || bufferSize <= static_cast<CFIndex>(text.size())) return false;
-  std::memcpy(buffer, text.c_str(), text.size() + 1);
-  return true;
 }

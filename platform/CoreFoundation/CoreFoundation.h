@@ -60,10 +60,6 @@ CFTypeID CFStringGetTypeID(void);
 CFStringRef CFStringCreateWithCString(CFAllocatorRef alloc, const char* cStr, CFStringEncoding encoding);
 /* The string's own NUL-terminated text, valid as long as the string; NULL for another encoding. */
 const char* CFStringGetCStringPtr(CFStringRef theString, CFStringEncoding encoding);
-/* Copies the text and its NUL into a buffer of bufferSize bytes; false, and nothing is written, if it does
- * not fit or the encoding is another one. */
-Boolean CFStringGetCString(CFStringRef theString, char* buffer, CFIndex bufferSize,
-                           CFStringEncoding encoding);
 
 /* ---- Numbers and booleans ---- */
 
@@ -83,7 +79,6 @@ Boolean CFNumberGetValue(CFNumberRef number, CFNumberType theType, void* valuePt
 extern const CFBooleanRef kCFBooleanTrue;
 extern const CFBooleanRef kCFBooleanFalse;
 CFTypeID CFBooleanGetTypeID(void);
-Boolean CFBooleanGetValue(CFBooleanRef boolean);
 
 /* ---- Dictionaries ---- */
 
@@ -119,7 +114,6 @@ CFTypeID CFDictionaryGetTypeID(void);
 CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef allocator, CFIndex capacity,
                                                  const CFDictionaryKeyCallBacks* keyCallBacks,
                                                  const CFDictionaryValueCallBacks* valueCallBacks);
-CFIndex CFDictionaryGetCount(CFDictionaryRef theDict);
 /* The value of the key, not retained, or NULL. */
 const void* CFDictionaryGetValue(CFDictionaryRef theDict, const void* key);
 /* Adds the pair, or gives the key that is there its new value. */

@@ -91,16 +91,13 @@ size_t CVPixelBufferGetHeight(CVPixelBufferRef pixelBuffer);
 OSType CVPixelBufferGetPixelFormatType(CVPixelBufferRef pixelBuffer);
 /* Bytes of all rows of all planes: for 'BGRA' exactly bytes per row times height. */
 size_t CVPixelBufferGetDataSize(CVPixelBufferRef pixelBuffer);
-void* CVPixelBufferGetBaseAddress(CVPixelBufferRef pixelBuffer);  /* of the first plane */
-size_t CVPixelBufferGetBytesPerRow(CVPixelBufferRef pixelBuffer); /* of the first plane */
+void* CVPixelBufferGetBaseAddress(CVPixelBufferRef pixelBuffer); /* of the first plane */
 
 /* Planes are counted for planar formats only: 'BGRA' has 0. An index beyond them answers 0 or null. */
-Boolean CVPixelBufferIsPlanar(CVPixelBufferRef pixelBuffer);
 size_t CVPixelBufferGetPlaneCount(CVPixelBufferRef pixelBuffer);
 void* CVPixelBufferGetBaseAddressOfPlane(CVPixelBufferRef pixelBuffer, size_t plane);
 size_t CVPixelBufferGetBytesPerRowOfPlane(CVPixelBufferRef pixelBuffer, size_t plane);
 size_t CVPixelBufferGetWidthOfPlane(CVPixelBufferRef pixelBuffer, size_t plane);
-size_t CVPixelBufferGetHeightOfPlane(CVPixelBufferRef pixelBuffer, size_t plane);
 
 /* Bracket the processor's access to the pixels; the addresses are valid outside of them, too, here. */
 CVReturn CVPixelBufferLockBaseAddress(CVPixelBufferRef pixelBuffer, CVPixelBufferLockFlags lockFlags);
@@ -111,8 +108,6 @@ CVReturn CVPixelBufferUnlockBaseAddress(CVPixelBufferRef pixelBuffer, CVPixelBuf
  * CVPixelBufferCreate when they are impossible. */
 CVReturn CVPixelBufferPoolCreate(CFAllocatorRef allocator, CFDictionaryRef poolAttributes,
                                  CFDictionaryRef pixelBufferAttributes, CVPixelBufferPoolRef* poolOut);
-CVPixelBufferPoolRef CVPixelBufferPoolRetain(CVPixelBufferPoolRef pool);
-void CVPixelBufferPoolRelease(CVPixelBufferPoolRef pool); /* buffers handed out stay valid */
 
 /* A buffer that nobody holds and whose surface no process uses, made anew if there is none; the pixels
  * of an earlier use are still in it. Of more than three, those that have lain idle for a second are freed

@@ -147,18 +147,11 @@ OSType CVPixelBufferGetPixelFormatType(CVPixelBufferRef pixelBuffer) {
 void* CVPixelBufferGetBaseAddress(CVPixelBufferRef pixelBuffer) {
   return pixelBuffer->addresses[0];
 }
-size_t CVPixelBufferGetBytesPerRow(CVPixelBufferRef pixelBuffer) {
-  return pixelBuffer->layout.planes[0].bytesPerRow;
-}
 
 size_t CVPixelBufferGetDataSize(CVPixelBufferRef pixelBuffer) {
   size_t size = 0;
   for (const PlaneLayout& plane : pixelBuffer->layout.planes) size += plane.size();
   return size;
-}
-
-Boolean CVPixelBufferIsPlanar(CVPixelBufferRef pixelBuffer) {
-  return pixelBuffer->layout.isPlanar();
 }
 
 size_t CVPixelBufferGetPlaneCount(CVPixelBufferRef pixelBuffer) {
@@ -177,11 +170,6 @@ size_t CVPixelBufferGetBytesPerRowOfPlane(CVPixelBufferRef pixelBuffer, size_t p
 size_t CVPixelBufferGetWidthOfPlane(CVPixelBufferRef pixelBuffer, size_t plane) {
   const auto* const layout = publicPlane(pixelBuffer, plane);
   return layout != nullptr ? layout->width : 0;
-}
-
-size_t CVPixelBufferGetHeightOfPlane(CVPixelBufferRef pixelBuffer, size_t plane) {
-  const auto* const layout = publicPlane(pixelBuffer, plane);
-  return layout != nullptr ? layout->height : 0;
 }
 
 CVReturn CVPixelBufferLockBaseAddress(CVPixelBufferRef pixelBuffer, CVPixelBufferLockFlags) {

@@ -123,15 +123,6 @@ CVReturn CVPixelBufferPoolCreate(CFAllocatorRef, CFDictionaryRef, CFDictionaryRe
   return kCVReturnSuccess;
 }
 
-CVPixelBufferPoolRef CVPixelBufferPoolRetain(CVPixelBufferPoolRef pool) {
-  if (pool != nullptr) CFRetain(pool);
-  return pool;
-}
-
-void CVPixelBufferPoolRelease(CVPixelBufferPoolRef pool) {
-  if (pool != nullptr) CFRelease(pool);
-}
-
 CVReturn CVPixelBufferPoolCreatePixelBuffer(CFAllocatorRef, CVPixelBufferPoolRef pool,
                                             CVPixelBufferRef* pixelBufferOut) {
   if (pixelBufferOut == nullptr) return kCVReturnInvalidArgument;

@@ -2,13 +2,10 @@
 #include <VideoToolbox/VideoToolbox.h>
 #include <libyuv.h>
 
-#include <atomic>
-
 #include "CoreVideo/PixelBuffer.h"
 
 struct OpaqueVTPixelTransferSession final : platform::CFObject {
   CFTypeID typeId() const override { return platform::typeIdOf<OpaqueVTPixelTransferSession>(); }
-  std::atomic<bool> valid{true};
 };
 
 namespace {
@@ -41,14 +38,9 @@ OSStatus VTPixelTransferSessionCreate(CFAllocatorRef, VTPixelTransferSessionRef*
   return noErr;
 }
 
-void VTPixelTransferSessionInvalidate(VTPixelTransferSessionRef session) {
-  if (session != nullptr) session->valid = false;
-}
-
 OSStatus VTPixelTransferSessionTransferImage(VTPixelTransferSessionRef session, CVPixelBufferRef source,
                                              CVPixelBufferRef destination) {
   if (session == nullptr || source == nullptr || destination == nullptr) return kVTParameterErr;
-  if (!session->valid) return kVTInvalidSessionErr;
   const platform::PictureLayout& from = source->layout;
   const platform::PictureLayout& to = destination->layout;
   if (from.width != to.width || from.height != to.height) return kVTPixelTransferNotSupportedErr;

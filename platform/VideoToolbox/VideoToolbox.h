@@ -14,7 +14,6 @@ typedef int32_t OSStatus;
 enum {
   noErr = 0,
   kVTParameterErr = -12902,
-  kVTInvalidSessionErr = -12903,
   kVTAllocationFailedErr = -12904,
   kVTPixelTransferNotSupportedErr = -12905
 };
@@ -23,9 +22,6 @@ enum {
 typedef struct OpaqueVTPixelTransferSession* VTPixelTransferSessionRef;
 
 OSStatus VTPixelTransferSessionCreate(CFAllocatorRef allocator, VTPixelTransferSessionRef* sessionOut);
-
-/* After it, transfers answer kVTInvalidSessionErr. */
-void VTPixelTransferSessionInvalidate(VTPixelTransferSessionRef session);
 
 /* Copies the picture in `source` into `destination`, in the calling thread and in one pass: between
  * buffers of one format, and from 'y420' to '420v'. Any other pair of formats, and buffers of two

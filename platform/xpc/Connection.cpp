@@ -81,12 +81,8 @@ void _xpc_connection_s::activate() {
       service::peerActivated(this);
       m_link->open(m_self);
     }
-    for (Held& held : std::exchange(m_held, {})) {
-      if (held.barrier)
-        barrierOn(m_link.get(), std::move(held.barrier));
-      else if (auto link = prepare(held.datagram, std::move(held.pending), work))
-        link->send(held.datagram);
-    }
+    for (Held& held : std::exchange(m_held, {}))
+      if (auto link = prepare(held.datagram, std::move(held.pending), work)) link->send(held.datagram);
   }
   work.submit();
 }
@@ -157,7 +153,7 @@ void _xpc_connection_s::post(const Dictionary& message, Pending pending) {
   } else {
     std::lock_guard lock(m_mutex);
     if (!m_active && !m_ended) {
-      m_held.push_back({std::move(datagram), std::move(pending), {}});
+      m_held.push_back({std::move(datagram), std::move(pending)});
       return;
     }
     link = prepare(datagram, std::move(pending), work);
@@ -210,24 +206,6 @@ void _xpc_connection_s::startListening(Work& work) {
   end(XPC_ERROR_CONNECTION_INVALID, work);
 }
 
-void _xpc_connection_s::sendBarrier(dispatch_block_t barrier) {
-  std::lock_guard lock(m_mutex);
-  if (m_active || m_ended)
-    barrierOn(m_link.get(), std::move(barrier));
-  else
-    m_held.push_back({{}, {}, std::move(barrier)});
-}
-
-void _xpc_connection_s::barrierOn(Link* link, dispatch_block_t barrier) {
-  dispatch_block_t submit = [target = m_target, barrier = std::move(barrier)] {
-    dispatch_async(target.get(), barrier);
-  };
-  if (link)
-    link->sendBarrier(std::move(submit));
-  else
-    submit();
-}
-
 void _xpc_connection_s::deliver(xpc_object_t error, dispatch_block_t done) {
   Work work;
   {
@@ -241,11 +219,6 @@ void _xpc_connection_s::deliver(xpc_object_t error, dispatch_block_t done) {
 pid_t _xpc_connection_s::peerPid() {
   std::lock_guard lock(m_mutex);
   return m_peer.pid;
-}
-
-uid_t _xpc_connection_s::peerUser() {
-  std::lock_guard lock(m_mutex);
-  return m_peer.uid;
 }
 
 void _xpc_connection_s::linkReceived(const std::shared_ptr<Link>& link, Incoming message, size_t charge,
@@ -294,11 +267,9 @@ void _xpc_connection_s::accepted(std::shared_ptr<Link> link, Work& work) {
 void _xpc_connection_s::failPending(xpc_object_t error, Work& work) {
   for (auto& [serial, pending] : std::exchange(m_pending, {}))
     addReply(pending.queue, std::move(pending.handler), reference(error), work);
-  for (Held& held : std::exchange(m_held, {})) {
-    if (held.barrier) barrierOn(nullptr, std::move(held.barrier));
+  for (Held& held : std::exchange(m_held, {}))
     if (held.pending.handler)
       addReply(held.pending.queue, std::move(held.pending.handler), reference(error), work);
-  }
 }
 
 void _xpc_connection_s::end(xpc_object_t error, Work& work) {
@@ -406,18 +377,8 @@ xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connec
   return reply.get_future().get();
 }
 
-void xpc_connection_send_barrier(xpc_connection_t connection, dispatch_block_t barrier) {
-  connection->sendBarrier(std::move(barrier));
-}
-
 pid_t xpc_connection_get_pid(xpc_connection_t connection) {
   return connection->peerPid();
-}
-uid_t xpc_connection_get_euid(xpc_connection_t connection) {
-  return connection->peerUser();
-}
-const char* xpc_connection_get_name(xpc_connection_t connection) {
-  return connection->name();
 }
 
 }  // extern "C"

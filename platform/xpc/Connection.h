@@ -30,7 +30,6 @@ struct _xpc_connection_s : platform::xpc::Object {
   static Ref<_xpc_connection_s> forListener(std::shared_ptr<platform::xpc::Listener> listener);
   ~_xpc_connection_s();
 
-  const char* name() const { return m_role == Role::peer ? nullptr : m_name.c_str(); }
   void setTarget(dispatch_queue_t target);
   void setHandler(xpc_handler_t handler);
   void activate();
@@ -43,12 +42,10 @@ struct _xpc_connection_s : platform::xpc::Object {
   void send(platform::xpc::Dictionary& message);
   void sendAwaitingReply(const platform::xpc::Dictionary& message, platform::xpc::QueueRef queue,
                          xpc_handler_t handler);
-  void sendBarrier(dispatch_block_t barrier);
   // Delivers an error after what is there already, and then calls done.
   void deliver(xpc_object_t error, dispatch_block_t done);
 
   pid_t peerPid();
-  uid_t peerUser();
 
   // From the link and the listener.
   void linkReceived(const std::shared_ptr<Link>& link, platform::xpc::Incoming message, size_t charge,
@@ -67,15 +64,13 @@ struct _xpc_connection_s : platform::xpc::Object {
     xpc_handler_t handler;
   };
 
-  // What was sent before the activation: a datagram, or a barrier.
+  // What was sent before the activation.
   struct Held {
     platform::xpc::Outgoing datagram;
     Pending pending;
-    dispatch_block_t barrier;
   };
 
   void post(const platform::xpc::Dictionary& message, Pending pending);
-  void barrierOn(Link* link, dispatch_block_t barrier);
   // With m_mutex held:
   std::shared_ptr<Link> prepare(platform::xpc::Outgoing& datagram, Pending pending, Work& work);
   bool connect(Work& work);

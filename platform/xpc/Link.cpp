@@ -21,12 +21,6 @@ constexpr size_t kMostDescriptorsOfTheSystem = 253;  // SCM_MAX_FD
 // So many messages are read before their handlers are started, though more may be there.
 constexpr unsigned kMessagesAtOnce = 32;
 
-template <class Waiting>
-void callBarriers(std::deque<Waiting>& dropped) {
-  for (Waiting& waiting : dropped)
-    if (waiting.barrier) waiting.barrier();
-}
-
 }  // namespace
 
 Link::Link(FileDescriptor socket, const ucred& peer) : m_socket(std::move(socket)), m_peer(peer) {}
@@ -82,7 +76,7 @@ void Link::send(const Outgoing& datagram) {
     } else if (m_outboxCharge + charge > kOutboxLimit) {
       reason = "it does not read, and more than 8 MiB wait for it";
     } else {
-      m_outbox.push_back({datagram.bytes, datagram.descriptors, charge, {}});
+      m_outbox.push_back({datagram.bytes, datagram.descriptors, charge});
       m_outboxCharge += charge;
       if (m_outbox.size() == 1) Reactor::shared().change(m_id, m_socket.get(), wantedEvents());
       return;
@@ -90,46 +84,23 @@ void Link::send(const Outgoing& datagram) {
     dropped = hangUp();
   }
   log(reason);
-  callBarriers(dropped);
-}
-
-void Link::sendBarrier(dispatch_block_t block) {
-  {
-    std::lock_guard lock(m_sendMutex);
-    if (!m_outbox.empty()) {
-      m_outbox.push_back({{}, {}, 0, std::move(block)});
-      return;
-    }
-  }
-  block();
 }
 
 void Link::flush() {
-  Outbox done;
-  {
-    std::lock_guard lock(m_sendMutex);
-    while (!m_outbox.empty()) {
-      Waiting& next = m_outbox.front();
-      if (!next.barrier) {
-        const int error = trySend(next.bytes, next.descriptors);
-        if (error == EAGAIN) break;
-      }
-      m_outboxCharge -= next.charge;
-      if (next.barrier) done.push_back(std::move(next));
-      m_outbox.pop_front();
-    }
-    if (m_outbox.empty() && !m_hungUp) Reactor::shared().change(m_id, m_socket.get(), wantedEvents());
+  std::lock_guard lock(m_sendMutex);
+  while (!m_outbox.empty()) {
+    const Waiting& next = m_outbox.front();
+    if (trySend(next.bytes, next.descriptors) == EAGAIN) break;
+    m_outboxCharge -= next.charge;
+    m_outbox.pop_front();
   }
-  callBarriers(done);
+  if (m_outbox.empty() && !m_hungUp) Reactor::shared().change(m_id, m_socket.get(), wantedEvents());
 }
 
 void Link::close() {
-  Outbox dropped;
-  {
-    std::lock_guard lock(m_sendMutex);
-    dropped = hangUp();
-  }
-  callBarriers(dropped);
+  Outbox dropped;  // let go without the lock
+  std::lock_guard lock(m_sendMutex);
+  dropped = hangUp();
 }
 
 // The end of the socket wakes the reader, which then tells the connection.

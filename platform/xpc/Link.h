@@ -28,9 +28,6 @@ class Link final : public Reactor::Source, public std::enable_shared_from_this<L
   void open(Ref<_xpc_connection_s> connection);
   // Sends the datagram, now or later; drops it if the link is closed.
   void send(const Outgoing& datagram);
-  // Calls the block, perhaps at once and with locks held, when all that was sent before has left or was
-  // dropped.
-  void sendBarrier(dispatch_block_t block);
   // Hangs up. What has left before still reaches the peer, nothing more is received.
   void close();
   // The same, with a line in the system log that says why.
@@ -42,12 +39,11 @@ class Link final : public Reactor::Source, public std::enable_shared_from_this<L
   void ready(uint32_t events) override;
 
  private:
-  // What waits for room in the socket: a datagram, or a barrier.
+  // A datagram that waits for room in the socket.
   struct Waiting {
     Bytes bytes;
     std::vector<Ref<Descriptor>> descriptors;
     size_t charge = 0;
-    dispatch_block_t barrier;
   };
   using Outbox = std::deque<Waiting>;
   enum class Received { message, nothing, end };

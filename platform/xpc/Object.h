@@ -142,12 +142,9 @@ std::string validText(const char* text);
 }  // namespace platform::xpc
 
 struct _xpc_type_s {
-  const char* name;
   void (*destroy)(platform::xpc::Object* object);
 };
 
 struct _xpc_error_s : platform::xpc::Object {
-  constexpr explicit _xpc_error_s(const char* text) : Object(XPC_TYPE_ERROR), description(text) {}
-
-  const char* description;
+  constexpr _xpc_error_s() : Object(XPC_TYPE_ERROR) {}
 };

@@ -70,7 +70,6 @@ extern XPC_TYPE(_xpc_type_fd);
 extern struct _xpc_error_s _xpc_error_connection_interrupted;
 extern struct _xpc_error_s _xpc_error_connection_invalid;
 extern struct _xpc_error_s _xpc_error_termination_imminent;
-extern const char* const _xpc_error_key_description;
 
 // At a client: the service has gone. The connection stays usable: the next message connects anew.
 #define XPC_ERROR_CONNECTION_INTERRUPTED XPC_GLOBAL_OBJECT(_xpc_error_connection_interrupted)
@@ -79,8 +78,6 @@ extern const char* const _xpc_error_key_description;
 #define XPC_ERROR_CONNECTION_INVALID XPC_GLOBAL_OBJECT(_xpc_error_connection_invalid)
 // At a service, on every connection of a client: the process was asked to end (SIGTERM). See xpc_main.
 #define XPC_ERROR_TERMINATION_IMMINENT XPC_GLOBAL_OBJECT(_xpc_error_termination_imminent)
-// The key at which xpc_dictionary_get_string finds an error's text.
-#define XPC_ERROR_KEY_DESCRIPTION _xpc_error_key_description
 
 // Objects.
 
@@ -88,41 +85,23 @@ extern const char* const _xpc_error_key_description;
 xpc_object_t xpc_retain(xpc_object_t object);
 void xpc_release(xpc_object_t object);
 xpc_type_t xpc_get_type(xpc_object_t object);
-// A text for people, to be released with free(): type and value, containers with all they hold.
-char* xpc_copy_description(xpc_object_t object);
 
-// Creators copy what they are given. xpc_fd_create duplicates the descriptor, and answers null where that
-// fails; xpc_fd_dup answers a new descriptor (close-on-exec), or -1.
-xpc_object_t xpc_bool_create(bool value);
+// Creators copy what they are given.
 xpc_object_t xpc_int64_create(int64_t value);
 xpc_object_t xpc_uint64_create(uint64_t value);
-xpc_object_t xpc_double_create(double value);
 xpc_object_t xpc_string_create(const char* string);
 xpc_object_t xpc_data_create(const void* bytes, size_t length);
-xpc_object_t xpc_fd_create(int fd);
 
-// Getters answer 0, false, null or -1 for an object of another type and for null.
+// Getters answer 0, false or null for an object of another type and for null.
 bool xpc_bool_get_value(xpc_object_t xbool);
 int64_t xpc_int64_get_value(xpc_object_t xint);
 uint64_t xpc_uint64_get_value(xpc_object_t xuint);
-double xpc_double_get_value(xpc_object_t xdouble);
 const char* xpc_string_get_string_ptr(xpc_object_t xstring);
-size_t xpc_string_get_length(xpc_object_t xstring);  // in bytes
 const void* xpc_data_get_bytes_ptr(xpc_object_t xdata);
 size_t xpc_data_get_length(xpc_object_t xdata);
-int xpc_fd_dup(xpc_object_t xfd);
-
-// Arrays.
-
-#define XPC_ARRAY_APPEND (static_cast<size_t>(-1))
-
-xpc_object_t xpc_array_create(const xpc_object_t* objects, size_t count);
-void xpc_array_append_value(xpc_object_t xarray, xpc_object_t value);
-size_t xpc_array_get_count(xpc_object_t xarray);
-xpc_object_t xpc_array_get_value(xpc_object_t xarray, size_t index);  // null beyond the end
 
 // Dictionaries. Keys and values are copied or retained; setting a key anew replaces its value, and the null
-// value takes the key out. Getters answer 0, false, null or -1 where the key is missing or of another type.
+// value takes the key out. Getters answer 0, false or null where the key is missing or of another type.
 
 xpc_object_t xpc_dictionary_create(const char* const* keys, const xpc_object_t* values, size_t count);
 xpc_object_t xpc_dictionary_create_empty(void);
@@ -132,7 +111,6 @@ xpc_object_t xpc_dictionary_create_reply(xpc_object_t original);
 // The connection on which a message came (or a reply will go); null for a dictionary made here.
 xpc_connection_t xpc_dictionary_get_remote_connection(xpc_object_t xdict);
 
-size_t xpc_dictionary_get_count(xpc_object_t xdict);
 // Calls the applier with each pair, in the order of setting, until it answers false. False if it did.
 bool xpc_dictionary_apply(xpc_object_t xdict, xpc_dictionary_applier_t applier);
 
@@ -140,7 +118,6 @@ void xpc_dictionary_set_value(xpc_object_t xdict, const char* key, xpc_object_t 
 void xpc_dictionary_set_bool(xpc_object_t xdict, const char* key, bool value);
 void xpc_dictionary_set_int64(xpc_object_t xdict, const char* key, int64_t value);
 void xpc_dictionary_set_uint64(xpc_object_t xdict, const char* key, uint64_t value);
-void xpc_dictionary_set_double(xpc_object_t xdict, const char* key, double value);
 void xpc_dictionary_set_string(xpc_object_t xdict, const char* key, const char* string);
 void xpc_dictionary_set_data(xpc_object_t xdict, const char* key, const void* bytes, size_t length);
 void xpc_dictionary_set_fd(xpc_object_t xdict, const char* key, int fd);  // duplicates the descriptor
@@ -149,12 +126,8 @@ xpc_object_t xpc_dictionary_get_value(xpc_object_t xdict, const char* key);
 bool xpc_dictionary_get_bool(xpc_object_t xdict, const char* key);
 int64_t xpc_dictionary_get_int64(xpc_object_t xdict, const char* key);
 uint64_t xpc_dictionary_get_uint64(xpc_object_t xdict, const char* key);
-double xpc_dictionary_get_double(xpc_object_t xdict, const char* key);
 const char* xpc_dictionary_get_string(xpc_object_t xdict, const char* key);
 const void* xpc_dictionary_get_data(xpc_object_t xdict, const char* key, size_t* length);
-int xpc_dictionary_dup_fd(xpc_object_t xdict, const char* key);  // a new descriptor
-xpc_object_t xpc_dictionary_get_dictionary(xpc_object_t xdict, const char* key);
-xpc_object_t xpc_dictionary_get_array(xpc_object_t xdict, const char* key);
 
 // Connections.
 //
@@ -198,14 +171,9 @@ void xpc_connection_send_message_with_reply(xpc_connection_t connection, xpc_obj
                                             dispatch_queue_t replyq, xpc_handler_t handler);
 // Waits for the reply, or the error, and hands over a reference to it.
 xpc_object_t xpc_connection_send_message_with_reply_sync(xpc_connection_t connection, xpc_object_t message);
-// Calls the barrier on the target queue once all messages sent before it have left the process, or cannot.
-void xpc_connection_send_barrier(xpc_connection_t connection, dispatch_block_t barrier);
 
-// The peer's process and user as they were when it connected, or when it began to listen; 0 and
-// the caller's own user while there is no peer.
+// The peer's process as it was when it connected, or when it began to listen; 0 while there is no peer.
 pid_t xpc_connection_get_pid(xpc_connection_t connection);
-uid_t xpc_connection_get_euid(xpc_connection_t connection);
-const char* xpc_connection_get_name(xpc_connection_t connection);  // null for a service's peer
 
 // Services.
 

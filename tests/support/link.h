@@ -30,8 +30,10 @@ class Object {
   xpc_object_t m_object;
 };
 
-// A message of texts.
-inline Object message(const std::map<std::string, std::string>& texts) {
+using Texts = std::map<std::string, std::string>;
+
+// A message of texts, and the texts of a message.
+inline Object message(const Texts& texts) {
   Object dictionary(xpc_dictionary_create_empty());
   for (const auto& [key, value] : texts) xpc_dictionary_set_string(dictionary, key.c_str(), value.c_str());
   return dictionary;
@@ -40,11 +42,12 @@ inline Object message(const char* key, const char* value) {
   return message({{key, value}});
 }
 
-inline std::string describe(xpc_object_t object) {
-  char* text = xpc_copy_description(object);
-  std::string result = text;
-  free(text);
-  return result;
+inline Texts textsOf(xpc_object_t message) {
+  Texts texts;
+  xpc_dictionary_apply(message, [&](const char* key, xpc_object_t value) {
+    return texts.emplace(key, xpc_string_get_string_ptr(value)).second;
+  });
+  return texts;
 }
 
 class Events : public Mailbox<Object> {

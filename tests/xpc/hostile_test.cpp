@@ -99,7 +99,7 @@ class HostileTest : public testing::Test {
     expectServed();
   }
   void expectServed() {
-    EXPECT_EQ(describe(m_witness.ask(message("still", "there"))), describe(message("still", "there")));
+    EXPECT_EQ(textsOf(m_witness.ask(message("still", "there"))), (Texts{{"still", "there"}}));
   }
 
   TemporaryFolder m_folder;

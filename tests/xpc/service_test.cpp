@@ -31,8 +31,8 @@ class ServiceTest : public testing::Test {
   std::list<Child> m_children;
 };
 
-std::string ask(const Connection& connection, const char* key) {
-  return describe(connection.ask(message(key, "yes")));
+Texts ask(const Connection& connection, const char* key) {
+  return textsOf(connection.ask(message(key, "yes")));
 }
 
 TEST_F(ServiceTest, KilledAndStartedAnewItIsReachedAgain) {
@@ -45,7 +45,7 @@ TEST_F(ServiceTest, KilledAndStartedAnewItIsReachedAgain) {
   EXPECT_EQ(statusOfAnother(), 1);
 
   Connection connection(client(kName));
-  const std::string reply = describe(message("there", "yes"));
+  const Texts reply = {{"there", "yes"}};
   EXPECT_EQ(ask(connection, "there"), reply);
   first.sendSignal(SIGKILL);
   EXPECT_EQ(connection.events.next(), XPC_ERROR_CONNECTION_INTERRUPTED);
@@ -63,7 +63,7 @@ TEST_F(ServiceTest, AskedToEndItTellsItsClientsAndEnds) {
   const Object last = connection.events.next();
   ASSERT_EQ(xpc_get_type(last), XPC_TYPE_DICTIONARY);
   EXPECT_STREQ(xpc_dictionary_get_string(last, "ending"), "yes");
-  EXPECT_EQ(ask(connection, "there"), describe(message("there", "yes"))) << "its transaction is still open";
+  EXPECT_EQ(ask(connection, "there"), (Texts{{"there", "yes"}})) << "its transaction is still open";
   xpc_connection_send_message(connection, message("end", "yes"));
   EXPECT_EQ(connection.events.next(), XPC_ERROR_CONNECTION_INTERRUPTED);
   EXPECT_EQ(service.waitForEnd(), 0);
@@ -78,12 +78,12 @@ TEST_F(ServiceTest, StartedOnDemandItEndsWhenItIsIdle) {
   Child service({ECHO_SERVICE}, {{3, listening}});
   {
     Connection connection(client(kName));
-    EXPECT_EQ(ask(connection, "begin"), describe(message("begin", "yes")));
+    EXPECT_EQ(ask(connection, "begin"), (Texts{{"begin", "yes"}}));
   }
   // The open transaction has kept it.
   {
     Connection connection(client(kName));
-    EXPECT_EQ(ask(connection, "end"), describe(message("end", "yes")));
+    EXPECT_EQ(ask(connection, "end"), (Texts{{"end", "yes"}}));
     EXPECT_EQ(service.waitForEnd(std::chrono::seconds(0)), Child::kRuns);
   }
   EXPECT_EQ(service.waitForEnd(), 0);
