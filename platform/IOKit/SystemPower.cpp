@@ -101,6 +101,7 @@ void SystemPower::prepareForSleep(bool sleeping) {
   if (std::exchange(sleeping_, sleeping) == sleeping) return;
   if (sleeping) {
     setPending(++announced_);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the system hands the notification's number on as a pointer
     callback_(refcon_, 0, kIOMessageSystemWillSleep, reinterpret_cast<void*>(announced_));
   } else {
     setPending(0);

@@ -88,12 +88,6 @@ void remove(xpc_object_t xdict, const char* key) {
     std::erase_if(dictionary->entries, [&](const Dictionary::Entry& entry) { return entry.key == key; });
 }
 
-Ref<Descriptor> duplicated(int fd) {
-  FileDescriptor copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the analyzer loses count of references
-  return copy ? make<Descriptor>(std::move(copy)) : Ref<Descriptor>();
-}
-
 template <class T>
 T scalar(xpc_object_t object) {
   auto* box = cast<Box<T>>(object, typeOf<T>);
@@ -222,7 +216,8 @@ void xpc_dictionary_set_data(xpc_object_t xdict, const char* key, const void* by
 }
 
 void xpc_dictionary_set_fd(xpc_object_t xdict, const char* key, int fd) {
-  set(xdict, key, duplicated(fd));
+  FileDescriptor copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+  if (copy) set(xdict, key, make<Descriptor>(std::move(copy)));
 }
 
 xpc_object_t xpc_dictionary_get_value(xpc_object_t xdict, const char* key) {

@@ -43,6 +43,7 @@ class Ref {
   }
   ~Ref() {
     if (m_object) release(m_object);
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the analyzer loses count of references
   }
 
   static Ref adopted(T* object) {

@@ -22,6 +22,7 @@ void raiseThreadPriorityOnce() {
   dispatch_once(&once, [] {
     sched_param parameters = {};
     parameters.sched_priority = kVideoThreadPriority;
+    // NOLINTNEXTLINE(bugprone-posix-return): a process that may not raise it, told so by EPERM, keeps quiet
     if (pthread_setschedparam(pthread_self(), SCHED_RR, &parameters) == -1) {
       std::puts("Failed to change priority.");
     }
