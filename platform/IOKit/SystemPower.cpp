@@ -1,5 +1,9 @@
 #include <IOKit/SystemPower.h>
+#include <gio/gunixconnection.h>
+#include <gio/gunixcredentialsmessage.h>
 #include <gio/gunixfdlist.h>
+#include <gio/gunixfdmessage.h>
+#include <gio/gunixsocketaddress.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,6 +22,35 @@ struct VariantUnref {
   void operator()(GVariant* variant) const { g_variant_unref(variant); }
 };
 using Variant = std::unique_ptr<GVariant, VariantUnref>;
+
+// In GLib a thread that makes a type waits for one that makes a class, and that one, where its class names
+// the type, for the first: both for ever. The bus is sought on a thread of its own while others may connect
+// to somewhere, so all that a connection with it takes is made before there are threads.
+[[gnu::constructor]] void makeTypesOfConnections() {
+  for (const GType type : {G_TYPE_DBUS_CONNECTION,
+                           G_TYPE_DBUS_MESSAGE,
+                           G_TYPE_DBUS_AUTH_OBSERVER,
+                           G_TYPE_SOCKET_CLIENT,
+                           G_TYPE_SOCKET,
+                           G_TYPE_UNIX_CONNECTION,
+                           G_TYPE_TCP_CONNECTION,
+                           G_TYPE_UNIX_SOCKET_ADDRESS,
+                           G_TYPE_INET_SOCKET_ADDRESS,
+                           G_TYPE_PROXY_ADDRESS,
+                           G_TYPE_PROXY_ADDRESS_ENUMERATOR,
+                           G_TYPE_UNIX_FD_LIST,
+                           G_TYPE_UNIX_FD_MESSAGE,
+                           G_TYPE_UNIX_CREDENTIALS_MESSAGE,
+                           G_TYPE_CREDENTIALS,
+                           G_TYPE_CANCELLABLE,
+                           G_TYPE_TASK,
+                           G_TYPE_DATA_INPUT_STREAM,
+                           G_TYPE_DATA_OUTPUT_STREAM,
+                           G_TYPE_MEMORY_INPUT_STREAM,
+                           G_TYPE_MEMORY_OUTPUT_STREAM}) {
+    g_type_class_ref(type);
+  }
+}
 
 }  // namespace
 
