@@ -114,7 +114,7 @@ async function shows(page, { rgb, hertz }) {
   assert.ok(Math.abs(loudest - hertz) <= 10, `the show sounds at ${loudest} Hz, not at ${hertz}`);
 }
 
-/** By how many MB the process may grow: a sanitizer holds on to what is freed, and finds by itself what is not. */
+/** By how many MB the process may grow. A sanitizer holds on to what is freed, and finds what is not. */
 const growth = (pid, bound) =>
   /lib[at]san/.test(readFileSync(`/proc/${pid}/maps`, "utf8")) ? Infinity : bound;
 
