@@ -3,6 +3,8 @@
 #include <condition_variable>
 #include <thread>
 
+#include "log.h"
+
 namespace engine {
 namespace {
 
@@ -10,6 +12,9 @@ struct TaskSource {
   GSource base;
   EngineThread* thread;
 };
+
+// A pipeline that takes longer to come down hangs.
+constexpr std::chrono::seconds longest_task(30);
 
 thread_local bool on_engine_thread = false;
 
@@ -83,7 +88,12 @@ void EngineThread::run(const Task& task) {
     finished.notify_one();
   });
   std::unique_lock lock(mutex);
-  finished.wait(lock, [&] { return done; });
+  const auto is_done = [&] { return done; };
+  if (finished.wait_for(lock, longest_task, is_done)) return;
+  lock.unlock();
+  log_error("The engine has been at one task for {} seconds and may never end it.", longest_task.count());
+  lock.lock();
+  finished.wait(lock, is_done);
 }
 
 void Timer::once(std::chrono::milliseconds delay, Task task) {

@@ -22,7 +22,8 @@ class EngineThread {
   bool is_current() const;
   // Any thread. Tasks run in the order in which they are posted.
   void post(Task task);
-  // Runs the task on the engine's thread and returns when it has run.
+  // Runs the task on the engine's thread and returns when it has run. What takes half a minute is an error in
+  // the log, on which the program may end itself.
   void run(const Task& task);
   GMainContext* context() const { return context_; }
 
