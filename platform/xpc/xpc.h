@@ -7,10 +7,9 @@
 // Its own NAME is the environment variable XPC_SERVICE_NAME, else the file name of its program. A client
 // gives the name to xpc_connection_create.
 //
-// Objects. xpc_object_t is a counted reference. Functions called "create", "copy" or "dup" hand over a
-// reference (or a descriptor) that the caller releases (or closes); "get" functions hand out what belongs to
-// the object asked. Objects may be retained, released, read and sent from any thread. A dictionary or array
-// must not be changed while another thread uses it.
+// Objects. xpc_object_t is a counted reference. Functions called "create" hand over a reference that the
+// caller releases; "get" functions hand out what belongs to the object asked. Objects may be retained,
+// released, read and sent from any thread. A dictionary must not be changed while another thread uses it.
 //
 // Strings are UTF-8. Bytes that are not are replaced by U+FFFD as a string enters an object, so that no
 // text from elsewhere can spoil a message; a peer that sends such bytes is disconnected.
