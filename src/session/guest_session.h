@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "session/guest_session_delegate.h"
@@ -130,7 +131,8 @@ class ZarvoGuestSession {
   // ---- Incoming video (streams/incoming_video.cpp)
 
   // The one way to a guest's record, which is made when the id is new. With a buffer the record delivers
-  // a frame; with none it rings. The buffer stays the caller's.
+  // a frame; with none it rings. A frame of a guest whom the studio took out is dropped. The buffer stays
+  // the caller's.
   void pixelBufferReceived(CVPixelBufferRef buffer, const std::string& forName,
                            const std::optional<std::string>& andID, otc_subscriber* subscriber,
                            const otc_connection* connection, int type, int64_t timestamp);
@@ -174,7 +176,8 @@ class ZarvoGuestSession {
   Ref<dispatch_queue_t> send_video_queue;
   std::mutex audioSendLock;
   StreamTable streamManagers;
-  mutable std::mutex streamLock;  // around every access to streamManagers; nothing is called under it
+  std::set<std::string, std::less<>> removedStreams;  // ids that the studio took out of streamManagers
+  mutable std::mutex streamLock;  // around every access to these two; nothing is called under it
   std::atomic<bool> _broadcastIsLive{false};
   std::atomic<bool> recordOnly{false};
   otc_stream* ourStream = nullptr;
@@ -186,6 +189,8 @@ class ZarvoGuestSession {
 
   // The record of a guest, or none.
   std::shared_ptr<ZarvoGuestSessionStream> streamManager(const std::string& id) const;
+
+  bool isRemoved(const std::string& id) const;
 
   std::atomic<bool> _sleepMode{false};
   std::atomic<bool> _offAirAudio{false};

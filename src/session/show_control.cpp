@@ -13,6 +13,11 @@ std::shared_ptr<ZarvoGuestSessionStream> ZarvoGuestSession::streamManager(const 
   return entry == streamManagers.end() ? nullptr : entry->second;
 }
 
+bool ZarvoGuestSession::isRemoved(const std::string& id) const {
+  std::lock_guard guard(streamLock);
+  return removedStreams.contains(id);
+}
+
 ZarvoGuestSession::StreamTable ZarvoGuestSession::copyStreamManagers() const {
   std::lock_guard guard(streamLock);
   return streamManagers;
@@ -35,6 +40,7 @@ void ZarvoGuestSession::stopSubscribing(const std::string& id) {
   {
     std::lock_guard guard(streamLock);
     streamManagers.erase(id);
+    removedStreams.insert(id);
     left = streamManagers.size();
   }
   // With the last guest the session ends; only then does that guest's record report its drop.

@@ -63,12 +63,17 @@ void ZarvoGuestSession::pixelBufferReceived(CVPixelBufferRef buffer, const std::
   if (!andID) return;
   auto stream = streamManager(*andID);
   if (!stream) {
+    // The SDK may be late to unsubscribe: only a stream that is announced anew brings its guest back. A
+    // record made of the last frames would never be removed, and the session would never see its last guest
+    // go.
+    if (buffer && isRemoved(*andID)) return;
     stream = std::make_shared<ZarvoGuestSessionStream>(forName, *andID, subscriber, connection);
     stream->setDelegate(delegate());
     stream->setGuestSession(this);
     stream->setIsScreenShare(type == OTC_STREAM_VIDEO_TYPE_SCREEN);
     std::lock_guard guard(streamLock);
     streamManagers[*andID] = stream;
+    removedStreams.erase(*andID);
   }
   if (buffer) {
     stream->pixelBufferReceived(buffer, timestamp);

@@ -32,6 +32,22 @@ TEST_F(SessionTest, AFrameOfAnUnknownStreamMakesItsRecord) {
   EXPECT_TRUE(session->copyStreamManagers().at("new")->isScreenShare());
 }
 
+TEST_F(SessionTest, AFrameAfterItsGuestsRemovalBringsNobodyBack) {
+  admit("cam");
+  admit("two");
+  session->stopSubscribing("cam");
+  PlanarFrame picture(64, 48);
+  sdk.renderFrame("cam", picture.frame);
+  EXPECT_THAT(delegate.takeReports(), IsEmpty());
+  session->stopSubscribing("two");
+  EXPECT_THAT(delegate.takeReports(), ElementsAre("dropped two"));
+
+  receive("cam");
+  sdk.renderFrame("cam", picture.frame);
+  EXPECT_THAT(delegate.takeReports(),
+              ElementsAre("ring Guest - Ann cam camera", "frame Guest - Ann cam 0 64x48"));
+}
+
 TEST_F(SessionTest, AFrameThatCannotBeUsedIsLoggedAndDropped) {
   admit("cam");
   PlanarFrame picture(64, 48);
