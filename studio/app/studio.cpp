@@ -149,6 +149,7 @@ void Studio::connect() {
 
 void Studio::join() {
   rejoinAfter_.reset();
+  rejoinTimer_.stop();
   const std::shared_ptr<Client> link = client();
   if (!link) return;  // whoever connects joins
   board_.allGone();

@@ -93,6 +93,8 @@ void Studio::run(const Command& command) {
       break;
     case Verb::stop:
       link->stop();
+      rejoinAfter_.reset();
+      rejoinTimer_.stop();
       board_.allGone();
       guestsChanged();
       output_.note("The session is left; \"rejoin\" joins it again.");

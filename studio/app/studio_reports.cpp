@@ -2,10 +2,19 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "app/studio.h"
 
 namespace studio {
+namespace {
+
+using namespace std::chrono_literals;
+
+// By then the page of a guest who was taken out has left, and does not ring in the session joined anew.
+constexpr auto rejoinPause = 500ms;
+
+}  // namespace
 
 // The reports come on the client's queue and refer to the message: what goes on to the main loop is copied.
 
@@ -40,7 +49,7 @@ void Studio::onDropped(const Dropped& dropped) {
     guestsChanged();
     if (rejoinAfter_ == id) {
       output_.note("With the last guest the session has ended: joining it anew.");
-      join();
+      rejoinTimer_.once(rejoinPause, [this] { join(); });
     }
   });
 }
