@@ -32,7 +32,8 @@ int64_t frameFloor(Service& service, int width, int height) {
 
 // One after the other, as with several guests; and after pauses, in which threads and caches go cold.
 template <class Road, class Floor>
-void measureRoad(Report& report, const std::string& name, double goal, Road road, Floor floor) {
+void measureRoad(Report& report, const std::string& name, const std::string& where, double goal, Road road,
+                 Floor floor) {
   for (int i = 0; i < kWarmUp; ++i) {
     road();
     floor();
@@ -46,7 +47,8 @@ void measureRoad(Report& report, const std::string& name, double goal, Road road
       if (pausing) rest();
       floors.add(floor());
     }
-    report.add(pausing ? name + " after a pause" : name, roads, floors, pausing ? 0 : goal);
+    report.add(fmt::format("{}{}, {}", name, pausing ? " after a pause" : "", where), roads, floors,
+               pausing ? 0 : goal);
   }
 }
 
@@ -69,13 +71,17 @@ int64_t frame(Service& service, int width, int height, int guest) {
   }
 }
 
-void measureFrames(Service& service, Report& report, int width, int height) {
-  const std::string name = fmt::format("frame road {}p", height);
+void measureFrames(Service& service, Report& report, const std::string& where, int width, int height) {
   service.ask(frameMessage(Order::prepare, width, height));
   measureRoad(
-      report, name, height == 1080 ? 1.15 : 0, [&] { return frame(service, width, height); },
-      [&] { return frameFloor(service, width, height); });
+      report, fmt::format("frame road {}p", height), where, height == 1080 ? 1.15 : 0,
+      [&] { return frame(service, width, height); }, [&] { return frameFloor(service, width, height); });
+}
 
+void measureFrameCosts(Service& service, Report& report, int width, int height) {
+  const std::string name = fmt::format("frame {}p", height);
+  service.ask(frameMessage(Order::prepare, width, height));
+  for (int i = 0; i < kWarmUp; ++i) frame(service, width, height);
   const Answer before = service.ask({.order = Order::counters, .counting = true});
   countAllocations(true);
   const Allocations studioBefore = allocations();
@@ -101,7 +107,7 @@ void measureFrames(Service& service, Report& report, int width, int height) {
   report.add(name + ", studio: heap allocations a frame", each(studioBefore.count, studioAfter.count), "", 0);
 }
 
-void measureShowFrames(Service& service, Report& report) {
+void measureShowFrames(Service& service, Report& report, const std::string& where) {
   service.ask({.order = Order::startCapturer});
   studio::SurfacePool pool(4);
   const auto showFrame = [&] {
@@ -122,7 +128,7 @@ void measureShowFrames(Service& service, Report& report) {
     receivePlain(service.controlSocket(), &message, sizeof message);
     return now() - begin;
   };
-  measureRoad(report, "show frame, studio's send to the SDK's provide call", 1.5, showFrame, echo);
+  measureRoad(report, "show frame, send to the SDK's provide call", where, 1.5, showFrame, echo);
   close(descriptor);
 }
 

@@ -12,6 +12,7 @@
 
 #include "hooks_bench.h"
 #include "measurements.h"
+#include "placement.h"
 
 namespace bench {
 
@@ -43,12 +44,19 @@ int run(const std::vector<std::string>& parts) {
     Service service;
     service.join();
     service.addGuest();
-    if (wanted("frames")) {
-      measureFrames(service, report, 1280, 720);
-      measureFrames(service, report, 1920, 1080);
+    for (const Cores& cores : waysToPlace()) {
+      const Placement placement(service.process(), cores);
+      if (wanted("frames")) {
+        measureFrames(service, report, cores.name, 1280, 720);
+        measureFrames(service, report, cores.name, 1920, 1080);
+      }
+      if (wanted("messages")) measureMessages(service, report, cores.name);
+      if (wanted("show")) measureShowFrames(service, report, cores.name);
     }
-    if (wanted("messages")) measureMessages(service, report);
-    if (wanted("show")) measureShowFrames(service, report);
+    if (wanted("frames")) {
+      measureFrameCosts(service, report, 1280, 720);
+      measureFrameCosts(service, report, 1920, 1080);
+    }
   }
   if (wanted("start") || wanted("memory") || wanted("hooks")) next("start, memory, hooks");
   if (wanted("start")) measureStart(report);

@@ -9,10 +9,12 @@
 
 namespace bench {
 
-// Of a service that has joined and has a guest: guests' frames of one size, the show's frames, messages.
-void measureFrames(Service& service, Report& report, int width, int height);
-void measureShowFrames(Service& service, Report& report);
-void measureMessages(Service& service, Report& report);
+// Of a service that has joined and has a guest: guests' frames of one size, what each costs, the show's
+// frames, messages. `where` says in the rows' names on which cores.
+void measureFrames(Service& service, Report& report, const std::string& where, int width, int height);
+void measureFrameCosts(Service& service, Report& report, int width, int height);
+void measureShowFrames(Service& service, Report& report, const std::string& where);
+void measureMessages(Service& service, Report& report, const std::string& where);
 
 // Of services of their own.
 void measureStart(Report& report);

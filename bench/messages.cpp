@@ -15,7 +15,7 @@ constexpr int kMessages = 2000;
 
 }  // namespace
 
-void measureMessages(Service& service, Report& report) {
+void measureMessages(Service& service, Report& report, const std::string& where) {
   Durations replies;
   Durations echoes;
   Durations sounds;
@@ -46,9 +46,9 @@ void measureMessages(Service& service, Report& report) {
 
     stamps.add(service.ask({.order = Order::stamp, .sent = now()}).nanoseconds);
   }
-  report.add("host-link message and reply", replies, echoes);
-  report.add("sound message of 3,840 bytes, one way", sounds, datagrams);
-  report.add("studio command to the session's call", commands, stamps);
+  report.add("host-link message and reply, " + where, replies, echoes);
+  report.add("sound message of 3,840 bytes, one way, " + where, sounds, datagrams);
+  report.add("studio command to the session's call, " + where, commands, stamps);
 }
 
 }  // namespace bench
