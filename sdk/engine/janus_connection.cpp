@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "janus_farewell.h"
 #include "log.h"
 
 namespace engine {
@@ -55,11 +56,18 @@ void JanusConnection::open() {
 
 void JanusConnection::close() {
   if (state_ == State::closed) return;
+  if (state_ == State::open) {
+    std::set<std::string> at_work;
+    for (const auto& [transaction, pending] : pending_) {
+      if (pending.handle != 0) at_work.insert(transaction);
+    }
+    g_signal_handlers_disconnect_by_data(websocket_, this);
+    destroy_when_answered(std::exchange(websocket_, nullptr), session_, std::move(at_work));
+  }
   pending_.clear();
   events_.clear();
   waiting_.clear();
   leaving_.clear();
-  if (websocket_ != nullptr && session_ != 0) request({{"janus", "destroy"}}, {});
   state_ = State::closed;
   session_ = 0;
   drop_websocket();
@@ -142,17 +150,7 @@ void JanusConnection::drop_websocket() {
   if (websocket_ == nullptr) return;
   SoupWebsocketConnection* websocket = std::exchange(websocket_, nullptr);
   g_signal_handlers_disconnect_by_data(websocket, this);
-  if (soup_websocket_connection_get_state(websocket) == SOUP_WEBSOCKET_STATE_CLOSED) {
-    g_object_unref(websocket);
-    return;
-  }
-  // Kept until what was written has left and the server has said goodbye.
-  g_signal_connect(websocket, "closed",
-                   G_CALLBACK(+[](SoupWebsocketConnection* closed, gpointer) { g_object_unref(closed); }),
-                   nullptr);
-  if (soup_websocket_connection_get_state(websocket) == SOUP_WEBSOCKET_STATE_OPEN) {
-    soup_websocket_connection_close(websocket, SOUP_WEBSOCKET_CLOSE_NORMAL, nullptr);
-  }
+  close_websocket(websocket);
 }
 
 void JanusConnection::create_or_claim() {

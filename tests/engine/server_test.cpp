@@ -18,10 +18,11 @@ using testing::SizeIs;
 using testing::StartsWith;
 
 // Speaks the server's protocol as far as a session and its handles; what a plugin says to a "join" is the
-// test's, and a guest publishes just before.
+// test's, after the time that it works, and a guest publishes just before.
 class FakeServer {
  public:
-  explicit FakeServer(std::function<json(const json& body)> joined) : joined_(std::move(joined)) {
+  explicit FakeServer(std::function<json(const json& body)> joined, int milliseconds_at_work = 0)
+      : joined_(std::move(joined)), milliseconds_at_work_(milliseconds_at_work) {
     std::promise<std::string> address;
     thread_ = std::thread([this, &address] { serve(address); });
     setenv("ZARVO_SESSION_SERVER", address.get_future().get().c_str(), 1);
@@ -34,6 +35,9 @@ class FakeServer {
         loop_);
     thread_.join();
   }
+
+  // Waits until the session is destroyed: whether a plugin was at work then.
+  bool destroyed_at_work() { return destroyed_.get_future().get(); }
 
  private:
   void serve(std::promise<std::string>& address) {
@@ -81,11 +85,33 @@ class FakeServer {
       const json data = self->joined_(request["body"]);
       if (data.is_null()) return;
       answer.update({{"janus", "event"}, {"plugindata", {{"data", data}}}});
+      self->work(client, answer.dump());
+      return;
+    } else if (kind == "destroy") {
+      self->destroyed_.set_value(self->at_work_ > 0);
     }
     soup_websocket_connection_send_text(client, answer.dump().c_str());
   }
 
+  // Sends a plugin's answer once it has worked for it.
+  void work(SoupWebsocketConnection* client, const std::string& answer) {
+    ++at_work_;
+    GSource* end = g_timeout_source_new(static_cast<guint>(milliseconds_at_work_));
+    auto* task = new std::function<void()>([this, client, answer] {
+      --at_work_;
+      soup_websocket_connection_send_text(client, answer.c_str());
+    });
+    g_source_set_callback(
+        end, [](gpointer ended) { return (*static_cast<std::function<void()>*>(ended))(), G_SOURCE_REMOVE; },
+        task, [](gpointer ended) { delete static_cast<std::function<void()>*>(ended); });
+    g_source_attach(end, context_);
+    g_source_unref(end);
+  }
+
   std::function<json(const json&)> joined_;
+  const int milliseconds_at_work_;
+  int at_work_ = 0;
+  std::promise<bool> destroyed_;
   GMainContext* context_ = nullptr;
   GMainLoop* loop_ = nullptr;
   int last_id_ = 0;
@@ -98,6 +124,21 @@ TEST(Server, OneThatDoesNotAnswerAJoinIsGivenUp) {
   program.connect("room", "token");
   EXPECT_TRUE(program.wait([&] { return !program.error_text.empty(); }));
   EXPECT_THAT(program.error_text, StartsWith("Session room could not be joined: the server does not answer"));
+}
+
+TEST(Server, ASessionIsNotDestroyedWhileAPluginIsAtWork) {
+  std::promise<void> joining;
+  FakeServer server(
+      [&](const json&) {
+        joining.set_value();
+        return json{{"videoroom", "joined"}, {"id", "us"}};
+      },
+      200);
+  Program program;
+  program.connect("room", "token");
+  joining.get_future().wait();
+  program.disconnect();
+  EXPECT_FALSE(server.destroyed_at_work());
 }
 
 TEST(Server, WhoeverComesDuringTheJoinIsSeenAndNamesAreBounded) {
