@@ -19,6 +19,13 @@ using engine::Session;
 
 namespace {
 
+// Each pipeline has a dozen threads, and the C library would keep what they had, 20 MB with an encoder, in
+// several places. From one place it can be given back, which Peer sees to. As the library is loaded: a place
+// that a thread has once been given stays in use.
+[[gnu::constructor]] void keep_memory_in_one_place() {
+  mallopt(M_ARENA_MAX, 1);
+}
+
 // The session behind a handle, null when it was deleted.
 std::shared_ptr<Session> session_of(otc_session* handle) {
   if (handle == nullptr) return nullptr;
@@ -41,9 +48,6 @@ void run_or_post(engine::Task task) {
 otc_status otc_init(void*) {
   // A program that ends itself does so while connections run; OpenSSL must not clear up under them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
-  // Each pipeline has a dozen threads, and the C library would keep what they had, 20 MB with an encoder, in
-  // as many places as there were threads. From one place it can be given back, which Peer sees to.
-  mallopt(M_ARENA_MAX, 1);
   GError* error = nullptr;
   if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
     engine::log_error("GStreamer does not start: {}", error->message);

@@ -394,6 +394,6 @@ test("a hundred quick stops and rejoins leave nothing behind", async (context) =
   const after = await turns(100);
   context.diagnostic(`before ${JSON.stringify(before)}, after ${JSON.stringify(after)}`);
   assert.equal(service(), pid);
-  const bounds = { memory: growth(pid, 50), files: 10, threads: 10 };
+  const bounds = { memory: growth(pid, 20), files: 10, threads: 10 };
   for (const [what, bound] of Object.entries(bounds)) assert.ok(after[what] < before[what] + bound, what);
 });
