@@ -41,14 +41,26 @@ export class Pipeline {
   }
 }
 
-/** What is sent for all guests: encoded once, each at a port that takes both its streams. */
+/** Nanoseconds: between two frames, and for what a frame takes until it is encoded at the latest. */
+const FRAME_TIME = 1e9 / 30;
+const ENCODING_TIME = 30e6;
+
+/**
+ * What is sent for all guests: encoded once, each at a port that takes both its streams. Their pictures are
+ * sent in turn over the time of a frame, as cameras that know nothing of each other do.
+ */
 export function guestsPipeline(ports, { video, audio }) {
   const clients = ports.map((port) => `127.0.0.1:${port}`).join(",");
+  const delay = (turn) => Math.round(ENCODING_TIME + (FRAME_TIME * turn) / ports.length);
+  const sinks = ports.map(
+    (port, turn) => `pictures. ! queue ! udpsink host=127.0.0.1 port=${port} ts-offset=${delay(turn)}`,
+  );
   return `
     videotestsrc is-live=true pattern=smpte horizontal-speed=4 !
       video/x-raw,format=I420,width=1280,height=720,framerate=30/1 !
       vp8enc deadline=1 cpu-used=16 target-bitrate=1500000 keyframe-max-dist=30 !
-      rtpvp8pay pt=96 ssrc=${video} picture-id-mode=15-bit ! multiudpsink clients=${clients} sync=false
+      rtpvp8pay pt=96 ssrc=${video} picture-id-mode=15-bit ! tee name=pictures
+    ${sinks.join("\n")}
     audiotestsrc is-live=true freq=330 volume=0.2 samplesperbuffer=960 !
       audio/x-raw,rate=48000,channels=2 ! opusenc ! rtpopuspay pt=111 ssrc=${audio} !
       multiudpsink clients=${clients} sync=false`;
