@@ -10,7 +10,7 @@
 
 namespace bench {
 
-// A way to place them: all of the studio on the first core, all of the service on the second.
+// A way to place them: the numbers of the cores for all of the studio and for all of the service.
 struct Cores {
   std::string name;  // "one core" or "two cores"
   int studio;

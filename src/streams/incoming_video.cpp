@@ -63,9 +63,8 @@ void ZarvoGuestSession::pixelBufferReceived(CVPixelBufferRef buffer, const std::
   if (!andID) return;
   auto stream = streamManager(*andID);
   if (!stream) {
-    // The SDK may be late to unsubscribe: only a stream that is announced anew brings its guest back. A
-    // record made of the last frames would never be removed, and the session would never see its last guest
-    // go.
+    // The SDK unsubscribes in the background, and frames may come after their guest's removal. A record made
+    // of them would never be removed, and the session would never end.
     if (buffer && isRemoved(*andID)) return;
     stream = std::make_shared<ZarvoGuestSessionStream>(forName, *andID, subscriber, connection);
     stream->setDelegate(delegate());

@@ -131,7 +131,7 @@ class Studio : public Client::Listener, public JanusServer::Listener, public Sho
   bool recordOnly_ = false;
   bool offAirAudio_ = false;
   std::optional<std::string> rejoinAfter_;  // the last guest, who is being removed
-  Timer rejoinTimer_;
+  Timer rejoinTimer_;                       // from their removal to the next join
   std::atomic<bool> anybodyIn_{false};
   std::atomic<bool> printLog_;
   std::deque<std::string> ownLines_;
