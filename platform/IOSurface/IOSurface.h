@@ -4,7 +4,7 @@
  * A surface is a sealed memfd and its mapping. It travels to another process inside an XPC message
  * as the object that IOSurfaceCreateXPCObject makes; the receiver's IOSurfaceLookupFromXPCObject
  * trusts nothing in it: the descriptor must be a memfd that can neither shrink nor grow, and the
- * geometry must lie inside it, before anything is mapped. The wire form is described in SurfaceMessage.cpp.
+ * geometry must lie inside it, before anything is mapped. The wire form is described in surface_message.cpp.
  *
  * General rules:
  * - An IOSurfaceRef is a CF object: CFRetain and CFRelease hold it and let it go.

@@ -1,4 +1,4 @@
-#include <Foundation/NSLog.h>
+#include <Foundation/ns_log.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 // The decoder of the host link's datagrams. The first byte says how many descriptors come along.
 #include <sys/eventfd.h>
-#include <xpc/Body.h>
-#include <xpc/Datagram.h>
+#include <xpc/body.h>
+#include <xpc/datagram.h>
 
 #include <cstdlib>
 #include <vector>

@@ -16,18 +16,18 @@
 
 class Object {
  public:
-  explicit Object(xpc_object_t adopted = nullptr) : m_object(adopted) {}
-  Object(Object&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
-  Object(const Object& other) : m_object(xpc_retain(other.m_object)) {}
+  explicit Object(xpc_object_t adopted = nullptr) : object_(adopted) {}
+  Object(Object&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  Object(const Object& other) : object_(xpc_retain(other.object_)) {}
   Object& operator=(Object other) {
-    std::swap(m_object, other.m_object);
+    std::swap(object_, other.object_);
     return *this;
   }
-  ~Object() { xpc_release(m_object); }
-  operator xpc_object_t() const { return m_object; }
+  ~Object() { xpc_release(object_); }
+  operator xpc_object_t() const { return object_; }
 
  private:
-  xpc_object_t m_object;
+  xpc_object_t object_;
 };
 
 using Texts = std::map<std::string, std::string>;
@@ -62,32 +62,32 @@ class Events : public Mailbox<Object> {
 class Connection {
  public:
   explicit Connection(xpc_connection_t adopted, const xpc_handler_t& handler = nullptr, bool active = true)
-      : m_connection(adopted) {
-    xpc_connection_set_event_handler(m_connection, [this, handler](xpc_object_t event) {
+      : connection_(adopted) {
+    xpc_connection_set_event_handler(connection_, [this, handler](xpc_object_t event) {
       const bool last = event == XPC_ERROR_CONNECTION_INVALID;
       handler ? handler(event) : events.put(event);
-      if (last) m_last.put(event);
+      if (last) last_.put(event);
     });
-    if (active) xpc_connection_activate(m_connection);
+    if (active) xpc_connection_activate(connection_);
   }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection() {
-    xpc_connection_activate(m_connection);
-    xpc_connection_cancel(m_connection);
-    EXPECT_TRUE(m_last.next());
-    xpc_release(m_connection);
+    xpc_connection_activate(connection_);
+    xpc_connection_cancel(connection_);
+    EXPECT_TRUE(last_.next());
+    xpc_release(connection_);
   }
-  operator xpc_connection_t() const { return m_connection; }
+  operator xpc_connection_t() const { return connection_; }
   Object ask(const Object& message) const {
-    return Object(xpc_connection_send_message_with_reply_sync(m_connection, message));
+    return Object(xpc_connection_send_message_with_reply_sync(connection_, message));
   }
 
   Events events;
 
  private:
-  xpc_connection_t m_connection;
-  Events m_last;
+  xpc_connection_t connection_;
+  Events last_;
 };
 
 inline xpc_connection_t client(const char* name) {

@@ -95,16 +95,16 @@ ssize_t answer(int socket) {
 class HostileTest : public testing::Test {
  protected:
   HostileTest() {
-    EXPECT_TRUE(eventually([&] { return access((m_folder / kName).c_str(), F_OK) == 0; }));
+    EXPECT_TRUE(eventually([&] { return access((folder_ / kName).c_str(), F_OK) == 0; }));
     expectServed();
   }
   void expectServed() {
-    EXPECT_EQ(textsOf(m_witness.ask(message("still", "there"))), (Texts{{"still", "there"}}));
+    EXPECT_EQ(textsOf(witness_.ask(message("still", "there"))), (Texts{{"still", "there"}}));
   }
 
-  TemporaryFolder m_folder;
-  Connection m_service{listener(kName), acceptingEcho()};
-  Connection m_witness{client(kName)};
+  TemporaryFolder folder_;
+  Connection service_{listener(kName), acceptingEcho()};
+  Connection witness_{client(kName)};
 };
 
 TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
@@ -172,7 +172,7 @@ TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
 
   for (const Case& each : cases) {
     SCOPED_TRACE(each.name);
-    const int socket = bareClient(m_folder / kName);
+    const int socket = bareClient(folder_ / kName);
     ASSERT_GE(socket, 0);
     EXPECT_TRUE(sendBare(socket, each.bytes, each.descriptors));
     if (!each.descriptors.empty()) close(each.descriptors.front());
@@ -186,13 +186,13 @@ TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
 TEST_F(HostileTest, AnotherUsersPeerIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   // Let the stranger as far as the socket itself.
-  ASSERT_EQ(chmod((m_folder / "").c_str(), 0711), 0);
-  ASSERT_EQ(chmod((m_folder / kName).c_str(), 0666), 0);
+  ASSERT_EQ(chmod((folder_ / "").c_str(), 0711), 0);
+  ASSERT_EQ(chmod((folder_ / kName).c_str(), 0666), 0);
   const std::string hello = datagram("", {.kind = 1, .serial = 1});
   const pid_t child = fork();
   if (child == 0) {
     if (setgid(65534) != 0 || setuid(65534) != 0) _exit(9);
-    const int socket = bareClient(m_folder / kName);
+    const int socket = bareClient(folder_ / kName);
     if (socket < 0) _exit(8);
     sendBare(socket, hello, {});
     _exit(answer(socket) > 0 ? 7 : 0);

@@ -11,7 +11,7 @@ constexpr char kName[] = "echo";
 
 class MessageTest : public testing::Test {
  protected:
-  TemporaryFolder m_folder;
+  TemporaryFolder folder_;
 };
 
 TEST_F(MessageTest, TextIsMadeUtf8) {
@@ -136,7 +136,7 @@ TEST_F(MessageTest, APeerThatDoesNotReadIsDisconnectedAndAnotherServed) {
                        peers->put(peer);
                      }));
   int deaf = -1;
-  ASSERT_TRUE(eventually([&] { return (deaf = bareClient(m_folder / kName)) >= 0; }));
+  ASSERT_TRUE(eventually([&] { return (deaf = bareClient(folder_ / kName)) >= 0; }));
   const Object deafPeer = peers->next();
   ASSERT_TRUE(deafPeer);
   Connection other(client(kName));

@@ -14,9 +14,9 @@ class ServiceTest : public testing::Test {
  protected:
   // The service, once it listens.
   Child& startService() {
-    Child& service = m_children.emplace_back(std::vector<std::string>{ECHO_SERVICE});
+    Child& service = children_.emplace_back(std::vector<std::string>{ECHO_SERVICE});
     EXPECT_TRUE(eventually([&] {
-      const int fd = bareClient(m_folder / kName);
+      const int fd = bareClient(folder_ / kName);
       if (fd >= 0) close(fd);
       return fd >= 0;
     }));
@@ -27,8 +27,8 @@ class ServiceTest : public testing::Test {
     return Child({ECHO_SERVICE}, descriptors).waitForEnd();
   }
 
-  TemporaryFolder m_folder;
-  std::list<Child> m_children;
+  TemporaryFolder folder_;
+  std::list<Child> children_;
 };
 
 Texts ask(const Connection& connection, const char* key) {
@@ -38,7 +38,7 @@ Texts ask(const Connection& connection, const char* key) {
 TEST_F(ServiceTest, KilledAndStartedAnewItIsReachedAgain) {
   Child& first = startService();
   struct stat status;
-  ASSERT_EQ(stat((m_folder / kName).c_str(), &status), 0);
+  ASSERT_EQ(stat((folder_ / kName).c_str(), &status), 0);
   EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFSOCK | 0600));
 
   // A second one finds the first alive.
@@ -71,7 +71,7 @@ TEST_F(ServiceTest, AskedToEndItTellsItsClientsAndEnds) {
 
 TEST_F(ServiceTest, StartedOnDemandItEndsWhenItIsIdle) {
   // A socket that another process, here this one, holds is no stale one.
-  const int listening = listeningSocket(m_folder / kName);
+  const int listening = listeningSocket(folder_ / kName);
   EXPECT_EQ(statusOfAnother(), 1);
   close(accept(listening, nullptr, nullptr));
 
@@ -98,7 +98,7 @@ TEST_F(ServiceTest, StartedOnDemandItEndsWhenItIsIdle) {
 // A client in another language, written from docs/host-link.md alone.
 TEST_F(ServiceTest, AClientWrittenFromTheDocumentIsUnderstood) {
   startService();
-  EXPECT_EQ(Child({"/usr/bin/python3", WIRE_CLIENT, m_folder / kName}).waitForEnd(), 0);
+  EXPECT_EQ(Child({"/usr/bin/python3", WIRE_CLIENT, folder_ / kName}).waitForEnd(), 0);
 }
 
 }  // namespace
