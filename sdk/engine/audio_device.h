@@ -20,15 +20,15 @@ class AudioDevice {
   // Never destroyed: callbacks may run while the process ends.
   static AudioDevice& get();
 
-  void set_callbacks(const otc_audio_device_callbacks& callbacks);
+  void setCallbacks(const otc_audio_device_callbacks& callbacks);
   // The engine's thread. The device's two sides start with the first that needs them and keep running.
-  void start_capturer();
-  void start_renderer();
+  void startCapturer();
+  void startRenderer();
 
   // Captured sound goes to this output too, as long as it is not taken out again.
-  void add_output(GstAppSrc* output);
+  void addOutput(GstAppSrc* output);
   // On return the output gets no more.
-  void remove_output(GstAppSrc* output);
+  void removeOutput(GstAppSrc* output);
   // Any thread; returns at once.
   void write(const std::int16_t* samples, std::size_t frames);
 
@@ -54,18 +54,18 @@ class AudioDevice {
   };
 
   otc_audio_device_callbacks callbacks_ = {};
-  bool has_callbacks_ = false;
+  bool hasCallbacks_ = false;
   bool initialised_ = false;
-  bool capturer_started_ = false;
-  bool renderer_started_ = false;
+  bool capturerStarted_ = false;
+  bool rendererStarted_ = false;
   void initialise();
 
-  std::mutex outputs_mutex_;
+  std::mutex outputsMutex_;
   std::map<GstAppSrc*, Output> outputs_;
 
-  std::mutex tracks_mutex_;
+  std::mutex tracksMutex_;
   std::map<const void*, Track> tracks_;
-  std::int64_t last_read_ = 0;
+  std::int64_t lastRead_ = 0;
   std::vector<std::int32_t> mix_;
 };
 

@@ -16,11 +16,11 @@ constexpr int lowest = 150000;
 constexpr int first = 1500000;
 constexpr int highest = 4000000;
 constexpr auto interval = 500ms;
-constexpr guint fewest_packets = 10;
-constexpr gint64 largest_growth = 1000000;  // nanoseconds
+constexpr guint fewestPackets = 10;
+constexpr gint64 largestGrowth = 1000000;  // nanoseconds
 
 // The limit in a REMB message, 0 where it is none: "REMB", one byte, 6 bits of exponent, 18 of mantissa.
-int remb_limit(const guint8* data, gsize size) {
+int rembLimit(const guint8* data, gsize size) {
   if (size < 8 || std::memcmp(data, "REMB", 4) != 0) return 0;
   const unsigned exponent = data[5] >> 2U;
   const std::uint64_t mantissa = (static_cast<std::uint64_t>(data[5] & 3U) << 16U) |
@@ -45,14 +45,14 @@ Bitrate::Bitrate(GstElement* webrtc, GstElement* source) : limit_(highest), rate
   g_signal_connect(
       feedback_, "on-feedback-rtcp",
       G_CALLBACK(+[](GObject*, guint type, guint format, guint, guint, GstBuffer* data, Bitrate* self) {
-        constexpr guint payload_specific = 206;
-        constexpr guint application_layer = 15;
+        constexpr guint payloadSpecific = 206;
+        constexpr guint applicationLayer = 15;
         GstMapInfo mapped;
-        if (type != payload_specific || format != application_layer || data == nullptr ||
+        if (type != payloadSpecific || format != applicationLayer || data == nullptr ||
             gst_buffer_map(data, &mapped, GST_MAP_READ) == FALSE) {
           return;
         }
-        const int limit = remb_limit(mapped.data, mapped.size);
+        const int limit = rembLimit(mapped.data, mapped.size);
         gst_buffer_unmap(data, &mapped);
         if (limit > 0) self->limit_ = limit;
       }),
@@ -79,11 +79,11 @@ void Bitrate::adapt() {
                     nullptr);
   gst_structure_free(stats);
   double wanted = rate_;
-  if (packets < fewest_packets) {
+  if (packets < fewestPackets) {
     lost = 0;  // too little to judge by
   } else if (lost > 10) {
     wanted *= 1 - lost / 200;
-  } else if (growing > largest_growth) {
+  } else if (growing > largestGrowth) {
     wanted *= 0.9;
   }
   // More is tried only where what there is is used.

@@ -14,28 +14,28 @@ namespace {
 
 using engine::Gst;
 
-constexpr int largest_side = 8192;
+constexpr int largestSide = 8192;
 // More than these wait for the encoder only when it does not keep up.
-constexpr guint64 most_waiting = 2;
+constexpr guint64 mostWaiting = 2;
 
-bool is_packed(const otc_video_frame& frame) {
+bool isPacked(const otc_video_frame& frame) {
   return frame.format == OTC_VIDEO_FRAME_FORMAT_ARGB32 || frame.format == OTC_VIDEO_FRAME_FORMAT_BGRA32;
 }
 
 // Whether the frame has the planes that its format needs, with rows that are long enough.
-bool is_whole(const otc_video_frame& frame) {
-  if (frame.width <= 0 || frame.height <= 0 || frame.width > largest_side || frame.height > largest_side) {
+bool isWhole(const otc_video_frame& frame) {
+  if (frame.width <= 0 || frame.height <= 0 || frame.width > largestSide || frame.height > largestSide) {
     return false;
   }
   const int chroma = (frame.width + 1) / 2;
   if (frame.planes[0] == nullptr) return false;
-  if (is_packed(frame)) return frame.strides[0] >= 4 * frame.width;
+  if (isPacked(frame)) return frame.strides[0] >= 4 * frame.width;
   if (frame.strides[0] < frame.width || frame.planes[1] == nullptr) return false;
   if (frame.planes[2] != nullptr) return frame.strides[1] >= chroma && frame.strides[2] >= chroma;
   return frame.format == OTC_VIDEO_FRAME_FORMAT_NV12 && frame.strides[1] >= 2 * chroma;
 }
 
-libyuv::RotationMode rotation_mode(int degrees) {
+libyuv::RotationMode rotationMode(int degrees) {
   switch (degrees) {
     case 90:
       return libyuv::kRotate90;
@@ -57,10 +57,10 @@ void convert(const otc_video_frame& from, int rotation, GstVideoFrame& to) {
   const std::array<int, 3> strides = {GST_VIDEO_FRAME_PLANE_STRIDE(&to, 0),
                                       GST_VIDEO_FRAME_PLANE_STRIDE(&to, 1),
                                       GST_VIDEO_FRAME_PLANE_STRIDE(&to, 2)};
-  const libyuv::RotationMode mode = rotation_mode(rotation);
+  const libyuv::RotationMode mode = rotationMode(rotation);
   const int width = from.width;
   const int height = from.height;
-  if (is_packed(from)) {
+  if (isPacked(from)) {
     const std::uint32_t fourcc = from.format == OTC_VIDEO_FRAME_FORMAT_ARGB32
                                      ? static_cast<std::uint32_t>(libyuv::FOURCC_ARGB)
                                      : static_cast<std::uint32_t>(libyuv::FOURCC_BGRA);
@@ -95,28 +95,27 @@ void otc_video_capturer::start() {
   callbacks_.start(this, callbacks_.user_data);
 }
 
-void otc_video_capturer::stop_and_destroy() {
+void otc_video_capturer::stopAndDestroy() {
   const engine::CallbackScope scope;
   if (std::exchange(started_, false)) callbacks_.stop(this, callbacks_.user_data);
   if (std::exchange(initialised_, false)) callbacks_.destroy(this, callbacks_.user_data);
 }
 
-void otc_video_capturer::set_output(GstAppSrc* output) {
+void otc_video_capturer::setOutput(GstAppSrc* output) {
   const std::lock_guard lock(mutex_);
   output_ = output;
-  if (output == nullptr) drop_pool();  // the capturer stays, its memory need not
+  if (output == nullptr) dropPool();  // the capturer stays, its memory need not
 }
 
-void otc_video_capturer::drop_pool() {
+void otc_video_capturer::dropPool() {
   if (pool_ != nullptr) gst_buffer_pool_set_active(pool_.get(), FALSE);
   pool_.reset();
 }
 
 otc_status otc_video_capturer::provide(const otc_video_frame& frame, int rotation) {
-  if (!is_whole(frame)) return OTC_INVALID_PARAM;
+  if (!isWhole(frame)) return OTC_INVALID_PARAM;
   const std::lock_guard lock(mutex_);
-  if (output_ == nullptr || gst_app_src_get_current_level_buffers(output_) >= most_waiting)
-    return OTC_SUCCESS;
+  if (output_ == nullptr || gst_app_src_get_current_level_buffers(output_) >= mostWaiting) return OTC_SUCCESS;
 
   const bool turned = rotation == 90 || rotation == 270;
   const int width = turned ? frame.height : frame.width;
@@ -125,7 +124,7 @@ otc_status otc_video_capturer::provide(const otc_video_frame& frame, int rotatio
     gst_video_info_set_format(&info_, GST_VIDEO_FORMAT_I420, static_cast<guint>(width),
                               static_cast<guint>(height));
     caps_.reset(gst_video_info_to_caps(&info_));
-    drop_pool();
+    dropPool();
     pool_.reset(gst_video_buffer_pool_new());
     GstStructure* config = gst_buffer_pool_get_config(pool_.get());
     gst_buffer_pool_config_set_params(config, caps_.get(), static_cast<guint>(GST_VIDEO_INFO_SIZE(&info_)), 0,

@@ -19,17 +19,17 @@ struct otc_video_capturer {
   // The capturer's callbacks, on the engine's thread. What was begun, and only that, is ended.
   otc_video_capturer_settings init();
   void start();
-  void stop_and_destroy();
+  void stopAndDestroy();
 
   // Where pictures go from now on; null: nowhere. On return the former place gets none.
-  void set_output(GstAppSrc* output);
+  void setOutput(GstAppSrc* output);
 
   // Any thread. OTC_INVALID_PARAM for a picture that is none; one that comes while there is no output,
   // or before the encoder has taken those before it, is dropped.
   otc_status provide(const otc_video_frame& frame, int rotation);
 
  private:
-  void drop_pool();
+  void dropPool();
 
   const otc_video_capturer_callbacks callbacks_;
   bool initialised_ = false;  // these two of the engine's thread

@@ -14,9 +14,9 @@ struct TaskSource {
 };
 
 // A pipeline that takes longer to come down hangs.
-constexpr std::chrono::seconds longest_task(30);
+constexpr std::chrono::seconds longestTask(30);
 
-thread_local bool on_engine_thread = false;
+thread_local bool onEngineThread = false;
 
 }  // namespace
 
@@ -29,25 +29,25 @@ EngineThread& EngineThread::get() {
 EngineThread::EngineThread() : context_(g_main_context_new()) {
   // The list has a mutex of its own, so that handing a task over never depends on GLib's.
   static GSourceFuncs functions = {
-      &EngineThread::has_tasks, nullptr, &EngineThread::run_tasks, nullptr, nullptr, nullptr};
+      &EngineThread::hasTasks, nullptr, &EngineThread::runTasks, nullptr, nullptr, nullptr};
   GSource* source = g_source_new(&functions, sizeof(TaskSource));
   reinterpret_cast<TaskSource*>(source)->thread = this;
   g_source_attach(source, context_);
   std::thread([this] {
-    on_engine_thread = true;
+    onEngineThread = true;
     g_main_context_push_thread_default(context_);
     g_main_loop_run(g_main_loop_new(context_, FALSE));
   }).detach();
 }
 
-gboolean EngineThread::has_tasks(GSource* source, gint* timeout) {
+gboolean EngineThread::hasTasks(GSource* source, gint* timeout) {
   if (timeout != nullptr) *timeout = -1;
   EngineThread* self = reinterpret_cast<TaskSource*>(source)->thread;
   const std::lock_guard lock(self->mutex_);
   return self->tasks_.empty() ? FALSE : TRUE;
 }
 
-gboolean EngineThread::run_tasks(GSource* source, GSourceFunc, gpointer) {
+gboolean EngineThread::runTasks(GSource* source, GSourceFunc, gpointer) {
   EngineThread* self = reinterpret_cast<TaskSource*>(source)->thread;
   std::vector<Task> tasks;
   {
@@ -61,8 +61,8 @@ gboolean EngineThread::run_tasks(GSource* source, GSourceFunc, gpointer) {
   return G_SOURCE_CONTINUE;
 }
 
-bool EngineThread::is_current() const {
-  return on_engine_thread;
+bool EngineThread::isCurrent() const {
+  return onEngineThread;
 }
 
 void EngineThread::post(Task task) {
@@ -74,7 +74,7 @@ void EngineThread::post(Task task) {
 }
 
 void EngineThread::run(const Task& task) {
-  if (is_current()) {
+  if (isCurrent()) {
     task();
     return;
   }
@@ -88,12 +88,12 @@ void EngineThread::run(const Task& task) {
     finished.notify_one();
   });
   std::unique_lock lock(mutex);
-  const auto is_done = [&] { return done; };
-  if (finished.wait_for(lock, longest_task, is_done)) return;
+  const auto isDone = [&] { return done; };
+  if (finished.wait_for(lock, longestTask, isDone)) return;
   lock.unlock();
-  log_error("The engine has been at one task for {} seconds and may never end it.", longest_task.count());
+  logError("The engine has been at one task for {} seconds and may never end it.", longestTask.count());
   lock.lock();
-  finished.wait(lock, is_done);
+  finished.wait(lock, isDone);
 }
 
 void Timer::once(std::chrono::milliseconds delay, Task task) {

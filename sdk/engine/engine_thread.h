@@ -19,7 +19,7 @@ class EngineThread {
   // Starts the thread on first use.
   static EngineThread& get();
 
-  bool is_current() const;
+  bool isCurrent() const;
   // Any thread. Tasks run in the order in which they are posted.
   void post(Task task);
   // Runs the task on the engine's thread and returns when it has run. What takes half a minute is an error in
@@ -29,8 +29,8 @@ class EngineThread {
 
  private:
   EngineThread();
-  static gboolean has_tasks(GSource* source, gint* timeout);
-  static gboolean run_tasks(GSource* source, GSourceFunc callback, gpointer user_data);
+  static gboolean hasTasks(GSource* source, gint* timeout);
+  static gboolean runTasks(GSource* source, GSourceFunc callback, gpointer user_data);
 
   GMainContext* const context_;
   std::mutex mutex_;

@@ -12,32 +12,32 @@ namespace {
 using namespace std::chrono_literals;
 
 // A server that is reached answers a handshake or a request within this time.
-constexpr auto answer_time = 5s;
+constexpr auto answerTime = 5s;
 // A plugin that does not answer a request by then does not answer at all.
-constexpr auto longest_answer_time = 15s;
+constexpr auto longestAnswerTime = 15s;
 // How often the server is asked for a sign of life. It forgets a session that is silent for a minute.
-constexpr auto keep_alive_interval = 5s;
-constexpr auto retry_interval = 500ms;
+constexpr auto keepAliveInterval = 5s;
+constexpr auto retryInterval = 500ms;
 // As long as a server keeps a session that has lost its WebSocket (reclaim_session_timeout).
-constexpr auto give_up_time = 30s;
+constexpr auto giveUpTime = 30s;
 // The list of all who are in a large room, with what guests choose to call themselves.
-constexpr std::size_t longest_message = std::size_t{16} << 20;
-constexpr std::size_t most_waiting = 1024;
-constexpr const char* keep_alive_transaction = "keepalive";
+constexpr std::size_t longestMessage = std::size_t{16} << 20;
+constexpr std::size_t mostWaiting = 1024;
+constexpr const char* keepAliveTransaction = "keepalive";
 
-json error_answer(const std::string& reason) {
+json errorAnswer(const std::string& reason) {
   return {{"janus", "error"}, {"error", {{"code", 0}, {"reason", reason}}}};
 }
 
 }  // namespace
 
-std::string string_at(const json& object, const char* key) {
+std::string stringAt(const json& object, const char* key) {
   if (!object.is_object()) return {};
   const auto value = object.find(key);
   return value != object.end() && value->is_string() ? value->get<std::string>() : std::string();
 }
 
-const json& object_at(const json& object, const char* key) {
+const json& objectAt(const json& object, const char* key) {
   static const json& empty = *new json(json::object());
   if (!object.is_object()) return empty;
   const auto value = object.find(key);
@@ -57,12 +57,12 @@ void JanusConnection::open() {
 void JanusConnection::close() {
   if (state_ == State::closed) return;
   if (state_ == State::open) {
-    std::set<std::string> at_work;
+    std::set<std::string> atWork;
     for (const auto& [transaction, pending] : pending_) {
-      if (pending.handle != 0) at_work.insert(transaction);
+      if (pending.handle != 0) atWork.insert(transaction);
     }
     g_signal_handlers_disconnect_by_data(websocket_, this);
-    destroy_when_answered(std::exchange(websocket_, nullptr), session_, std::move(at_work));
+    destroyWhenAnswered(std::exchange(websocket_, nullptr), session_, std::move(atWork));
   }
   pending_.clear();
   events_.clear();
@@ -70,9 +70,9 @@ void JanusConnection::close() {
   leaving_.clear();
   state_ = State::closed;
   session_ = 0;
-  drop_websocket();
-  keep_alive_.stop();
-  answer_deadline_.stop();
+  dropWebsocket();
+  keepAlive_.stop();
+  answerDeadline_.stop();
   retry_.stop();
   if (connecting_ != nullptr) g_cancellable_cancel(connecting_);
   g_clear_object(&connecting_);
@@ -81,22 +81,22 @@ void JanusConnection::close() {
 
 void JanusConnection::connect() {
   connecting_ = g_cancellable_new();
-  answer_deadline_.once(answer_time, [this] { g_cancellable_cancel(connecting_); });
+  answerDeadline_.once(answerTime, [this] { g_cancellable_cancel(connecting_); });
   SoupMessage* message = soup_message_new(SOUP_METHOD_GET, server_.c_str());
   if (message == nullptr) {
-    retry_.once(0ms, [this] { retry_or_give_up("the address is not of the form ws://host:port"); });
+    retry_.once(0ms, [this] { retryOrGiveUp("the address is not of the form ws://host:port"); });
     return;
   }
   char protocol[] = "janus-protocol";
   char* protocols[] = {protocol, nullptr};
   // The answer may come after this object has gone: it is then dropped.
   soup_session_websocket_connect_async(soup_, message, nullptr, protocols, G_PRIORITY_DEFAULT, connecting_,
-                                       &JanusConnection::connect_finished,
+                                       &JanusConnection::connectFinished,
                                        new std::weak_ptr<JanusConnection>(weak_from_this()));
   g_object_unref(message);
 }
 
-void JanusConnection::connect_finished(GObject* source, GAsyncResult* result, gpointer data) {
+void JanusConnection::connectFinished(GObject* source, GAsyncResult* result, gpointer data) {
   const std::unique_ptr<std::weak_ptr<JanusConnection>> weak(
       static_cast<std::weak_ptr<JanusConnection>*>(data));
   GError* error = nullptr;
@@ -110,25 +110,25 @@ void JanusConnection::connect_finished(GObject* source, GAsyncResult* result, gp
     if (websocket != nullptr) {
       self->adopt(websocket);
     } else {
-      self->connect_failed(error);
+      self->connectFailed(error);
     }
   }
   g_clear_error(&error);
 }
 
-void JanusConnection::connect_failed(const GError* error) {
+void JanusConnection::connectFailed(const GError* error) {
   if (error->domain == G_IO_ERROR &&
       (error->code == G_IO_ERROR_PROXY_FAILED || error->code == G_IO_ERROR_PROXY_AUTH_FAILED ||
        error->code == G_IO_ERROR_PROXY_NEED_AUTH || error->code == G_IO_ERROR_PROXY_NOT_ALLOWED)) {
-    log_warning("Proxy connection failed code {}: {}", error->code, error->message);
+    logWarning("Proxy connection failed code {}: {}", error->code, error->message);
   }
-  const bool timed_out = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
-  retry_or_give_up(timed_out ? "no answer" : error->message);
+  const bool timedOut = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE;
+  retryOrGiveUp(timedOut ? "no answer" : error->message);
 }
 
 void JanusConnection::adopt(SoupWebsocketConnection* websocket) {
   websocket_ = websocket;
-  soup_websocket_connection_set_max_incoming_payload_size(websocket_, longest_message);
+  soup_websocket_connection_set_max_incoming_payload_size(websocket_, longestMessage);
   g_signal_connect(websocket_, "message",
                    G_CALLBACK(+[](SoupWebsocketConnection*, int, GBytes* bytes, JanusConnection* self) {
                      gsize size = 0;
@@ -139,105 +139,105 @@ void JanusConnection::adopt(SoupWebsocketConnection* websocket) {
                    this);
   g_signal_connect(websocket_, "closed", G_CALLBACK(+[](SoupWebsocketConnection*, JanusConnection* self) {
                      const std::shared_ptr<JanusConnection> keep = self->shared_from_this();
-                     self->websocket_lost("the server closed the connection");
+                     self->websocketLost("the server closed the connection");
                    }),
                    this);
-  create_or_claim();
+  createOrClaim();
 }
 
-void JanusConnection::drop_websocket() {
+void JanusConnection::dropWebsocket() {
   pending_.erase(handshake_);
   if (websocket_ == nullptr) return;
   SoupWebsocketConnection* websocket = std::exchange(websocket_, nullptr);
   g_signal_handlers_disconnect_by_data(websocket, this);
-  close_websocket(websocket);
+  closeWebsocket(websocket);
 }
 
-void JanusConnection::create_or_claim() {
-  answer_deadline_.once(answer_time, [this] { websocket_lost("no answer"); });
+void JanusConnection::createOrClaim() {
+  answerDeadline_.once(answerTime, [this] { websocketLost("no answer"); });
   if (session_ == 0) {
     request({{"janus", "create"}}, [this](const json& answer) {
-      answer_deadline_.stop();
-      const json& id = object_at(object_at(answer, "data"), "id");
-      if (is_error(answer) || !id.is_number_unsigned()) {
-        retry_or_give_up(error_text(answer));
+      answerDeadline_.stop();
+      const json& id = objectAt(objectAt(answer, "data"), "id");
+      if (isError(answer) || !id.is_number_unsigned()) {
+        retryOrGiveUp(errorText(answer));
         return;
       }
       session_ = id.get<std::uint64_t>();
       state_ = State::open;
-      keep_alive_.every(keep_alive_interval, [this] { keep_alive(); });
-      listener_->janus_opened();
+      keepAlive_.every(keepAliveInterval, [this] { keepAlive(); });
+      listener_->janusOpened();
     });
     return;
   }
   state_ = State::claiming;
   request({{"janus", "claim"}}, [this](const json& answer) {
-    answer_deadline_.stop();
-    if (is_error(answer)) {
-      gone("the server has forgotten the session (" + error_text(answer) + ")");
+    answerDeadline_.stop();
+    if (isError(answer)) {
+      gone("the server has forgotten the session (" + errorText(answer) + ")");
       return;
     }
     state_ = State::open;
-    keep_alive_.every(keep_alive_interval, [this] { keep_alive(); });
+    keepAlive_.every(keepAliveInterval, [this] { keepAlive(); });
     for (const json& message : std::exchange(waiting_, {})) write(message);
-    listener_->janus_recovered();
+    listener_->janusRecovered();
   });
 }
 
-void JanusConnection::websocket_lost(const std::string& reason) {
-  const bool was_open = state_ == State::open;
-  drop_websocket();
-  keep_alive_.stop();
-  answer_deadline_.stop();
+void JanusConnection::websocketLost(const std::string& reason) {
+  const bool wasOpen = state_ == State::open;
+  dropWebsocket();
+  keepAlive_.stop();
+  answerDeadline_.stop();
   // What was asked on the lost WebSocket may have been done or not; who asked must know.
-  if (was_open) {
+  if (wasOpen) {
     state_ = State::lost;
-    lost_at_ = g_get_monotonic_time();
-    log_warning("The connection to {} is lost: {}. Claiming the session again.", server_, reason);
-    fail_pending("the connection is lost");
+    lostAt_ = g_get_monotonic_time();
+    logWarning("The connection to {} is lost: {}. Claiming the session again.", server_, reason);
+    failPending("the connection is lost");
     if (state_ != State::lost) return;
-    listener_->janus_lost();
+    listener_->janusLost();
     if (state_ != State::lost) return;
     retry_.once(0ms, [this] { connect(); });
   } else {
-    retry_or_give_up(reason);
+    retryOrGiveUp(reason);
   }
 }
 
-void JanusConnection::retry_or_give_up(const std::string& reason) {
-  answer_deadline_.stop();
+void JanusConnection::retryOrGiveUp(const std::string& reason) {
+  answerDeadline_.stop();
   g_clear_object(&connecting_);
-  drop_websocket();
+  dropWebsocket();
   if (session_ == 0) {
     Listener* listener = listener_;
     close();
-    listener->janus_unreachable(reason);
+    listener->janusUnreachable(reason);
     return;
   }
   state_ = State::lost;
-  const auto lost_for = std::chrono::microseconds(g_get_monotonic_time() - lost_at_);
-  if (lost_for >= give_up_time) {
+  const auto lostFor = std::chrono::microseconds(g_get_monotonic_time() - lostAt_);
+  if (lostFor >= giveUpTime) {
     gone("the server was not reached again: " + reason);
     return;
   }
-  retry_.once(retry_interval, [this] { connect(); });
+  retry_.once(retryInterval, [this] { connect(); });
 }
 
 void JanusConnection::gone(const std::string& reason) {
-  fail_pending(reason);
+  failPending(reason);
   if (state_ == State::closed) return;
   Listener* listener = listener_;
   close();
-  listener->janus_gone(reason);
+  listener->janusGone(reason);
 }
 
-void JanusConnection::keep_alive() {
+void JanusConnection::keepAlive() {
   const std::shared_ptr<JanusConnection> keep = shared_from_this();
-  fail_overdue();
+  failOverdue();
   if (state_ != State::open) return;
-  write({{"janus", "keepalive"}, {"session_id", session_}, {"transaction", keep_alive_transaction}});
-  if (!answer_deadline_.running()) {
-    answer_deadline_.once(answer_time, [this] { websocket_lost("no answer"); });
+  write({{"janus", "keepalive"}, {"session_id", session_}, {"transaction", keepAliveTransaction}});
+  if (!answerDeadline_.running()) {
+    answerDeadline_.once(answerTime, [this] { websocketLost("no answer"); });
   }
 }
 
@@ -245,9 +245,9 @@ void JanusConnection::attach(const std::string& plugin, Event event,
                              std::function<void(Handle, const std::string&)> attached) {
   request({{"janus", "attach"}, {"plugin", plugin}},
           [this, event = std::move(event), attached = std::move(attached)](const json& answer) {
-            const json& id = object_at(object_at(answer, "data"), "id");
-            if (is_error(answer) || !id.is_number_unsigned()) {
-              attached(0, error_text(answer));
+            const json& id = objectAt(objectAt(answer, "data"), "id");
+            if (isError(answer) || !id.is_number_unsigned()) {
+              attached(0, errorText(answer));
               return;
             }
             const auto handle = id.get<Handle>();
@@ -259,14 +259,14 @@ void JanusConnection::attach(const std::string& plugin, Event event,
 // Not while the plugin is at work for it: Janus 1.1 may then use what it has freed.
 void JanusConnection::detach(Handle handle) {
   if (events_.erase(handle) == 0) return;
-  if (awaits_answer(handle)) {
+  if (awaitsAnswer(handle)) {
     leaving_.insert(handle);
   } else {
     request({{"janus", "detach"}, {"handle_id", handle}}, {});
   }
 }
 
-bool JanusConnection::awaits_answer(Handle handle) const {
+bool JanusConnection::awaitsAnswer(Handle handle) const {
   return std::any_of(pending_.begin(), pending_.end(),
                      [handle](const auto& entry) { return entry.second.handle == handle; });
 }
@@ -283,19 +283,19 @@ void JanusConnection::trickle(Handle handle, const json& candidate) {
 
 void JanusConnection::request(json message, Reply reply) {
   if (state_ == State::closed) return;
-  const std::string transaction = std::to_string(++last_transaction_);
+  const std::string transaction = std::to_string(++lastTransaction_);
   message["transaction"] = transaction;
   if (session_ != 0) message["session_id"] = session_;
   if (reply) {
-    const json& handle = object_at(message, "handle_id");
+    const json& handle = objectAt(message, "handle_id");
     pending_[transaction] = {std::move(reply), handle.is_number_unsigned() ? handle.get<Handle>() : 0,
-                             g_get_monotonic_time() + std::chrono::microseconds(longest_answer_time).count()};
+                             g_get_monotonic_time() + std::chrono::microseconds(longestAnswerTime).count()};
   }
-  const bool for_session = message["janus"] != "create" && message["janus"] != "claim";
-  if (!for_session) handshake_ = transaction;
-  if (for_session && (state_ == State::lost || state_ == State::claiming)) {
+  const bool forSession = message["janus"] != "create" && message["janus"] != "claim";
+  if (!forSession) handshake_ = transaction;
+  if (forSession && (state_ == State::lost || state_ == State::claiming)) {
     // What finds no place is answered as overdue.
-    if (waiting_.size() < most_waiting) waiting_.push_back(std::move(message));
+    if (waiting_.size() < mostWaiting) waiting_.push_back(std::move(message));
     return;
   }
   write(message);
@@ -311,26 +311,26 @@ void JanusConnection::write(const json& message) {
 
 void JanusConnection::received(const std::string& text) {
   const json message = json::parse(text, nullptr, false);
-  const std::string kind = string_at(message, "janus");
-  if (state_ == State::open) answer_deadline_.stop();
+  const std::string kind = stringAt(message, "janus");
+  if (state_ == State::open) answerDeadline_.stop();
   if (kind == "ack" || kind == "keepalive") return;
 
-  const auto pending = pending_.find(string_at(message, "transaction"));
+  const auto pending = pending_.find(stringAt(message, "transaction"));
   if (pending != pending_.end()) {
     const Pending answered = std::move(pending->second);
     pending_.erase(pending);
     answer(answered, message);
     return;
   }
-  if (kind == "error" && string_at(message, "transaction") == keep_alive_transaction) {
-    gone("the server has forgotten the session (" + error_text(message) + ")");
+  if (kind == "error" && stringAt(message, "transaction") == keepAliveTransaction) {
+    gone("the server has forgotten the session (" + errorText(message) + ")");
     return;
   }
   if (kind == "timeout") {
     gone("the server let the session time out");
     return;
   }
-  const json& sender = object_at(message, "sender");
+  const json& sender = objectAt(message, "sender");
   if (!sender.is_number_unsigned()) return;
   const auto event = events_.find(sender.get<Handle>());
   if (event == events_.end()) return;
@@ -341,17 +341,17 @@ void JanusConnection::received(const std::string& text) {
 // The request is no longer among those that wait.
 void JanusConnection::answer(const Pending& pending, const json& answer) {
   pending.reply(answer);
-  if (!awaits_answer(pending.handle) && leaving_.erase(pending.handle) != 0) {
+  if (!awaitsAnswer(pending.handle) && leaving_.erase(pending.handle) != 0) {
     request({{"janus", "detach"}, {"handle_id", pending.handle}}, {});
   }
 }
 
-void JanusConnection::fail_pending(const std::string& reason) {
-  const json answer = error_answer(reason);
+void JanusConnection::failPending(const std::string& reason) {
+  const json answer = errorAnswer(reason);
   for (const auto& [transaction, pending] : std::exchange(pending_, {})) this->answer(pending, answer);
 }
 
-void JanusConnection::fail_overdue() {
+void JanusConnection::failOverdue() {
   const std::int64_t now = g_get_monotonic_time();
   std::vector<Pending> overdue;
   std::erase_if(pending_, [&](auto& entry) {
@@ -359,18 +359,18 @@ void JanusConnection::fail_overdue() {
     overdue.push_back(std::move(entry.second));
     return true;
   });
-  for (const Pending& pending : overdue) answer(pending, error_answer("the server does not answer"));
+  for (const Pending& pending : overdue) answer(pending, errorAnswer("the server does not answer"));
 }
 
-bool JanusConnection::is_error(const json& answer) {
-  return string_at(answer, "janus") == "error" ||
-         object_at(object_at(object_at(answer, "plugindata"), "data"), "error_code").is_number();
+bool JanusConnection::isError(const json& answer) {
+  return stringAt(answer, "janus") == "error" ||
+         objectAt(objectAt(objectAt(answer, "plugindata"), "data"), "error_code").is_number();
 }
 
-std::string JanusConnection::error_text(const json& answer) {
-  std::string reason = string_at(object_at(answer, "error"), "reason");
+std::string JanusConnection::errorText(const json& answer) {
+  std::string reason = stringAt(objectAt(answer, "error"), "reason");
   if (!reason.empty()) return reason;
-  std::string error = string_at(object_at(object_at(answer, "plugindata"), "data"), "error");
+  std::string error = stringAt(objectAt(objectAt(answer, "plugindata"), "data"), "error");
   if (error.empty()) return "an answer that is not understood";
   return error;
 }

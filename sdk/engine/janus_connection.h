@@ -19,8 +19,8 @@ using json = nlohmann::json;
 
 // The string, or object, under a key; empty where the value is anything else. What comes from
 // the room may have any shape.
-std::string string_at(const json& object, const char* key);
-const json& object_at(const json& object, const char* key);
+std::string stringAt(const json& object, const char* key);
+const json& objectAt(const json& object, const char* key);
 
 // A Janus session over a WebSocket of its own. Lives on the engine's thread.
 //
@@ -30,13 +30,13 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
  public:
   class Listener {
    public:
-    virtual void janus_opened() = 0;
+    virtual void janusOpened() = 0;
     // The server was never reached.
-    virtual void janus_unreachable(const std::string& reason) = 0;
-    virtual void janus_lost() = 0;
-    virtual void janus_recovered() = 0;
+    virtual void janusUnreachable(const std::string& reason) = 0;
+    virtual void janusLost() = 0;
+    virtual void janusRecovered() = 0;
     // The session is lost for good.
-    virtual void janus_gone(const std::string& reason) = 0;
+    virtual void janusGone(const std::string& reason) = 0;
 
    protected:
     ~Listener() = default;
@@ -68,22 +68,22 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   void message(Handle handle, const json& body, const json& jsep, Reply reply);
   void trickle(Handle handle, const json& candidate);
 
-  static bool is_error(const json& answer);
-  static std::string error_text(const json& answer);
+  static bool isError(const json& answer);
+  static std::string errorText(const json& answer);
 
  private:
   enum class State { closed, opening, open, lost, claiming };
 
   void connect();
-  static void connect_finished(GObject* source, GAsyncResult* result, gpointer data);
-  void connect_failed(const GError* error);
+  static void connectFinished(GObject* source, GAsyncResult* result, gpointer data);
+  void connectFailed(const GError* error);
   void adopt(SoupWebsocketConnection* websocket);
-  void drop_websocket();
-  void create_or_claim();
-  void websocket_lost(const std::string& reason);
-  void retry_or_give_up(const std::string& reason);
+  void dropWebsocket();
+  void createOrClaim();
+  void websocketLost(const std::string& reason);
+  void retryOrGiveUp(const std::string& reason);
   void gone(const std::string& reason);
-  void keep_alive();
+  void keepAlive();
 
   struct Pending {
     Reply reply;
@@ -95,9 +95,9 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   void write(const json& message);
   void received(const std::string& text);
   void answer(const Pending& pending, const json& answer);
-  void fail_pending(const std::string& reason);
-  void fail_overdue();
-  bool awaits_answer(Handle handle) const;
+  void failPending(const std::string& reason);
+  void failOverdue();
+  bool awaitsAnswer(Handle handle) const;
 
   const std::string server_;
   Listener* listener_;
@@ -106,15 +106,15 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   SoupWebsocketConnection* websocket_ = nullptr;
   GCancellable* connecting_ = nullptr;
   std::uint64_t session_ = 0;
-  std::uint64_t last_transaction_ = 0;
+  std::uint64_t lastTransaction_ = 0;
   std::string handshake_;  // the transaction that creates or claims the session
   std::map<std::string, Pending> pending_;
   std::set<Handle> leaving_;  // to be detached when what was asked of them has been answered
   std::map<Handle, Event> events_;
   std::vector<json> waiting_;  // to be sent once the session is claimed
-  std::int64_t lost_at_ = 0;
-  Timer keep_alive_;
-  Timer answer_deadline_;
+  std::int64_t lostAt_ = 0;
+  Timer keepAlive_;
+  Timer answerDeadline_;
   Timer retry_;
 };
 

@@ -11,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto answer_time = 5s;
+constexpr auto answerTime = 5s;
 
 struct Farewell {
   SoupWebsocketConnection* websocket;
@@ -29,21 +29,21 @@ void end(Farewell* ended) {
         {"janus", "destroy"}, {"session_id", farewell->session}, {"transaction", "farewell"}};
     soup_websocket_connection_send_text(farewell->websocket, destroy.dump().c_str());
   }
-  close_websocket(farewell->websocket);
+  closeWebsocket(farewell->websocket);
 }
 
 void received(SoupWebsocketConnection*, int, GBytes* bytes, Farewell* farewell) {
   gsize size = 0;
   const auto* text = static_cast<const char*>(g_bytes_get_data(bytes, &size));
   const json message = json::parse(text, text + size, nullptr, false);
-  if (string_at(message, "janus") == "ack") return;
-  farewell->transactions.erase(string_at(message, "transaction"));
+  if (stringAt(message, "janus") == "ack") return;
+  farewell->transactions.erase(stringAt(message, "transaction"));
   if (farewell->transactions.empty()) end(farewell);
 }
 
 }  // namespace
 
-void close_websocket(SoupWebsocketConnection* websocket) {
+void closeWebsocket(SoupWebsocketConnection* websocket) {
   if (soup_websocket_connection_get_state(websocket) == SOUP_WEBSOCKET_STATE_CLOSED) {
     g_object_unref(websocket);
     return;
@@ -56,8 +56,8 @@ void close_websocket(SoupWebsocketConnection* websocket) {
   }
 }
 
-void destroy_when_answered(SoupWebsocketConnection* websocket, std::uint64_t session,
-                           std::set<std::string> transactions) {
+void destroyWhenAnswered(SoupWebsocketConnection* websocket, std::uint64_t session,
+                         std::set<std::string> transactions) {
   auto* farewell = new Farewell{websocket, session, std::move(transactions), {}};
   if (farewell->transactions.empty() ||
       soup_websocket_connection_get_state(websocket) != SOUP_WEBSOCKET_STATE_OPEN) {
@@ -67,7 +67,7 @@ void destroy_when_answered(SoupWebsocketConnection* websocket, std::uint64_t ses
   g_signal_connect(websocket, "message", G_CALLBACK(received), farewell);
   g_signal_connect(websocket, "closed",
                    G_CALLBACK(+[](SoupWebsocketConnection*, Farewell* lost) { end(lost); }), farewell);
-  farewell->deadline.once(answer_time, [farewell] { end(farewell); });
+  farewell->deadline.once(answerTime, [farewell] { end(farewell); });
 }
 
 }  // namespace engine

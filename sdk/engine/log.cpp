@@ -9,7 +9,7 @@ namespace engine {
 namespace {
 
 std::atomic<otc_logger_callback> logger{nullptr};
-std::atomic<bool> log_enabled{false};
+std::atomic<bool> logEnabled{false};
 
 const char* mark(LogLevel level) {
   switch (level) {
@@ -34,17 +34,17 @@ std::string harmless(std::string word) {
   return word;
 }
 
-void set_logger(otc_logger_callback callback) {
+void setLogger(otc_logger_callback callback) {
   logger = callback;
 }
 
-void set_log_enabled(bool enabled) {
-  log_enabled = enabled;
+void setLogEnabled(bool enabled) {
+  logEnabled = enabled;
 }
 
-void log_line(LogLevel level, const std::string& text) {
+void logLine(LogLevel level, const std::string& text) {
   const otc_logger_callback callback = logger;
-  if (callback == nullptr || !log_enabled) return;
+  if (callback == nullptr || !logEnabled) return;
   callback((mark(level) + text).c_str());
 }
 

@@ -19,23 +19,23 @@ enum class LogLevel { info, warning, error };
 // "." of it, and not too much of it.
 std::string harmless(std::string word);
 
-void set_logger(otc_logger_callback callback);
-void set_log_enabled(bool enabled);
-void log_line(LogLevel level, const std::string& text);
+void setLogger(otc_logger_callback callback);
+void setLogEnabled(bool enabled);
+void logLine(LogLevel level, const std::string& text);
 
 template <typename... Args>
-void log_info(fmt::format_string<Args...> format, Args&&... args) {
-  log_line(LogLevel::info, fmt::format(format, std::forward<Args>(args)...));
+void logInfo(fmt::format_string<Args...> format, Args&&... args) {
+  logLine(LogLevel::info, fmt::format(format, std::forward<Args>(args)...));
 }
 
 template <typename... Args>
-void log_warning(fmt::format_string<Args...> format, Args&&... args) {
-  log_line(LogLevel::warning, fmt::format(format, std::forward<Args>(args)...));
+void logWarning(fmt::format_string<Args...> format, Args&&... args) {
+  logLine(LogLevel::warning, fmt::format(format, std::forward<Args>(args)...));
 }
 
 template <typename... Args>
-void log_error(fmt::format_string<Args...> format, Args&&... args) {
-  log_line(LogLevel::error, fmt::format(format, std::forward<Args>(args)...));
+void logError(fmt::format_string<Args...> format, Args&&... args) {
+  logLine(LogLevel::error, fmt::format(format, std::forward<Args>(args)...));
 }
 
 }  // namespace engine

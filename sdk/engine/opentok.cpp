@@ -22,12 +22,12 @@ namespace {
 // Each pipeline has a dozen threads, and the C library would keep what they had, 20 MB with an encoder, in
 // several places. From one place it can be given back, which Peer sees to. As the library is loaded: a place
 // that a thread has once been given stays in use.
-[[gnu::constructor]] void keep_memory_in_one_place() {
+[[gnu::constructor]] void keepMemoryInOnePlace() {
   mallopt(M_ARENA_MAX, 1);
 }
 
 // The session behind a handle, null when it was deleted.
-std::shared_ptr<Session> session_of(otc_session* handle) {
+std::shared_ptr<Session> sessionOf(otc_session* handle) {
   if (handle == nullptr) return nullptr;
   const std::lock_guard lock(handle->mutex);
   return handle->session;
@@ -35,7 +35,7 @@ std::shared_ptr<Session> session_of(otc_session* handle) {
 
 // Runs the task on the engine's thread. From within a callback it is only put in the queue: what the
 // task ends, and waits for, may be that callback.
-void run_or_post(engine::Task task) {
+void runOrPost(engine::Task task) {
   if (engine::CallbackScope::active()) {
     EngineThread::get().post(std::move(task));
   } else {
@@ -50,7 +50,7 @@ otc_status otc_init(void*) {
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   GError* error = nullptr;
   if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
-    engine::log_error("GStreamer does not start: {}", error->message);
+    engine::logError("GStreamer does not start: {}", error->message);
     g_error_free(error);
     return OTC_FATAL;
   }
@@ -59,12 +59,12 @@ otc_status otc_init(void*) {
 }
 
 otc_status otc_log_enable(int level) {
-  engine::set_log_enabled(level != OTC_LOG_LEVEL_DISABLED);
+  engine::setLogEnabled(level != OTC_LOG_LEVEL_DISABLED);
   return OTC_SUCCESS;
 }
 
 otc_status otc_log_set_logger_callback(otc_logger_callback callback) {
-  engine::set_logger(callback);
+  engine::setLogger(callback);
   return OTC_SUCCESS;
 }
 
@@ -77,7 +77,7 @@ const char* otc_stream_get_name(const otc_stream* stream) {
 }
 
 int otc_stream_get_video_type(const otc_stream* stream) {
-  return stream == nullptr ? 0 : stream->video_type;
+  return stream == nullptr ? 0 : stream->videoType;
 }
 
 int otc_stream_get_video_width(const otc_stream* stream) {
@@ -101,7 +101,7 @@ otc_session* otc_session_new(const char* api_key, const char* session_id,
 }
 
 otc_status otc_session_connect(otc_session* handle, const char* token) {
-  const std::shared_ptr<Session> session = session_of(handle);
+  const std::shared_ptr<Session> session = sessionOf(handle);
   if (session == nullptr || token == nullptr) return OTC_INVALID_PARAM;
   EngineThread::get().post([session, text = std::string(token)] { session->connect(text); });
   return OTC_SUCCESS;
@@ -116,21 +116,21 @@ otc_status otc_session_delete(otc_session* handle) {
   }
   if (session == nullptr) return OTC_INVALID_PARAM;
   session->silence();
-  run_or_post([last = std::move(session)] { last->close(); });
+  runOrPost([last = std::move(session)] { last->close(); });
   return OTC_SUCCESS;
 }
 
 otc_status otc_session_send_signal(otc_session* handle, const char* type, const char* data) {
-  const std::shared_ptr<Session> session = session_of(handle);
+  const std::shared_ptr<Session> session = sessionOf(handle);
   if (session == nullptr || type == nullptr || data == nullptr) return OTC_INVALID_PARAM;
   const std::string message = engine::Signals::encode(session->id(), type, data);
   if (message.empty()) return OTC_INVALID_PARAM;
-  EngineThread::get().post([session, message] { session->send_signal(message); });
+  EngineThread::get().post([session, message] { session->sendSignal(message); });
   return OTC_SUCCESS;
 }
 
 otc_status otc_session_subscribe(otc_session* handle, otc_subscriber* subscriber) {
-  const std::shared_ptr<Session> session = session_of(handle);
+  const std::shared_ptr<Session> session = sessionOf(handle);
   if (session == nullptr || subscriber == nullptr) return OTC_INVALID_PARAM;
   subscriber->subscribed = true;
   EngineThread::get().post([session, subscriber] { session->subscribe(*subscriber); });
@@ -138,24 +138,24 @@ otc_status otc_session_subscribe(otc_session* handle, otc_subscriber* subscriber
 }
 
 otc_status otc_session_unsubscribe(otc_session* handle, otc_subscriber* subscriber) {
-  const std::shared_ptr<Session> session = session_of(handle);
+  const std::shared_ptr<Session> session = sessionOf(handle);
   if (session == nullptr || subscriber == nullptr) return OTC_INVALID_PARAM;
   subscriber->subscribed = false;
-  run_or_post([session, subscriber] { session->unsubscribe(*subscriber); });
+  runOrPost([session, subscriber] { session->unsubscribe(*subscriber); });
   return OTC_SUCCESS;
 }
 
 otc_status otc_session_publish(otc_session* handle, otc_publisher* publisher) {
-  const std::shared_ptr<Session> session = session_of(handle);
+  const std::shared_ptr<Session> session = sessionOf(handle);
   if (session == nullptr || publisher == nullptr) return OTC_INVALID_PARAM;
   EngineThread::get().post([session, publisher] { session->publish(*publisher); });
   return OTC_SUCCESS;
 }
 
 otc_status otc_session_unpublish(otc_session* handle, otc_publisher* publisher) {
-  const std::shared_ptr<Session> session = session_of(handle);
+  const std::shared_ptr<Session> session = sessionOf(handle);
   if (session == nullptr || publisher == nullptr) return OTC_INVALID_PARAM;
-  run_or_post([session, publisher] { session->unpublish(*publisher); });
+  runOrPost([session, publisher] { session->unpublish(*publisher); });
   return OTC_SUCCESS;
 }
 
@@ -168,14 +168,14 @@ otc_subscriber* otc_subscriber_new(const otc_stream* stream,
 otc_status otc_subscriber_set_subscribe_to_video(otc_subscriber* subscriber, otc_bool on) {
   if (subscriber == nullptr) return OTC_INVALID_PARAM;
   subscriber->video = on != OTC_FALSE;
-  engine::apply_switches(*subscriber);
+  engine::applySwitches(*subscriber);
   return OTC_SUCCESS;
 }
 
 otc_status otc_subscriber_set_subscribe_to_audio(otc_subscriber* subscriber, otc_bool on) {
   if (subscriber == nullptr) return OTC_INVALID_PARAM;
   subscriber->audio = on != OTC_FALSE;
-  engine::apply_switches(*subscriber);
+  engine::applySwitches(*subscriber);
   return OTC_SUCCESS;
 }
 

@@ -16,10 +16,10 @@ namespace {
 using namespace std::chrono_literals;
 
 // From the first request to media that can flow.
-constexpr auto connect_time = 15s;
+constexpr auto connectTime = 15s;
 // How long the jitter buffer waits for a packet that is missing, and how much it holds while the decoder is
 // busy. What comes in order never waits.
-constexpr unsigned jitter_milliseconds = 250;
+constexpr unsigned jitterMilliseconds = 250;
 
 using Description =
     std::unique_ptr<GstWebRTCSessionDescription, decltype(&gst_webrtc_session_description_free)>;
@@ -64,7 +64,7 @@ void describe(GstElement* webrtc, const char* what, std::function<void(const std
 
 // The server is reached over UDP from the host's own addresses: no router is looked for with broadcasts, by a
 // thread of its own, and no TCP ports are opened.
-void find_addresses_quietly(GstElement* webrtc) {
+void findAddressesQuietly(GstElement* webrtc) {
   GObject* ice = nullptr;
   GObject* agent = nullptr;
   g_object_get(webrtc, "ice-agent", &ice, nullptr);
@@ -76,7 +76,7 @@ void find_addresses_quietly(GstElement* webrtc) {
 
 // An offer without FIR: the server offers it and does not hear it, so that key frames are to be asked for
 // with PLI.
-std::string without_fir(std::string sdp) {
+std::string withoutFir(std::string sdp) {
   constexpr const char* fir = " ccm fir";
   for (std::size_t end = sdp.find(fir); end != std::string::npos; end = sdp.find(fir)) {
     const std::size_t begin = sdp.rfind('\n', end) + 1;
@@ -99,7 +99,7 @@ void tune(GstBin*, GstBin*, GstElement* element, gpointer) {
     // block.
     g_object_set(element, "sync", FALSE, nullptr);
   } else if (g_str_equal(kind, "rtpsession")) {
-    report_what_is_asked(element);
+    reportWhatIsAsked(element);
   }
 }
 
@@ -112,15 +112,15 @@ Peer::Peer(std::shared_ptr<JanusConnection> janus, Listener& listener)
       webrtc_(gst_element_factory_make("webrtcbin", nullptr)) {
   if (webrtc_ == nullptr) return;
   gst_util_set_object_arg(G_OBJECT(webrtc_), "bundle-policy", "max-bundle");
-  g_object_set(webrtc_, "latency", jitter_milliseconds, nullptr);
+  g_object_set(webrtc_, "latency", jitterMilliseconds, nullptr);
   gst_bin_add(GST_BIN(pipeline_.get()), webrtc_);
-  find_addresses_quietly(webrtc_);
+  findAddressesQuietly(webrtc_);
 }
 
 Peer::~Peer() {
-  if (bus_watch_ != nullptr) {
-    g_source_destroy(bus_watch_);
-    g_source_unref(bus_watch_);
+  if (busWatch_ != nullptr) {
+    g_source_destroy(busWatch_);
+    g_source_unref(busWatch_);
   }
   if (webrtc_ != nullptr) g_signal_handlers_disconnect_by_data(webrtc_, this);
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
@@ -140,7 +140,7 @@ void Peer::fail(const std::string& reason) {
   if (std::exchange(failed_, true)) return;
   deadline_.stop();
   // Later: the listener drops the peer, which may be running just now.
-  post([reason](Peer& self) { self.listener_.peer_failed(reason); });
+  post([reason](Peer& self) { self.listener_.peerFailed(reason); });
 }
 
 void Peer::open(const std::string& plugin) {
@@ -148,20 +148,20 @@ void Peer::open(const std::string& plugin) {
     fail("GStreamer's webrtcbin is missing: install gstreamer1.0-plugins-bad and gstreamer1.0-nice");
     return;
   }
-  connect_signals();
-  deadline_.once(connect_time, [this] { fail("no media connection within 15 seconds"); });
+  connectSignals();
+  deadline_.once(connectTime, [this] { fail("no media connection within 15 seconds"); });
   const std::weak_ptr<Peer> weak = weak_from_this();
   janus_->attach(
       plugin,
       [weak](const json& event) {
         const std::shared_ptr<Peer> self = weak.lock();
         if (self == nullptr) return;
-        const std::string kind = string_at(event, "janus");
+        const std::string kind = stringAt(event, "janus");
         if (kind == "hangup" || kind == "detached") {
-          self->fail("the server ended the media connection: " + string_at(event, "reason"));
+          self->fail("the server ended the media connection: " + stringAt(event, "reason"));
         } else if (kind == "event") {
           self->negotiated(event);
-          self->listener_.peer_event(object_at(object_at(event, "plugindata"), "data"));
+          self->listener_.peerEvent(objectAt(objectAt(event, "plugindata"), "data"));
         }
       },
       [weak, janus = janus_](JanusConnection::Handle handle, const std::string& error) {
@@ -172,12 +172,12 @@ void Peer::open(const std::string& plugin) {
           self->fail(error);
         } else {
           self->handle_ = handle;
-          self->listener_.peer_attached();
+          self->listener_.peerAttached();
         }
       });
 }
 
-void Peer::connect_signals() {
+void Peer::connectSignals() {
   g_signal_connect(pipeline_.get(), "deep-element-added", G_CALLBACK(tune), nullptr);
   g_signal_connect(webrtc_, "on-ice-candidate",
                    G_CALLBACK(+[](GstElement*, guint line, gchar* text, Peer* self) {
@@ -186,16 +186,16 @@ void Peer::connect_signals() {
                    this);
   g_signal_connect(
       webrtc_, "on-negotiation-needed",
-      G_CALLBACK(+[](GstElement*, Peer* self) { self->post([](Peer& peer) { peer.make_offer(); }); }), this);
+      G_CALLBACK(+[](GstElement*, Peer* self) { self->post([](Peer& peer) { peer.makeOffer(); }); }), this);
   g_signal_connect(webrtc_, "notify::connection-state",
                    G_CALLBACK(+[](GstElement* webrtc, GParamSpec*, Peer* self) {
                      int state = 0;
                      g_object_get(webrtc, "connection-state", &state, nullptr);
-                     self->post([state](Peer& peer) { peer.state_changed(state); });
+                     self->post([state](Peer& peer) { peer.stateChanged(state); });
                    }),
                    this);
   g_signal_connect(webrtc_, "pad-added", G_CALLBACK(+[](GstElement*, GstPad* pad, Peer* self) {
-                     if (GST_PAD_IS_SRC(pad)) self->listener_.peer_pad_added(pad);
+                     if (GST_PAD_IS_SRC(pad)) self->listener_.peerPadAdded(pad);
                    }),
                    this);
   g_signal_connect(webrtc_, "on-new-transceiver",
@@ -204,14 +204,14 @@ void Peer::connect_signals() {
                    }),
                    nullptr);
   const Gst<GstBus> bus(gst_element_get_bus(pipeline_.get()));
-  bus_watch_ = gst_bus_create_watch(bus.get());
-  g_source_set_callback(bus_watch_,
+  busWatch_ = gst_bus_create_watch(bus.get());
+  g_source_set_callback(busWatch_,
                         G_SOURCE_FUNC(+[](GstBus*, GstMessage* message, gpointer self) -> gboolean {
-                          static_cast<Peer*>(self)->bus_message(message);
+                          static_cast<Peer*>(self)->busMessage(message);
                           return G_SOURCE_CONTINUE;
                         }),
                         this, nullptr);
-  g_source_attach(bus_watch_, EngineThread::get().context());
+  g_source_attach(busWatch_, EngineThread::get().context());
 }
 
 void Peer::ask(const json& body, Reply reply) {
@@ -222,20 +222,20 @@ JanusConnection::Reply Peer::answered(Reply reply) {
   return [weak = weak_from_this(), reply = std::move(reply)](const json& answer) {
     const std::shared_ptr<Peer> self = weak.lock();
     if (self == nullptr || self->failed_) return;
-    if (JanusConnection::is_error(answer)) {
-      if (reply) reply({{"error", JanusConnection::error_text(answer)}});
+    if (JanusConnection::isError(answer)) {
+      if (reply) reply({{"error", JanusConnection::errorText(answer)}});
       return;
     }
-    if (reply) reply(object_at(object_at(answer, "plugindata"), "data"));
+    if (reply) reply(objectAt(objectAt(answer, "plugindata"), "data"));
     self->negotiated(answer);
   };
 }
 
 // Takes the description that an answer or event of the plugin's may carry.
 void Peer::negotiated(const json& answer) {
-  const json& jsep = object_at(answer, "jsep");
-  const std::string type = string_at(jsep, "type");
-  const std::string sdp = string_at(jsep, "sdp");
+  const json& jsep = objectAt(answer, "jsep");
+  const std::string type = stringAt(jsep, "type");
+  const std::string sdp = stringAt(jsep, "sdp");
   if (type == "offer") {
     this->answer(sdp);
   } else if (type == "answer") {
@@ -249,7 +249,7 @@ void Peer::negotiated(const json& answer) {
 }
 
 void Peer::answer(const std::string& offer) {
-  const Description description = parse(GST_WEBRTC_SDP_TYPE_OFFER, without_fir(offer));
+  const Description description = parse(GST_WEBRTC_SDP_TYPE_OFFER, withoutFir(offer));
   if (description == nullptr) {
     fail("the server's offer is not understood");
     return;
@@ -260,31 +260,31 @@ void Peer::answer(const std::string& offer) {
     EngineThread::get().post([weak, sdp] {
       const std::shared_ptr<Peer> self = weak.lock();
       if (self == nullptr) return;
-      self->send_description("answer", sdp, self->accept_, {});
+      self->sendDescription("answer", sdp, self->accept_, {});
     });
   });
 }
 
 void Peer::offer(std::function<json(const std::string&)> body, Reply reply) {
-  offer_body_ = std::move(body);
-  offer_reply_ = std::move(reply);
+  offerBody_ = std::move(body);
+  offerReply_ = std::move(reply);
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
 }
 
 // Once the webrtcbin knows what all that is linked to it sends.
-void Peer::make_offer() {
-  if (!offer_body_) return;
+void Peer::makeOffer() {
+  if (!offerBody_) return;
   describe(webrtc_, "create-offer", [weak = weak_from_this()](const std::string& sdp) {
     EngineThread::get().post([weak, sdp] {
       const std::shared_ptr<Peer> self = weak.lock();
-      if (self == nullptr || !self->offer_body_) return;
-      const auto body = std::exchange(self->offer_body_, nullptr);
-      self->send_description("offer", sdp, body(sdp), self->offer_reply_);
+      if (self == nullptr || !self->offerBody_) return;
+      const auto body = std::exchange(self->offerBody_, nullptr);
+      self->sendDescription("offer", sdp, body(sdp), self->offerReply_);
     });
   });
 }
 
-void Peer::send_description(const char* type, const std::string& sdp, const json& body, Reply reply) {
+void Peer::sendDescription(const char* type, const std::string& sdp, const json& body, Reply reply) {
   if (sdp.empty()) {
     fail("no session description could be made");
     return;
@@ -303,18 +303,18 @@ void Peer::candidate(unsigned line, const std::string& text) {
   }
 }
 
-void Peer::state_changed(int state) {
+void Peer::stateChanged(int state) {
   if (state == GST_WEBRTC_PEER_CONNECTION_STATE_CONNECTED && !connected_) {
     connected_ = true;
     deadline_.stop();
-    listener_.peer_connected();
+    listener_.peerConnected();
   } else if (state == GST_WEBRTC_PEER_CONNECTION_STATE_FAILED ||
              state == GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED) {
     fail("the media connection failed");
   }
 }
 
-void Peer::bus_message(GstMessage* message) {
+void Peer::busMessage(GstMessage* message) {
   if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_LATENCY) gst_bin_recalculate_latency(GST_BIN(pipeline_.get()));
   if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR) return;
   GError* error = nullptr;

@@ -16,14 +16,14 @@ class Peer : public std::enable_shared_from_this<Peer> {
   class Listener {
    public:
     // The handle exists: ask the plugin for what the peer is for.
-    virtual void peer_attached() = 0;
+    virtual void peerAttached() = 0;
     // What the plugin says unasked.
-    virtual void peer_event(const json& data) = 0;
-    virtual void peer_connected() = 0;
+    virtual void peerEvent(const json& data) = 0;
+    virtual void peerConnected() = 0;
     // Once; the peer is of no more use and should be dropped.
-    virtual void peer_failed(const std::string& reason) = 0;
+    virtual void peerFailed(const std::string& reason) = 0;
     // Media begins to arrive. On a thread of the pipeline's.
-    virtual void peer_pad_added(GstPad*) {}
+    virtual void peerPadAdded(GstPad*) {}
 
    protected:
     ~Listener() = default;
@@ -41,7 +41,7 @@ class Peer : public std::enable_shared_from_this<Peer> {
   // Asks the plugin. An offer in its answer is answered with `accept`.
   void ask(const json& body, Reply reply = {});
   // Says how an offer of the plugin's is accepted: the body that goes with the answer.
-  void accept_offers_with(json body) { accept_ = std::move(body); }
+  void acceptOffersWith(json body) { accept_ = std::move(body); }
   // Starts the pipeline, offers what is linked to the webrtcbin, and sends the offer with the body that
   // `body` makes of it.
   void offer(std::function<json(const std::string& sdp)> body, Reply reply = {});
@@ -52,13 +52,13 @@ class Peer : public std::enable_shared_from_this<Peer> {
  private:
   void negotiated(const json& answer);
   void answer(const std::string& offer);
-  void make_offer();
-  void send_description(const char* type, const std::string& sdp, const json& body, Reply reply);
+  void makeOffer();
+  void sendDescription(const char* type, const std::string& sdp, const json& body, Reply reply);
   JanusConnection::Reply answered(Reply reply);
-  void connect_signals();
+  void connectSignals();
   void candidate(unsigned line, const std::string& text);
-  void state_changed(int state);
-  void bus_message(GstMessage* message);
+  void stateChanged(int state);
+  void busMessage(GstMessage* message);
   void fail(const std::string& reason);
   void post(std::function<void(Peer&)> task);
 
@@ -66,11 +66,11 @@ class Peer : public std::enable_shared_from_this<Peer> {
   Listener& listener_;
   Gst<GstElement> pipeline_;
   GstElement* webrtc_;  // the pipeline's
-  GSource* bus_watch_ = nullptr;
+  GSource* busWatch_ = nullptr;
   JanusConnection::Handle handle_ = 0;
   json accept_;
-  std::function<json(const std::string&)> offer_body_;
-  Reply offer_reply_;
+  std::function<json(const std::string&)> offerBody_;
+  Reply offerReply_;
   // Candidates are of use to the server only once it has the description.
   bool described_ = false;
   std::vector<json> candidates_;

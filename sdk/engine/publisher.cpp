@@ -19,14 +19,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto retry_interval = 1s;
-constexpr int most_failures = 10;
+constexpr auto retryInterval = 1s;
+constexpr int mostFailures = 10;
 
 // The encoder keeps up by giving up quality: with a positive cpu-used it picks its own speed, so that a
 // frame takes (16 - cpu-used) / 16 of the time between two, an eighth. It never drops a frame and holds none
 // back. A second thread would only take three times the processor's time: the two wait for each other by
 // spinning. Key frames come when somebody asks, and once in a long while.
-constexpr const char* video_elements =
+constexpr const char* videoElements =
     "appsrc name=source is-live=true format=time do-timestamp=true min-latency=0 max-latency=1000000000"
     " ! vp8enc name=encoder deadline=1 cpu-used=14 threads=1 end-usage=cbr lag-in-frames=0 "
     "dropframe-threshold=0"
@@ -36,13 +36,13 @@ constexpr const char* video_elements =
     "static-threshold=1"
     " ! rtpvp8pay picture-id-mode=15-bit auto-header-extension=true ! capsfilter name=rtp";
 // With the numbers by which the server reports what arrives, and when.
-constexpr const char* video_caps =
+constexpr const char* videoCaps =
     "application/x-rtp,media=video,clock-rate=90000,encoding-name=VP8,payload=96,"
     "extmap-3=(string)\"http://www.ietf.org/id/draft-holmer-rmcat-transport-wide-cc-extensions-01\"";
-constexpr const char* audio_caps =
+constexpr const char* audioCaps =
     "application/x-rtp,media=audio,clock-rate=48000,encoding-name=OPUS,payload=97";
 
-std::string audio_elements(bool stereo) {
+std::string audioElements(bool stereo) {
   return std::string(
              "appsrc name=source is-live=true format=time min-latency=0 max-latency=1000000000"
              " caps=audio/x-raw,format=S16LE,layout=interleaved,rate=48000,channels=2"
@@ -76,21 +76,21 @@ Publication::Publication(std::shared_ptr<JanusConnection> janus, otc_publisher& 
       room_(std::move(room)),
       token_(std::move(token)) {
   stream_.name = publisher_.settings.name;
-  stream_.has_audio = publisher_.settings.audio;
-  stream_.has_video = publisher_.settings.video;
-  if (publisher_.settings.has_capturer) hint_ = publisher_.capturer.init();
+  stream_.hasAudio = publisher_.settings.audio;
+  stream_.hasVideo = publisher_.settings.video;
+  if (publisher_.settings.hasCapturer) hint_ = publisher_.capturer.init();
   open();
 }
 
 Publication::~Publication() {
-  publisher_.capturer.stop_and_destroy();
-  close_peer();
+  publisher_.capturer.stopAndDestroy();
+  closePeer();
   if (announced_) publisher_.call(publisher_.callbacks.on_stream_destroyed, &stream_);
 }
 
-void Publication::close_peer() {
-  publisher_.capturer.set_output(nullptr);
-  if (audio_ != nullptr) AudioDevice::get().remove_output(GST_APP_SRC(audio_.get()));
+void Publication::closePeer() {
+  publisher_.capturer.setOutput(nullptr);
+  if (audio_ != nullptr) AudioDevice::get().removeOutput(GST_APP_SRC(audio_.get()));
   peer_.reset();  // before the bit rate, which the peer's threads tell of
   bitrate_.reset();
   audio_.reset();
@@ -98,22 +98,22 @@ void Publication::close_peer() {
 }
 
 void Publication::open() {
-  close_peer();
+  closePeer();
   peer_ = std::make_shared<Peer>(janus_, static_cast<Peer::Listener&>(*this));
   if (!build()) return;
   // The id is chosen here, so that the room's news of it are known to be of ourselves.
   const Gst<gchar> id(g_uuid_string_random());
   stream_.id = id.get();
-  us_.add_own_id(stream_.id);
+  us_.addOwnId(stream_.id);
   peer_->open("janus.plugin.videoroom");
 }
 
 // Adds a source and its encoder, linked to the webrtcbin; null when an element is missing.
-GstElement* Publication::add(const char* elements, const char* rtp_caps, GError** error) {
+GstElement* Publication::add(const char* elements, const char* rtpCaps, GError** error) {
   GstElement* bin = gst_parse_bin_from_description(elements, TRUE, error);
   if (bin == nullptr) return nullptr;
   const Gst<GstElement> rtp(gst_bin_get_by_name(GST_BIN(bin), "rtp"));
-  const Gst<GstCaps> caps(gst_caps_from_string(rtp_caps));
+  const Gst<GstCaps> caps(gst_caps_from_string(rtpCaps));
   g_object_set(rtp.get(), "caps", caps.get(), nullptr);
   gst_bin_add(GST_BIN(peer_->pipeline()), bin);
   gst_element_link(bin, peer_->webrtc());
@@ -122,11 +122,11 @@ GstElement* Publication::add(const char* elements, const char* rtp_caps, GError*
 
 bool Publication::build() {
   GError* error = nullptr;
-  if (publisher_.settings.video && publisher_.settings.has_capturer) {
-    video_.reset(add(video_elements, video_caps, &error));
+  if (publisher_.settings.video && publisher_.settings.hasCapturer) {
+    video_.reset(add(videoElements, videoCaps, &error));
   }
   if (publisher_.settings.audio && error == nullptr) {
-    audio_.reset(add(audio_elements(publisher_.settings.stereo).c_str(), audio_caps, &error));
+    audio_.reset(add(audioElements(publisher_.settings.stereo).c_str(), audioCaps, &error));
   }
   if (error == nullptr) return true;
   const std::string text = std::string("Publishing is not possible: ") + error->message +
@@ -150,9 +150,9 @@ void Publication::prime() {
     frame.height = height;
     frame.planes[0] = black.data();
     frame.strides[0] = 4 * width;
-    publisher_.capturer.set_output(GST_APP_SRC(video_.get()));
+    publisher_.capturer.setOutput(GST_APP_SRC(video_.get()));
     publisher_.capturer.provide(frame, 0);
-    publisher_.capturer.set_output(nullptr);
+    publisher_.capturer.setOutput(nullptr);
   }
   if (audio_ != nullptr) {
     constexpr std::size_t bytes = std::size_t{960} * 2 * sizeof(std::int16_t);
@@ -161,13 +161,13 @@ void Publication::prime() {
   }
 }
 
-void Publication::peer_attached() {
+void Publication::peerAttached() {
   const json join = {{"request", "join"}, {"ptype", "publisher"}, {"room", room_},
                      {"token", token_},   {"id", stream_.id},     {"display", stream_.name}};
   peer_->ask(join, [this](const json& data) {
-    const std::string error = string_at(data, "error");
+    const std::string error = stringAt(data, "error");
     if (!error.empty()) {
-      peer_failed(error);
+      peerFailed(error);
       return;
     }
     peer_->offer(
@@ -175,41 +175,41 @@ void Publication::peer_attached() {
           return json{{"request", "publish"}, {"descriptions", descriptions(sdp)}};
         },
         [this](const json& answer) {
-          const std::string refused = string_at(answer, "error");
-          if (!refused.empty()) peer_failed(refused);
+          const std::string refused = stringAt(answer, "error");
+          if (!refused.empty()) peerFailed(refused);
         });
     prime();
   });
 }
 
-void Publication::peer_connected() {
+void Publication::peerConnected() {
   if (video_ != nullptr) {
     bitrate_ = std::make_unique<Bitrate>(peer_->webrtc(), video_.get());
-    publisher_.capturer.set_output(GST_APP_SRC(video_.get()));
+    publisher_.capturer.setOutput(GST_APP_SRC(video_.get()));
   }
   if (audio_ != nullptr) {
-    AudioDevice::get().add_output(GST_APP_SRC(audio_.get()));
-    AudioDevice::get().start_capturer();
+    AudioDevice::get().addOutput(GST_APP_SRC(audio_.get()));
+    AudioDevice::get().startCapturer();
   }
-  if (publisher_.settings.has_capturer) publisher_.capturer.start();
+  if (publisher_.settings.hasCapturer) publisher_.capturer.start();
   failures_ = 0;
   announced_ = true;
   publisher_.call(publisher_.callbacks.on_stream_created, &stream_);
 }
 
-void Publication::peer_failed(const std::string& reason) {
+void Publication::peerFailed(const std::string& reason) {
   if (retry_.running()) return;
-  log_warning("Publishing \"{}\": {}.", stream_.name, reason);
+  logWarning("Publishing \"{}\": {}.", stream_.name, reason);
   if (std::exchange(announced_, false)) {
     publisher_.call(publisher_.callbacks.on_stream_destroyed, &stream_);
   }
-  if (++failures_ > most_failures) {
+  if (++failures_ > mostFailures) {
     const std::string text = "The show is not published: " + reason + ". Stop publishing and start again.";
-    close_peer();
+    closePeer();
     publisher_.call(publisher_.callbacks.on_error, text.c_str(), OTC_SESSION_CONNECTION_FAILED);
     return;
   }
-  retry_.once(retry_interval, [this] { open(); });
+  retry_.once(retryInterval, [this] { open(); });
 }
 
 }  // namespace engine
@@ -228,7 +228,7 @@ otc_status otc_publisher_settings_set_video_capturer(otc_publisher_settings* set
                                                      const struct otc_video_capturer_callbacks* capturer) {
   if (settings == nullptr || capturer == nullptr) return OTC_INVALID_PARAM;
   settings->capturer = *capturer;
-  settings->has_capturer = true;
+  settings->hasCapturer = true;
   return OTC_SUCCESS;
 }
 

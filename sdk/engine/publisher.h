@@ -15,7 +15,7 @@ class Room;
 struct otc_publisher_settings {
   std::string name;
   otc_video_capturer_callbacks capturer = {};
-  bool has_capturer = false;
+  bool hasCapturer = false;
   bool audio = true;
   bool video = true;
   bool stereo = false;
@@ -54,16 +54,16 @@ class Publication final : private Peer::Listener {
   Publication& operator=(const Publication&) = delete;
 
  private:
-  void peer_attached() override;
-  void peer_event(const json&) override {}
-  void peer_connected() override;
-  void peer_failed(const std::string& reason) override;
+  void peerAttached() override;
+  void peerEvent(const json&) override {}
+  void peerConnected() override;
+  void peerFailed(const std::string& reason) override;
 
   void open();
-  void close_peer();
+  void closePeer();
   bool build();
   void prime();
-  GstElement* add(const char* elements, const char* rtp_caps, GError** error);
+  GstElement* add(const char* elements, const char* rtpCaps, GError** error);
 
   const std::shared_ptr<JanusConnection> janus_;
   otc_publisher& publisher_;

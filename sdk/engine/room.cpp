@@ -13,29 +13,29 @@ namespace engine {
 namespace {
 
 // Longer ids are nobody's; longer names are cut.
-constexpr std::size_t longest_text = 256;
+constexpr std::size_t longestText = 256;
 
-std::string name_of(const json& publisher) {
-  std::string name = string_at(publisher, "display");
-  if (name.size() <= longest_text) return name;
+std::string nameOf(const json& publisher) {
+  std::string name = stringAt(publisher, "display");
+  if (name.size() <= longestText) return name;
   // Not within a character: in UTF-8 those of one that follow the first begin with the bits 10.
-  std::size_t end = longest_text;
+  std::size_t end = longestText;
   while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0U) == 0x80U) --end;
   name.resize(end);
   return name;
 }
 
-bool is_id(const std::string& text) {
-  return !text.empty() && text.size() <= longest_text;
+bool isId(const std::string& text) {
+  return !text.empty() && text.size() <= longestText;
 }
 
 // The elements of the array under a key that are objects with an id.
 std::vector<json> listed(const json& data, const char* key) {
   std::vector<json> elements;
-  const json& array = object_at(data, key);
+  const json& array = objectAt(data, key);
   if (!array.is_array()) return elements;
   for (const json& element : array) {
-    if (is_id(string_at(element, "id"))) elements.push_back(element);
+    if (isId(stringAt(element, "id"))) elements.push_back(element);
   }
   return elements;
 }
@@ -44,12 +44,12 @@ std::vector<json> listed(const json& data, const char* key) {
 void without(json& list, const std::string& id) {
   if (id.empty()) return;
   list.erase(
-      std::remove_if(list.begin(), list.end(), [&](const json& one) { return string_at(one, "id") == id; }),
+      std::remove_if(list.begin(), list.end(), [&](const json& one) { return stringAt(one, "id") == id; }),
       list.end());
 }
 
 // "1280x720"
-bool parse_size(const std::string& word, int& width, int& height) {
+bool parseSize(const std::string& word, int& width, int& height) {
   constexpr int largest = 16384;
   const char* end = word.data() + word.size();
   int w = 0;
@@ -68,44 +68,44 @@ bool parse_size(const std::string& word, int& width, int& height) {
 void describe(const json& media, otc_stream& stream) {
   if (!media.is_array()) return;
   for (const json& medium : media) {
-    const std::string type = string_at(medium, "type");
-    const bool disabled = object_at(medium, "disabled") == json(true);
+    const std::string type = stringAt(medium, "type");
+    const bool disabled = objectAt(medium, "disabled") == json(true);
     bool sent = !disabled;
-    std::istringstream words(string_at(medium, "description"));
+    std::istringstream words(stringAt(medium, "description"));
     for (std::string word; words >> word;) {
       if (word == "off") {
         sent = false;
       } else if (type == "video" && word == "screen") {
-        stream.video_type = OTC_STREAM_VIDEO_TYPE_SCREEN;
+        stream.videoType = OTC_STREAM_VIDEO_TYPE_SCREEN;
       } else if (type == "video") {
-        parse_size(word, stream.width, stream.height);
+        parseSize(word, stream.width, stream.height);
       }
     }
-    if (type == "video") stream.has_video = sent;
-    if (type == "audio") stream.has_audio = sent;
+    if (type == "video") stream.hasVideo = sent;
+    if (type == "audio") stream.hasAudio = sent;
   }
 }
 
 }  // namespace
 
-void Room::joined(json data, const std::vector<json>& events_since) {
+void Room::joined(json data, const std::vector<json>& eventsSince) {
   if (!data.is_object()) data = json::object();
   for (const char* list : {"publishers", "attendees"}) {
     if (!data[list].is_array()) data[list] = json::array();
   }
-  for (const json& event : events_since) {
+  for (const json& event : eventsSince) {
     for (const json& publisher : listed(event, "publishers")) data["publishers"].push_back(publisher);
-    data["attendees"].push_back(object_at(event, "joining"));  // without an id it is nobody
-    without(data["publishers"], string_at(event, "unpublished"));
-    for (const char* list : {"publishers", "attendees"}) without(data[list], string_at(event, "leaving"));
+    data["attendees"].push_back(objectAt(event, "joining"));  // without an id it is nobody
+    without(data["publishers"], stringAt(event, "unpublished"));
+    for (const char* list : {"publishers", "attendees"}) without(data[list], stringAt(event, "leaving"));
   }
   const std::vector<json> publishers = listed(data, "publishers");
   std::set<std::string> present;
   std::set<std::string> publishing;
-  for (const json& participant : listed(data, "attendees")) present.insert(string_at(participant, "id"));
+  for (const json& participant : listed(data, "attendees")) present.insert(stringAt(participant, "id"));
   for (const json& publisher : publishers) {
-    present.insert(string_at(publisher, "id"));
-    publishing.insert(string_at(publisher, "id"));
+    present.insert(stringAt(publisher, "id"));
+    publishing.insert(stringAt(publisher, "id"));
   }
   std::vector<std::string> gone;
   for (const auto& [id, stream] : streams_) {
@@ -118,23 +118,22 @@ void Room::joined(json data, const std::vector<json>& events_since) {
   for (const std::string& id : gone) left(id);
 
   for (const std::string& id : present) {
-    if (!own_ids_.contains(id)) arrived(id);
+    if (!ownIds_.contains(id)) arrived(id);
   }
   for (const json& publisher : publishers) published(publisher);
 }
 
 void Room::event(const json& data) {
-  if (string_at(data, "videoroom") != "event") return;
-  const std::string joining = string_at(object_at(data, "joining"), "id");
-  if (is_id(joining) && !own_ids_.contains(joining)) arrived(joining);
+  if (stringAt(data, "videoroom") != "event") return;
+  const std::string joining = stringAt(objectAt(data, "joining"), "id");
+  if (isId(joining) && !ownIds_.contains(joining)) arrived(joining);
   for (const json& publisher : listed(data, "publishers")) published(publisher);
-  const std::string stopped = string_at(data, "unpublished");
+  const std::string stopped = stringAt(data, "unpublished");
   if (!stopped.empty()) unpublished(stopped);
-  const std::string leaving = string_at(data, "leaving");
+  const std::string leaving = stringAt(data, "leaving");
   if (!leaving.empty()) left(leaving);
-  const auto renamed = streams_.find(string_at(data, "id"));
-  if (renamed != streams_.end() && object_at(data, "display").is_string())
-    renamed->second.name = name_of(data);
+  const auto renamed = streams_.find(stringAt(data, "id"));
+  if (renamed != streams_.end() && objectAt(data, "display").is_string()) renamed->second.name = nameOf(data);
 }
 
 const otc_connection* Room::connection(const std::string& id) const {
@@ -152,7 +151,7 @@ otc_connection& Room::arrived(const std::string& id) {
   if (!participant.present) {
     participant.present = true;
     participant.connection.id = id;
-    listener_.connection_created(participant.connection);
+    listener_.connectionCreated(participant.connection);
   }
   return participant.connection;
 }
@@ -162,26 +161,26 @@ void Room::left(const std::string& id) {
   const auto found = participants_.find(id);
   if (found == participants_.end() || !found->second.present) return;
   found->second.present = false;
-  listener_.connection_dropped(found->second.connection);
+  listener_.connectionDropped(found->second.connection);
 }
 
 void Room::published(const json& publisher) {
-  const std::string id = string_at(publisher, "id");
-  if (own_ids_.contains(id)) return;
+  const std::string id = stringAt(publisher, "id");
+  if (ownIds_.contains(id)) return;
   otc_stream stream;
   stream.id = id;
-  stream.name = name_of(publisher);
+  stream.name = nameOf(publisher);
   stream.connection = &arrived(id);
-  describe(object_at(publisher, "streams"), stream);
+  describe(objectAt(publisher, "streams"), stream);
 
-  const auto [known, is_new] = streams_.try_emplace(id, stream);
-  if (is_new) {
-    listener_.stream_received(known->second);
+  const auto [known, isNew] = streams_.try_emplace(id, stream);
+  if (isNew) {
+    listener_.streamReceived(known->second);
     return;
   }
   const otc_stream before = std::exchange(known->second, stream);
-  if (before.has_audio != stream.has_audio) listener_.has_audio_changed(known->second);
-  if (before.has_video != stream.has_video) listener_.has_video_changed(known->second);
+  if (before.hasAudio != stream.hasAudio) listener_.hasAudioChanged(known->second);
+  if (before.hasVideo != stream.hasVideo) listener_.hasVideoChanged(known->second);
 }
 
 void Room::unpublished(const std::string& id) {
@@ -189,7 +188,7 @@ void Room::unpublished(const std::string& id) {
   if (found == streams_.end()) return;
   const otc_stream stream = std::move(found->second);
   streams_.erase(found);
-  listener_.stream_dropped(stream);
+  listener_.streamDropped(stream);
 }
 
 }  // namespace engine

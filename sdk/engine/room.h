@@ -17,12 +17,12 @@ class Room {
  public:
   class Listener {
    public:
-    virtual void connection_created(const otc_connection& connection) = 0;
-    virtual void connection_dropped(const otc_connection& connection) = 0;
-    virtual void stream_received(const otc_stream& stream) = 0;
-    virtual void stream_dropped(const otc_stream& stream) = 0;
-    virtual void has_audio_changed(const otc_stream& stream) = 0;
-    virtual void has_video_changed(const otc_stream& stream) = 0;
+    virtual void connectionCreated(const otc_connection& connection) = 0;
+    virtual void connectionDropped(const otc_connection& connection) = 0;
+    virtual void streamReceived(const otc_stream& stream) = 0;
+    virtual void streamDropped(const otc_stream& stream) = 0;
+    virtual void hasAudioChanged(const otc_stream& stream) = 0;
+    virtual void hasVideoChanged(const otc_stream& stream) = 0;
 
    protected:
     ~Listener() = default;
@@ -31,12 +31,12 @@ class Room {
   explicit Room(Listener& listener) : listener_(listener) {}
 
   // A participant with this id is ourselves and is not reported.
-  void add_own_id(const std::string& id) { own_ids_.insert(id); }
+  void addOwnId(const std::string& id) { ownIds_.insert(id); }
 
   // The answer to a join: who is there already. What was known before and is not in it is dropped. The server
   // sends events as they happen and the answer when it gets to it: what happened since the join was asked for
   // counts as later than the answer.
-  void joined(nlohmann::json data, const std::vector<nlohmann::json>& events_since);
+  void joined(nlohmann::json data, const std::vector<nlohmann::json>& eventsSince);
   // An event of the VideoRoom's.
   void event(const nlohmann::json& data);
 
@@ -56,7 +56,7 @@ class Room {
   void unpublished(const std::string& id);
 
   Listener& listener_;
-  std::set<std::string> own_ids_;
+  std::set<std::string> ownIds_;
   std::map<std::string, Participant> participants_;
   std::map<std::string, otc_stream> streams_;
 };

@@ -11,51 +11,51 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 // RFC 3550: a packet is a byte of version and count, a type, a length in words less one, the sender.
-constexpr std::size_t header_size = 8;
-constexpr std::size_t block_size = 24;
-constexpr std::uint8_t receiver_report = 201;
+constexpr std::size_t headerSize = 8;
+constexpr std::size_t blockSize = 24;
+constexpr std::uint8_t receiverReport = 201;
 // RFC 4585: after the header the source that is asked.
-constexpr std::uint8_t payload_feedback = 206;
-constexpr std::uint8_t picture_loss = 1;
+constexpr std::uint8_t payloadFeedback = 206;
+constexpr std::uint8_t pictureLoss = 1;
 
-std::uint8_t count_of(const Bytes& rtcp, std::size_t at) {
+std::uint8_t countOf(const Bytes& rtcp, std::size_t at) {
   return rtcp[at] & 31U;
 }
 
-std::size_t size_of(const Bytes& rtcp, std::size_t at) {
+std::size_t sizeOf(const Bytes& rtcp, std::size_t at) {
   return 4 * ((static_cast<std::size_t>(rtcp[at + 2]) << 8U | rtcp[at + 3]) + 1);
 }
 
 // Where the source that a key frame is asked of is named; 0 where none is asked for.
-std::size_t find_asked(const Bytes& rtcp) {
-  for (std::size_t at = 0; at + header_size <= rtcp.size(); at += size_of(rtcp, at)) {
-    if (rtcp[at + 1] == payload_feedback && count_of(rtcp, at) == picture_loss &&
-        at + header_size + 4 <= rtcp.size()) {
-      return at + header_size;
+std::size_t findAsked(const Bytes& rtcp) {
+  for (std::size_t at = 0; at + headerSize <= rtcp.size(); at += sizeOf(rtcp, at)) {
+    if (rtcp[at + 1] == payloadFeedback && countOf(rtcp, at) == pictureLoss &&
+        at + headerSize + 4 <= rtcp.size()) {
+      return at + headerSize;
     }
   }
   return 0;
 }
 
 // Whether the packet was changed.
-bool put_asked_first(Bytes& rtcp) {
-  const std::size_t asked = find_asked(rtcp);
-  if (asked == 0 || rtcp[1] != receiver_report) return false;
-  std::array<std::uint8_t, block_size> block = {};
+bool putAskedFirst(Bytes& rtcp) {
+  const std::size_t asked = findAsked(rtcp);
+  if (asked == 0 || rtcp[1] != receiverReport) return false;
+  std::array<std::uint8_t, blockSize> block = {};
   std::copy_n(rtcp.begin() + static_cast<std::ptrdiff_t>(asked), 4, block.begin());
 
-  const auto blocks = rtcp.begin() + header_size;
-  const std::size_t size = count_of(rtcp, 0) * block_size;
-  if (header_size + size > rtcp.size()) return false;
-  for (std::size_t at = 0; at < size; at += block_size) {
+  const auto blocks = rtcp.begin() + headerSize;
+  const std::size_t size = countOf(rtcp, 0) * blockSize;
+  if (headerSize + size > rtcp.size()) return false;
+  for (std::size_t at = 0; at < size; at += blockSize) {
     const auto reported = blocks + static_cast<std::ptrdiff_t>(at);
     if (!std::equal(block.begin(), block.begin() + 4, reported)) continue;
-    std::swap_ranges(reported, reported + block_size, blocks);
+    std::swap_ranges(reported, reported + blockSize, blocks);
     return at != 0;
   }
-  if (count_of(rtcp, 0) == 31) return false;
+  if (countOf(rtcp, 0) == 31) return false;
   ++rtcp[0];
-  rtcp[3] = static_cast<std::uint8_t>(rtcp[3] + block_size / 4);
+  rtcp[3] = static_cast<std::uint8_t>(rtcp[3] + blockSize / 4);
   rtcp.insert(blocks, block.begin(), block.end());
   return true;
 }
@@ -65,7 +65,7 @@ gboolean sending(GObject*, GstBuffer* buffer, gboolean, gpointer) {
   if (gst_buffer_map(buffer, &mapped, GST_MAP_READ) == FALSE) return FALSE;
   Bytes rtcp(mapped.data, mapped.data + mapped.size);
   gst_buffer_unmap(buffer, &mapped);
-  if (rtcp.size() >= header_size && put_asked_first(rtcp)) {
+  if (rtcp.size() >= headerSize && putAskedFirst(rtcp)) {
     gpointer copy = g_memdup2(rtcp.data(), rtcp.size());
     gst_buffer_replace_all_memory(
         buffer, gst_memory_new_wrapped(GstMemoryFlags{}, copy, rtcp.size(), 0, rtcp.size(), copy, g_free));
@@ -75,12 +75,12 @@ gboolean sending(GObject*, GstBuffer* buffer, gboolean, gpointer) {
 
 }  // namespace
 
-void report_what_is_asked(GstElement* rtpsession) {
+void reportWhatIsAsked(GstElement* rtpsession) {
   GObject* session = nullptr;
   g_object_get(rtpsession, "internal-session", &session, nullptr);
   // A request that was lost may be repeated soon.
-  constexpr guint64 half_a_second = 500000000;
-  g_object_set(session, "rtcp-feedback-retention-window", half_a_second, nullptr);
+  constexpr guint64 halfASecond = 500000000;
+  g_object_set(session, "rtcp-feedback-retention-window", halfASecond, nullptr);
   g_signal_connect(session, "on-sending-rtcp", G_CALLBACK(sending), nullptr);
   g_object_unref(session);
 }

@@ -8,6 +8,6 @@ namespace engine {
 // the source of its first report block, and drops one without: a request is lost where there is none, or
 // where sound is reported first. So a report of the source that is asked stands first in such a packet.
 // `rtpsession` is an element of that kind.
-void report_what_is_asked(GstElement* rtpsession);
+void reportWhatIsAsked(GstElement* rtpsession);
 
 }  // namespace engine

@@ -45,7 +45,7 @@ class Session final : public std::enable_shared_from_this<Session>,
   void close();
 
   // Takes a message of Signals::encode.
-  void send_signal(const std::string& message);
+  void sendSignal(const std::string& message);
   void subscribe(otc_subscriber& subscriber);
   void unsubscribe(otc_subscriber& subscriber);
   // Publishes as soon as the session is connected.
@@ -53,25 +53,25 @@ class Session final : public std::enable_shared_from_this<Session>,
   void unpublish(otc_publisher& publisher);
 
  private:
-  void janus_opened() override;
-  void janus_unreachable(const std::string& reason) override;
-  void janus_lost() override;
-  void janus_recovered() override;
-  void janus_gone(const std::string& reason) override;
+  void janusOpened() override;
+  void janusUnreachable(const std::string& reason) override;
+  void janusLost() override;
+  void janusRecovered() override;
+  void janusGone(const std::string& reason) override;
 
-  void connection_created(const otc_connection& connection) override;
-  void connection_dropped(const otc_connection& connection) override;
-  void stream_received(const otc_stream& stream) override;
-  void stream_dropped(const otc_stream& stream) override;
-  void has_audio_changed(const otc_stream& stream) override;
-  void has_video_changed(const otc_stream& stream) override;
-  void signal_received(const std::string& type, const std::string& data, const std::string& from) override;
+  void connectionCreated(const otc_connection& connection) override;
+  void connectionDropped(const otc_connection& connection) override;
+  void streamReceived(const otc_stream& stream) override;
+  void streamDropped(const otc_stream& stream) override;
+  void hasAudioChanged(const otc_stream& stream) override;
+  void hasVideoChanged(const otc_stream& stream) override;
+  void signalReceived(const std::string& type, const std::string& data, const std::string& from) override;
 
   void join(JanusConnection::Handle handle);
   void joined(const json& data);
-  void take_list(const json& data);
-  void room_event(const json& event);
-  void learn_what_was_missed();
+  void takeList(const json& data);
+  void roomEvent(const json& event);
+  void learnWhatWasMissed();
   void fail(int code, const std::string& text);
   void disconnected(const std::string& reason);
   void end();
@@ -90,8 +90,8 @@ class Session final : public std::enable_shared_from_this<Session>,
   std::string token_;
   std::atomic<bool> closed_{false};
   bool joined_ = false;
-  int joins_under_way_ = 0;
-  std::vector<json> events_since_join_;  // while a join is under way
+  int joinsUnderWay_ = 0;
+  std::vector<json> eventsSinceJoin_;  // while a join is under way
   std::shared_ptr<JanusConnection> janus_;
   Room room_;
   Signals signals_;

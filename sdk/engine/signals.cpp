@@ -12,9 +12,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto retry_interval = 1s;
-constexpr auto answer_time = 10s;
-constexpr std::size_t most_waiting = 256;
+constexpr auto retryInterval = 1s;
+constexpr auto answerTime = 10s;
+constexpr std::size_t mostWaiting = 256;
 
 std::string dump(const json& value) {
   return value.dump(-1, ' ', false, json::error_handler_t::replace);
@@ -38,40 +38,40 @@ void Signals::close() {
   g_clear_object(&channel_);
 }
 
-void Signals::open(const std::string& token, const std::string& own_id) {
+void Signals::open(const std::string& token, const std::string& ownId) {
   token_ = token;
-  own_id_ = own_id;
-  open_channel();
+  ownId_ = ownId;
+  openChannel();
 }
 
-void Signals::open_channel() {
+void Signals::openChannel() {
   life_ = std::make_shared<int>();
   joined_ = false;
   peer_ = std::make_shared<Peer>(janus_, static_cast<Peer::Listener&>(*this));
   g_clear_object(&channel_);
-  peer_->accept_offers_with({{"request", "ack"}});
+  peer_->acceptOffersWith({{"request", "ack"}});
   peer_->open("janus.plugin.textroom");
 }
 
-void Signals::peer_attached() {
-  make_channel();
+void Signals::peerAttached() {
+  makeChannel();
   if (channel_ == nullptr) {
-    peer_failed("no data channel could be made: is gstreamer1.0-plugins-bad complete?");
+    peerFailed("no data channel could be made: is gstreamer1.0-plugins-bad complete?");
     return;
   }
   peer_->ask({{"request", "setup"}}, [this](const json& data) {
-    const std::string error = string_at(data, "error");
-    if (!error.empty()) peer_failed(error);
+    const std::string error = stringAt(data, "error");
+    if (!error.empty()) peerFailed(error);
   });
 }
 
-void Signals::peer_failed(const std::string& reason) {
-  log_warning("Signals: {}. Opening the channel again.", reason);
+void Signals::peerFailed(const std::string& reason) {
+  logWarning("Signals: {}. Opening the channel again.", reason);
   joined_ = false;
-  retry_.once(retry_interval, [this] { open_channel(); });
+  retry_.once(retryInterval, [this] { openChannel(); });
 }
 
-void Signals::make_channel() {
+void Signals::makeChannel() {
   gst_element_set_state(peer_->pipeline(), GST_STATE_READY);
   g_signal_emit_by_name(peer_->webrtc(), "create-data-channel", "JanusDataChannel", nullptr, &channel_);
   if (channel_ == nullptr) return;
@@ -90,43 +90,43 @@ void Signals::make_channel() {
         [](gpointer data, GClosure*) { delete static_cast<Context*>(data); }, GConnectFlags{});
   };
   connect("on-open", G_CALLBACK(+[](GstWebRTCDataChannel*, Context* context) {
-            context->post([](Signals& self) { self.channel_opened(); });
+            context->post([](Signals& self) { self.channelOpened(); });
           }));
   connect("on-close", G_CALLBACK(+[](GstWebRTCDataChannel*, Context* context) {
-            context->post([](Signals& self) { self.peer_failed("the data channel was closed"); });
+            context->post([](Signals& self) { self.peerFailed("the data channel was closed"); });
           }));
   connect("on-message-string", G_CALLBACK(+[](GstWebRTCDataChannel*, gchar* text, Context* context) {
             if (text == nullptr) return;
-            context->post([message = std::string(text)](Signals& self) { self.channel_message(message); });
+            context->post([message = std::string(text)](Signals& self) { self.channelMessage(message); });
           }));
 }
 
-void Signals::channel_opened() {
+void Signals::channelOpened() {
   write(dump({{"textroom", "join"},
               {"transaction", "join"},
               {"room", room_},
               {"token", token_},
-              {"username", own_id_}}));
-  retry_.once(answer_time, [this] { peer_failed("the room does not answer"); });
+              {"username", ownId_}}));
+  retry_.once(answerTime, [this] { peerFailed("the room does not answer"); });
 }
 
-void Signals::channel_message(const std::string& text) {
+void Signals::channelMessage(const std::string& text) {
   const json message = json::parse(text, nullptr, false);
-  const std::string kind = string_at(message, "textroom");
-  if (kind == "success" && string_at(message, "transaction") == "join") {
+  const std::string kind = stringAt(message, "textroom");
+  if (kind == "success" && stringAt(message, "transaction") == "join") {
     joined();
-  } else if (kind == "error" && string_at(message, "transaction") == "join") {
+  } else if (kind == "error" && stringAt(message, "transaction") == "join") {
     // The server may still hold a channel of ours that broke, with the same name.
     if (!std::exchange(refused_, true)) {
-      log_warning("Signals: the room refuses to be joined: {}. Trying again.", string_at(message, "error"));
+      logWarning("Signals: the room refuses to be joined: {}. Trying again.", stringAt(message, "error"));
     }
-    retry_.once(retry_interval, [this] { channel_opened(); });
+    retry_.once(retryInterval, [this] { channelOpened(); });
   } else if (kind == "message") {
-    const json signal = json::parse(string_at(message, "text"), nullptr, false);
-    const json& type = object_at(signal, "type");
-    const json& data = object_at(signal, "data");
+    const json signal = json::parse(stringAt(message, "text"), nullptr, false);
+    const json& type = objectAt(signal, "type");
+    const json& data = objectAt(signal, "data");
     if (type.is_string() && data.is_string()) {
-      listener_.signal_received(type.get<std::string>(), data.get<std::string>(), string_at(message, "from"));
+      listener_.signalReceived(type.get<std::string>(), data.get<std::string>(), stringAt(message, "from"));
     }
   }
 }
@@ -144,17 +144,17 @@ std::string Signals::encode(const std::string& room, const std::string& type, co
                               {"room", room},
                               {"ack", false},
                               {"text", dump({{"type", type}, {"data", data}})}});
-  if (message.size() > largest_message) message.clear();
+  if (message.size() > largestMessage) message.clear();
   return message;
 }
 
 void Signals::send(const std::string& message) {
   if (joined_) {
     write(message);
-  } else if (waiting_.size() < most_waiting) {
+  } else if (waiting_.size() < mostWaiting) {
     waiting_.push_back(message);
   } else {
-    log_warning("A signal is not sent: the channel is not open and {} wait for it.", waiting_.size());
+    logWarning("A signal is not sent: the channel is not open and {} wait for it.", waiting_.size());
   }
 }
 

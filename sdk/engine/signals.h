@@ -17,8 +17,8 @@ class Signals final : private Peer::Listener {
   class Listener {
    public:
     // `from` is the id under which the sender is known in the room.
-    virtual void signal_received(const std::string& type, const std::string& data,
-                                 const std::string& from) = 0;
+    virtual void signalReceived(const std::string& type, const std::string& data,
+                                const std::string& from) = 0;
 
    protected:
     ~Listener() = default;
@@ -27,26 +27,26 @@ class Signals final : private Peer::Listener {
   Signals(std::shared_ptr<JanusConnection> janus, Listener& listener, std::string room);
   ~Signals();
 
-  void open(const std::string& token, const std::string& own_id);
+  void open(const std::string& token, const std::string& ownId);
   void close();
   // Takes a message of `encode`. What is sent before the channel is open waits and goes out in order.
   void send(const std::string& message);
 
   // The largest data-channel message that every participant takes.
-  static constexpr std::size_t largest_message = 60000;
+  static constexpr std::size_t largestMessage = 60000;
   // The message for a signal; empty where it would be too large. Any thread.
   static std::string encode(const std::string& room, const std::string& type, const std::string& data);
 
  private:
-  void peer_attached() override;
-  void peer_event(const json&) override {}
-  void peer_connected() override {}
-  void peer_failed(const std::string& reason) override;
+  void peerAttached() override;
+  void peerEvent(const json&) override {}
+  void peerConnected() override {}
+  void peerFailed(const std::string& reason) override;
 
-  void open_channel();
-  void make_channel();
-  void channel_opened();
-  void channel_message(const std::string& text);
+  void openChannel();
+  void makeChannel();
+  void channelOpened();
+  void channelMessage(const std::string& text);
   void joined();
   void write(const std::string& text);
 
@@ -54,7 +54,7 @@ class Signals final : private Peer::Listener {
   Listener& listener_;
   const std::string room_;
   std::string token_;
-  std::string own_id_;
+  std::string ownId_;
   std::shared_ptr<Peer> peer_;
   GstWebRTCDataChannel* channel_ = nullptr;
   bool joined_ = false;

@@ -13,10 +13,10 @@ struct otc_connection {
 struct otc_stream {
   std::string id;
   std::string name;
-  int video_type = OTC_STREAM_VIDEO_TYPE_CAMERA;
+  int videoType = OTC_STREAM_VIDEO_TYPE_CAMERA;
   int width = 0;
   int height = 0;
-  bool has_audio = false;
-  bool has_video = false;
+  bool hasAudio = false;
+  bool hasVideo = false;
   const otc_connection* connection = nullptr;
 };

@@ -15,15 +15,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto retry_interval = 1s;
-constexpr int most_failures = 10;
-constexpr auto picture_check_interval = 1s;
+constexpr auto retryInterval = 1s;
+constexpr int mostFailures = 10;
+constexpr auto pictureCheckInterval = 1s;
 // A connection that brings no picture by then is said to, and then made again.
-constexpr int checks_before_warning = 4;
-constexpr int checks_before_failure = 10;
+constexpr int checksBeforeWarning = 4;
+constexpr int checksBeforeFailure = 10;
 // What no camera and no screen has: 8K. Each picture takes room in the program several times.
-constexpr int largest_side = 8192;
-constexpr std::int64_t largest_picture = std::int64_t{7680} * 4320;
+constexpr int largestSide = 8192;
+constexpr std::int64_t largestPicture = std::int64_t{7680} * 4320;
 
 // From RTP to what the program gets, by the codec's name in the caps.
 struct Decoder {
@@ -46,19 +46,19 @@ constexpr std::array<Decoder, 4> decoders = {{
 #undef SINK
 #undef ASKS_FOR_KEY_FRAMES
 
-bool is_bearable(const GstVideoInfo& info) {
-  return info.width <= largest_side && info.height <= largest_side &&
-         std::int64_t{info.width} * info.height <= largest_picture;
+bool isBearable(const GstVideoInfo& info) {
+  return info.width <= largestSide && info.height <= largestSide &&
+         std::int64_t{info.width} * info.height <= largestPicture;
 }
 
 // What is decoded is taken where it enters the sink: there nobody else holds it.
-GstPadProbeReturn picture_decoded(GstPad* pad, GstPadProbeInfo* probe, gpointer data) {
+GstPadProbeReturn pictureDecoded(GstPad* pad, GstPadProbeInfo* probe, gpointer data) {
   auto& subscriber = *static_cast<otc_subscriber*>(data);
   const Gst<GstCaps> caps(gst_pad_get_current_caps(pad));
   GstVideoInfo info;
   GstVideoFrame mapped;
   if (!subscriber.subscribed || !subscriber.video || caps == nullptr ||
-      gst_video_info_from_caps(&info, caps.get()) == FALSE || !is_bearable(info) ||
+      gst_video_info_from_caps(&info, caps.get()) == FALSE || !isBearable(info) ||
       gst_video_frame_map(&mapped, &info, GST_PAD_PROBE_INFO_BUFFER(probe), GST_MAP_READ) == FALSE) {
     return GST_PAD_PROBE_OK;
   }
@@ -78,7 +78,7 @@ GstPadProbeReturn picture_decoded(GstPad* pad, GstPadProbeInfo* probe, gpointer 
   return GST_PAD_PROBE_OK;
 }
 
-GstPadProbeReturn sound_decoded(GstPad*, GstPadProbeInfo* probe, gpointer data) {
+GstPadProbeReturn soundDecoded(GstPad*, GstPadProbeInfo* probe, gpointer data) {
   auto& subscriber = *static_cast<otc_subscriber*>(data);
   if (!subscriber.subscribed || !subscriber.audio) return GST_PAD_PROBE_OK;
   GstBuffer* buffer = gst_buffer_make_writable(GST_PAD_PROBE_INFO_BUFFER(probe));
@@ -100,9 +100,9 @@ GstPadProbeReturn sound_decoded(GstPad*, GstPadProbeInfo* probe, gpointer data) 
 
 }  // namespace
 
-void apply_switches(otc_subscriber& subscriber) {
+void applySwitches(otc_subscriber& subscriber) {
   EngineThread::get().post([&subscriber] {
-    if (subscriber.subscription != nullptr) subscriber.subscription->apply_switches();
+    if (subscriber.subscription != nullptr) subscriber.subscription->applySwitches();
   });
 }
 
@@ -120,15 +120,15 @@ Subscription::~Subscription() {
 }
 
 void Subscription::open() {
-  video_mid_.clear();
-  audio_mid_.clear();
-  video_sent_ = audio_sent_ = true;
+  videoMid_.clear();
+  audioMid_.clear();
+  videoSent_ = audioSent_ = true;
   peer_ = std::make_shared<Peer>(janus_, static_cast<Peer::Listener&>(*this));
-  peer_->accept_offers_with({{"request", "start"}, {"room", room_}});
+  peer_->acceptOffersWith({{"request", "start"}, {"room", room_}});
   peer_->open("janus.plugin.videoroom");
 }
 
-void Subscription::peer_attached() {
+void Subscription::peerAttached() {
   const json join = {{"request", "join"},
                      {"ptype", "subscriber"},
                      {"room", room_},
@@ -137,45 +137,45 @@ void Subscription::peer_attached() {
                      {"autoupdate", false},
                      {"streams", json::array({{{"feed", subscriber_.stream.id}}})}};
   peer_->ask(join, [this](const json& data) {
-    const std::string error = string_at(data, "error");
+    const std::string error = stringAt(data, "error");
     if (!error.empty()) {
-      peer_failed(error);
+      peerFailed(error);
       return;
     }
-    streams_listed(data);
+    streamsListed(data);
   });
 }
 
-void Subscription::peer_event(const json& data) {
-  streams_listed(data);
+void Subscription::peerEvent(const json& data) {
+  streamsListed(data);
 }
 
-void Subscription::streams_listed(const json& data) {
-  const json& streams = object_at(data, "streams");
+void Subscription::streamsListed(const json& data) {
+  const json& streams = objectAt(data, "streams");
   if (!streams.is_array()) return;
   for (const json& stream : streams) {
-    const std::string type = string_at(stream, "type");
-    if (type == "video") video_mid_ = string_at(stream, "mid");
-    if (type == "audio") audio_mid_ = string_at(stream, "mid");
+    const std::string type = stringAt(stream, "type");
+    if (type == "video") videoMid_ = stringAt(stream, "mid");
+    if (type == "audio") audioMid_ = stringAt(stream, "mid");
   }
-  apply_switches();
+  applySwitches();
 }
 
-void Subscription::apply_switches() {
-  switch_stream(video_mid_, subscriber_.video, video_sent_);
-  switch_stream(audio_mid_, subscriber_.audio, audio_sent_);
+void Subscription::applySwitches() {
+  switchStream(videoMid_, subscriber_.video, videoSent_);
+  switchStream(audioMid_, subscriber_.audio, audioSent_);
 }
 
-void Subscription::switch_stream(const std::string& mid, bool on, bool& current) {
+void Subscription::switchStream(const std::string& mid, bool on, bool& current) {
   if (mid.empty() || on == current) return;
   current = on;
   peer_->ask({{"request", "configure"}, {"streams", json::array({{{"mid", mid}, {"send", on}}})}},
              [this, on](const json&) {
-               if (on) ask_for_key_frame();
+               if (on) askForKeyFrame();
              });
 }
 
-void Subscription::ask_for_key_frame() {
+void Subscription::askForKeyFrame() {
   const Gst<GstElement> sink(gst_bin_get_by_name(GST_BIN(peer_->pipeline()), "video"));
   if (sink == nullptr) return;
   const Gst<GstPad> pad(gst_element_get_static_pad(sink.get(), "sink"));
@@ -183,51 +183,51 @@ void Subscription::ask_for_key_frame() {
 }
 
 // Pictures that have stopped may only lack a key frame: the request for it, or the key frame, was lost.
-void Subscription::look_after_pictures() {
+void Subscription::lookAfterPictures() {
   const unsigned pictures = subscriber_.pictures;
-  const bool came = pictures != std::exchange(pictures_before_, pictures);
-  if (came || !subscriber_.video || !pictures_expected_) {
-    checks_without_picture_ = 0;
+  const bool came = pictures != std::exchange(picturesBefore_, pictures);
+  if (came || !subscriber_.video || !picturesExpected_) {
+    checksWithoutPicture_ = 0;
     return;
   }
-  ++checks_without_picture_;
-  if (checks_without_picture_ == checks_before_warning) {
-    log_warning("Stream {}: connected, but no picture comes.", harmless(subscriber_.stream.id));
+  ++checksWithoutPicture_;
+  if (checksWithoutPicture_ == checksBeforeWarning) {
+    logWarning("Stream {}: connected, but no picture comes.", harmless(subscriber_.stream.id));
   }
-  if (checks_without_picture_ == checks_before_failure) {
-    peer_failed("no picture came");
+  if (checksWithoutPicture_ == checksBeforeFailure) {
+    peerFailed("no picture came");
   } else {
-    ask_for_key_frame();
+    askForKeyFrame();
   }
 }
 
-void Subscription::peer_connected() {
+void Subscription::peerConnected() {
   failures_ = 0;
-  checks_without_picture_ = 0;
-  picture_check_.every(picture_check_interval, [this] { look_after_pictures(); });
-  AudioDevice::get().start_renderer();
-  if (std::exchange(was_connected_, true)) {
+  checksWithoutPicture_ = 0;
+  pictureCheck_.every(pictureCheckInterval, [this] { lookAfterPictures(); });
+  AudioDevice::get().startRenderer();
+  if (std::exchange(wasConnected_, true)) {
     subscriber_.call(subscriber_.callbacks.on_reconnected);
   } else {
     subscriber_.call(subscriber_.callbacks.on_connected, &subscriber_.stream);
   }
 }
 
-void Subscription::peer_failed(const std::string& reason) {
+void Subscription::peerFailed(const std::string& reason) {
   if (retry_.running()) return;
-  picture_check_.stop();
-  log_warning("Stream {}: {}.", harmless(subscriber_.stream.id), reason);
-  if (failures_ == 0 && was_connected_) subscriber_.call(subscriber_.callbacks.on_disconnected);
-  if (++failures_ > most_failures) {
+  pictureCheck_.stop();
+  logWarning("Stream {}: {}.", harmless(subscriber_.stream.id), reason);
+  if (failures_ == 0 && wasConnected_) subscriber_.call(subscriber_.callbacks.on_disconnected);
+  if (++failures_ > mostFailures) {
     const std::string text = "The stream is not received: " + reason + ". Take the guest out and in again.";
     peer_.reset();
     subscriber_.call(subscriber_.callbacks.on_error, text.c_str(), OTC_SESSION_CONNECTION_FAILED);
     return;
   }
-  retry_.once(retry_interval, [this] { open(); });
+  retry_.once(retryInterval, [this] { open(); });
 }
 
-void Subscription::peer_pad_added(GstPad* pad) {
+void Subscription::peerPadAdded(GstPad* pad) {
   const Gst<GstCaps> caps(gst_pad_get_current_caps(pad));
   if (caps == nullptr) return;
   const char* encoding = gst_structure_get_string(gst_caps_get_structure(caps.get(), 0), "encoding-name");
@@ -236,15 +236,15 @@ void Subscription::peer_pad_added(GstPad* pad) {
     GError* error = nullptr;
     GstElement* bin = gst_parse_bin_from_description(decoder.elements, TRUE, &error);
     if (bin == nullptr) {
-      log_warning("Stream {}: no decoder for {}: {}", harmless(subscriber_.stream.id), encoding,
-                  error->message);
+      logWarning("Stream {}: no decoder for {}: {}", harmless(subscriber_.stream.id), encoding,
+                 error->message);
       g_error_free(error);
       return;
     }
     const bool sound = std::strcmp(encoding, "OPUS") == 0;
     const Gst<GstElement> sink(gst_bin_get_by_name(GST_BIN(bin), sound ? "audio" : "video"));
     const Gst<GstPad> output(gst_element_get_static_pad(sink.get(), "sink"));
-    gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER, sound ? sound_decoded : picture_decoded,
+    gst_pad_add_probe(output.get(), GST_PAD_PROBE_TYPE_BUFFER, sound ? soundDecoded : pictureDecoded,
                       &subscriber_, nullptr);
 
     const Gst<GstElement> webrtc(gst_pad_get_parent_element(pad));
@@ -255,8 +255,8 @@ void Subscription::peer_pad_added(GstPad* pad) {
     gst_element_sync_state_with_parent(bin);
     return;
   }
-  log_warning("Stream {}: there is no decoder for {}.", harmless(subscriber_.stream.id),
-              encoding == nullptr ? "what it sends" : harmless(encoding));
+  logWarning("Stream {}: there is no decoder for {}.", harmless(subscriber_.stream.id),
+             encoding == nullptr ? "what it sends" : harmless(encoding));
 }
 
 }  // namespace engine

@@ -21,14 +21,14 @@ struct otc_subscriber {
   // one subscriber come one at a time, from whichever of its threads.
   template <typename... Parameters, typename... Arguments>
   void call(void (*callback)(otc_subscriber*, void*, Parameters...), Arguments... arguments) {
-    const std::lock_guard lock(one_at_a_time);
+    const std::lock_guard lock(oneAtATime);
     const engine::CallbackScope scope;
     callback(this, callbacks.user_data, arguments...);
   }
 
   const otc_stream stream;
   const otc_subscriber_callbacks callbacks;
-  std::mutex one_at_a_time;
+  std::mutex oneAtATime;
   // Frames and sound end with the call that unsubscribes, though the connection takes longer to end.
   std::atomic<bool> subscribed{false};
   std::atomic<bool> video{true};
@@ -40,7 +40,7 @@ struct otc_subscriber {
 namespace engine {
 
 // Takes the subscriber's switches to its subscription, if it has one. Any thread.
-void apply_switches(otc_subscriber& subscriber);
+void applySwitches(otc_subscriber& subscriber);
 
 // A stream as it is received for a subscriber: a media connection of its own, from subscribe to
 // unsubscribe. One that breaks is made again. Lives on the engine's thread; frames and sound come
@@ -55,22 +55,22 @@ class Subscription final : private Peer::Listener {
   Subscription& operator=(const Subscription&) = delete;
 
   // Takes what the subscriber's switches say to the server.
-  void apply_switches();
+  void applySwitches();
   // Whether the guest sends any, as the room says.
-  void expect_pictures(bool expected) { pictures_expected_ = expected; }
+  void expectPictures(bool expected) { picturesExpected_ = expected; }
 
  private:
-  void peer_attached() override;
-  void peer_event(const json& data) override;
-  void peer_connected() override;
-  void peer_failed(const std::string& reason) override;
-  void peer_pad_added(GstPad* pad) override;
+  void peerAttached() override;
+  void peerEvent(const json& data) override;
+  void peerConnected() override;
+  void peerFailed(const std::string& reason) override;
+  void peerPadAdded(GstPad* pad) override;
 
   void open();
-  void streams_listed(const json& data);
-  void ask_for_key_frame();
-  void look_after_pictures();
-  void switch_stream(const std::string& mid, bool on, bool& current);
+  void streamsListed(const json& data);
+  void askForKeyFrame();
+  void lookAfterPictures();
+  void switchStream(const std::string& mid, bool on, bool& current);
 
   const std::shared_ptr<JanusConnection> janus_;
   otc_subscriber& subscriber_;
@@ -78,17 +78,17 @@ class Subscription final : private Peer::Listener {
   const std::string token_;
   std::shared_ptr<Peer> peer_;
   // The server's names of the two media, empty until it has told them, and whether it sends them.
-  std::string video_mid_;
-  std::string audio_mid_;
-  bool video_sent_ = true;
-  bool audio_sent_ = true;
-  bool was_connected_ = false;
+  std::string videoMid_;
+  std::string audioMid_;
+  bool videoSent_ = true;
+  bool audioSent_ = true;
+  bool wasConnected_ = false;
   int failures_ = 0;
-  bool pictures_expected_ = true;
-  unsigned pictures_before_ = 0;
-  int checks_without_picture_ = 0;
+  bool picturesExpected_ = true;
+  unsigned picturesBefore_ = 0;
+  int checksWithoutPicture_ = 0;
   Timer retry_;
-  Timer picture_check_;
+  Timer pictureCheck_;
 };
 
 }  // namespace engine

@@ -2,7 +2,7 @@
 
 namespace {
 
-bool is_packed(int format) {
+bool isPacked(int format) {
   return format == OTC_VIDEO_FRAME_FORMAT_ARGB32 || format == OTC_VIDEO_FRAME_FORMAT_BGRA32;
 }
 
@@ -11,11 +11,11 @@ int half(int length) {
 }
 
 // The planes of 4:2:0 in two or three planes.
-bool is_chroma(int plane) {
+bool isChroma(int plane) {
   return plane > 0;
 }
 
-bool has_plane(const otc_video_frame* frame, int plane) {
+bool hasPlane(const otc_video_frame* frame, int plane) {
   return frame != nullptr && plane >= 0 && plane < 3 && frame->planes.at(static_cast<std::size_t>(plane));
 }
 
@@ -34,21 +34,21 @@ int otc_video_frame_get_height(const otc_video_frame* frame) {
 }
 
 const uint8_t* otc_video_frame_get_plane_binary_data(const otc_video_frame* frame, int plane) {
-  return has_plane(frame, plane) ? frame->planes.at(static_cast<std::size_t>(plane)) : nullptr;
+  return hasPlane(frame, plane) ? frame->planes.at(static_cast<std::size_t>(plane)) : nullptr;
 }
 
 int otc_video_frame_get_plane_width(const otc_video_frame* frame, int plane) {
-  if (!has_plane(frame, plane)) return 0;
-  return is_chroma(plane) ? half(frame->width) : frame->width;
+  if (!hasPlane(frame, plane)) return 0;
+  return isChroma(plane) ? half(frame->width) : frame->width;
 }
 
 int otc_video_frame_get_plane_height(const otc_video_frame* frame, int plane) {
-  if (!has_plane(frame, plane)) return 0;
-  return is_chroma(plane) ? half(frame->height) : frame->height;
+  if (!hasPlane(frame, plane)) return 0;
+  return isChroma(plane) ? half(frame->height) : frame->height;
 }
 
 int otc_video_frame_get_plane_stride(const otc_video_frame* frame, int plane) {
-  return has_plane(frame, plane) ? frame->strides.at(static_cast<std::size_t>(plane)) : 0;
+  return hasPlane(frame, plane) ? frame->strides.at(static_cast<std::size_t>(plane)) : 0;
 }
 
 int64_t otc_video_frame_get_timestamp(const otc_video_frame* frame) {
@@ -63,27 +63,27 @@ otc_video_frame* otc_video_frame_new_contiguous_memory_wrapper(int format, int w
   if (data == nullptr || width <= 0 || height <= 0) return nullptr;
   const auto w = static_cast<std::size_t>(width);
   const auto h = static_cast<std::size_t>(height);
-  const auto half_w = static_cast<std::size_t>(half(width));
-  const auto half_h = static_cast<std::size_t>(half(height));
+  const auto halfW = static_cast<std::size_t>(half(width));
+  const auto halfH = static_cast<std::size_t>(half(height));
   auto* frame = new otc_video_frame;
   frame->format = format;
   frame->width = width;
   frame->height = height;
   std::array<std::size_t, 3> offsets = {};
   std::size_t needed = 0;
-  if (is_packed(format)) {
+  if (isPacked(format)) {
     // Rows may be padded: what the block holds beyond the rows is spread over them.
     const std::size_t stride = size / h / 4 * 4;
     needed = 4 * w * h;
     frame->strides[0] = static_cast<int>(stride);
   } else if (format == OTC_VIDEO_FRAME_FORMAT_YUV420P) {
     frame->strides = {width, half(width), half(width)};
-    offsets = {0, w * h, w * h + half_w * half_h};
-    needed = w * h + 2 * half_w * half_h;
+    offsets = {0, w * h, w * h + halfW * halfH};
+    needed = w * h + 2 * halfW * halfH;
   } else if (format == OTC_VIDEO_FRAME_FORMAT_NV12) {
     frame->strides = {width, 2 * half(width), 0};
     offsets = {0, w * h, 0};
-    needed = w * h + 2 * half_w * half_h;
+    needed = w * h + 2 * halfW * halfH;
   }
   if (needed == 0 || size < needed) {
     delete frame;
@@ -92,7 +92,7 @@ otc_video_frame* otc_video_frame_new_contiguous_memory_wrapper(int format, int w
   const uint8_t* base = data;
   if (shallow != OTC_FALSE) {
     frame->release = release;
-    frame->release_argument = argument;
+    frame->releaseArgument = argument;
   } else {
     frame->copy.assign(data, data + size);
     base = frame->copy.data();
@@ -122,7 +122,7 @@ otc_video_frame* otc_video_frame_new_from_planes(int format, int width, int heig
 
 otc_status otc_video_frame_delete(otc_video_frame* frame) {
   if (frame == nullptr) return OTC_INVALID_PARAM;
-  if (frame->release != nullptr) frame->release(frame->release_argument);
+  if (frame->release != nullptr) frame->release(frame->releaseArgument);
   delete frame;
   return OTC_SUCCESS;
 }

@@ -17,6 +17,6 @@ struct otc_video_frame {
 
   // Of a frame that wraps memory; see opentok.h.
   otc_video_frame_release_callback release = nullptr;
-  void* release_argument = nullptr;
+  void* releaseArgument = nullptr;
   std::vector<std::uint8_t> copy;
 };

@@ -29,7 +29,7 @@ class Browser {
     close(out[1]);
     to_ = in[1];
     from_ = out[0];
-    read_line();
+    readLine();
   }
   ~Browser() {
     close(to_);  // the end of its input ends it
@@ -46,13 +46,13 @@ class Browser {
     if (write(to_, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
       throw std::runtime_error("the browser has ended");
     }
-    const nlohmann::json answer = nlohmann::json::parse(read_line());
+    const nlohmann::json answer = nlohmann::json::parse(readLine());
     if (answer.contains("error")) throw std::runtime_error(answer["error"].get<std::string>());
     return answer["result"];
   }
 
  private:
-  std::string read_line() const {
+  std::string readLine() const {
     std::string line;
     for (char next = 0; next != '\n'; line += next) {
       pollfd waiting = {from_, POLLIN, 0};

@@ -30,7 +30,7 @@ class Incoming : public RoomTest {
     return stream;
   }
   // Waits until so many more of the stream's frames have come.
-  bool wait_frames(const Stream& stream, int more = 1) {
+  bool waitFrames(const Stream& stream, int more = 1) {
     int before = 0;
     program.note([&] { before = stream.frames; });
     return program.wait([&] { return stream.frames >= before + more; });
@@ -40,11 +40,11 @@ class Incoming : public RoomTest {
 TEST_F(Incoming, StreamsComeChangeAndGo) {
   publish("Guest - Early", {{"type", "screen"}, {"width", 640}, {"height", 360}});
   program.connect(room, token);
-  ASSERT_TRUE(program.wait_event("stream received Guest - Early"));
+  ASSERT_TRUE(program.waitEvent("stream received Guest - Early"));
   const Stream& early = program.streams["Guest - Early"];
   EXPECT_EQ(OTC_STREAM_VIDEO_TYPE_SCREEN, early.type);
-  EXPECT_EQ(640, early.announced_width);
-  EXPECT_EQ(360, early.announced_height);
+  EXPECT_EQ(640, early.announcedWidth);
+  EXPECT_EQ(360, early.announcedHeight);
 
   publish("Guest - Late");
   const Stream& late = subscribe("Guest - Late");
@@ -58,22 +58,22 @@ TEST_F(Incoming, StreamsComeChangeAndGo) {
   }));
 
   browser->call("describe", {{"as", "Guest - Late"}, {"kind", "audio"}, {"description", "off"}});
-  ASSERT_TRUE(program.wait_event("audio off"));
+  ASSERT_TRUE(program.waitEvent("audio off"));
   browser->call("describe", {{"as", "Guest - Late"}, {"kind", "video"}, {"description", "camera off"}});
-  ASSERT_TRUE(program.wait_event("video off"));
+  ASSERT_TRUE(program.waitEvent("video off"));
   browser->call("describe", {{"as", "Guest - Late"}, {"kind", "audio"}, {"description", "on"}});
-  ASSERT_TRUE(program.wait_event("audio on"));
+  ASSERT_TRUE(program.waitEvent("audio on"));
 
   browser->call("change", {{"as", "Guest - Late"}, {"width", 486}, {"height", 274}});
   ASSERT_TRUE(program.wait([&] { return late.width == 486 && late.height == 274; }))
       << late.width << " x " << late.height << " after " << late.frames << " frames";
 
   browser->call("unpublish", {{"as", "Guest - Late"}});
-  ASSERT_TRUE(program.wait_event("stream dropped Guest - Late"));
+  ASSERT_TRUE(program.waitEvent("stream dropped Guest - Late"));
   ASSERT_TRUE(program.wait([&] { return late.disconnected == 1; }));
   browser->call("leave", {{"as", "Guest - Early"}});
-  ASSERT_TRUE(program.wait_event("stream dropped Guest - Early"));
-  ASSERT_TRUE(program.wait_event("connection dropped"));
+  ASSERT_TRUE(program.waitEvent("stream dropped Guest - Early"));
+  ASSERT_TRUE(program.waitEvent("connection dropped"));
   EXPECT_EQ(1, program.count("stream received Guest - Late"));
 }
 
@@ -97,7 +97,7 @@ TEST_F(Incoming, WhatIsSwitchedOffDoesNotCome) {
   ASSERT_TRUE(program.wait([&, enough = ada.sounds + 25] { return ada.sounds > enough; }));
   EXPECT_LE(ada.frames, frames + 1) << "half a second later";
   otc_subscriber_set_subscribe_to_video(ada.subscriber, OTC_TRUE);
-  ASSERT_TRUE(wait_frames(ada, 5));
+  ASSERT_TRUE(waitFrames(ada, 5));
 
   ASSERT_EQ(OTC_SUCCESS, otc_session_unsubscribe(program.session(), ada.subscriber));
   program.note([&] { frames = ada.frames; });
@@ -108,7 +108,7 @@ TEST_F(Incoming, WhatIsSwitchedOffDoesNotCome) {
 
 TEST_F(Incoming, SignalsOfAnyShapeHarmNothing) {
   program.connect(room, token);
-  ASSERT_TRUE(program.wait_event("connected"));
+  ASSERT_TRUE(program.waitEvent("connected"));
   // It waits for the channel to open, and comes back then.
   ASSERT_EQ(OTC_SUCCESS, otc_session_send_signal(program.session(), "first", "x \"y\" \xc3\xa9"));
   ASSERT_TRUE(program.wait([&] { return program.signals.size() == 1; }));
@@ -137,8 +137,8 @@ TEST_F(Incoming, EachRefusalHasItsCode) {
     program.events.clear();
     setenv("ZARVO_SESSION_SERVER", address.c_str(), 1);
     program.connect(where, key);
-    EXPECT_TRUE(program.wait_event(event)) << program.error_text;
-    EXPECT_THAT(program.error_text, HasSubstr(named));
+    EXPECT_TRUE(program.waitEvent(event)) << program.errorText;
+    EXPECT_THAT(program.errorText, HasSubstr(named));
     program.disconnect();
   }
 }
@@ -152,36 +152,36 @@ TEST_F(Incoming, ALostConnectionIsMadeAgainUntilItIsGone) {
   publish("Guest - Goes");
   const Stream& stays = subscribe("Guest - Stays");
   subscribe("Guest - Goes");
-  ASSERT_TRUE(wait_frames(stays));
+  ASSERT_TRUE(waitFrames(stays));
 
   browser->call("cutRoad");
-  ASSERT_TRUE(program.wait_event("reconnection started"));
+  ASSERT_TRUE(program.waitEvent("reconnection started"));
   browser->call("leave", {{"as", "Guest - Goes"}});
   publish("Guest - Comes");
   browser->call("mendRoad");
-  ASSERT_TRUE(program.wait_event("reconnected"));
-  EXPECT_TRUE(program.wait_event("stream dropped Guest - Goes"));
-  EXPECT_TRUE(wait_frames(subscribe("Guest - Comes")));
-  EXPECT_TRUE(wait_frames(stays));
+  ASSERT_TRUE(program.waitEvent("reconnected"));
+  EXPECT_TRUE(program.waitEvent("stream dropped Guest - Goes"));
+  EXPECT_TRUE(waitFrames(subscribe("Guest - Comes")));
+  EXPECT_TRUE(waitFrames(stays));
   EXPECT_EQ(0, stays.disconnected) << "media do not depend on the server's WebSocket";
   EXPECT_EQ(1, program.count("stream received Guest - Stays"));
 
   const pid_t janus = std::stoi(std::getenv("JANUS_PID"));
   kill(janus, SIGSTOP);
-  EXPECT_TRUE(program.wait_event("reconnection started", 2));
+  EXPECT_TRUE(program.waitEvent("reconnection started", 2));
   kill(janus, SIGCONT);
-  EXPECT_TRUE(program.wait_event("reconnected", 2));
-  EXPECT_TRUE(wait_frames(stays, 10));
+  EXPECT_TRUE(program.waitEvent("reconnected", 2));
+  EXPECT_TRUE(waitFrames(stays, 10));
   EXPECT_EQ(0, program.count("disconnected"));
 
   browser->call("closeRoad");
-  EXPECT_TRUE(program.wait_event("disconnected"));
+  EXPECT_TRUE(program.waitEvent("disconnected"));
   EXPECT_EQ(0, program.count("error 1006")) << "it had been connected";
 }
 
 TEST_F(Incoming, ASessionMayBeDeletedFromACallback) {
   publish("Guest - Ada");
-  for (const auto callback : {&Program::on_frame, &Program::on_stream}) {
+  for (const auto callback : {&Program::onFrame, &Program::onStream}) {
     bool deleted = false;
     const auto erase = [&] {
       otc_session_delete(program.session());
@@ -189,7 +189,7 @@ TEST_F(Incoming, ASessionMayBeDeletedFromACallback) {
     };
     program.note([&] { program.*callback = erase; });
     program.connect(room, token);
-    if (callback == &Program::on_frame) subscribe("Guest - Ada");
+    if (callback == &Program::onFrame) subscribe("Guest - Ada");
     ASSERT_TRUE(program.wait([&] { return deleted; }));
     program.disconnect();
   }
@@ -204,7 +204,7 @@ TEST_F(Incoming, NothingIsToldAfterADelete) {
     if (turn % 3 > 0) {
       const Stream& ada = subscribe("Guest - Ada");
       if (turn % 3 == 2) {
-        ASSERT_TRUE(wait_frames(ada)) << "turn " << turn;
+        ASSERT_TRUE(waitFrames(ada)) << "turn " << turn;
       }
     }
     otc_session* handle = program.session();
@@ -212,7 +212,7 @@ TEST_F(Incoming, NothingIsToldAfterADelete) {
     EXPECT_EQ(OTC_INVALID_PARAM, otc_session_send_signal(handle, "late", ""));
     EXPECT_EQ(OTC_INVALID_PARAM, otc_session_delete(handle));
   }
-  EXPECT_EQ(0, program.calls_after_delete);
+  EXPECT_EQ(0, program.callsAfterDelete);
 }
 
 }  // namespace

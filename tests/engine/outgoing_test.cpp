@@ -19,7 +19,7 @@ using testing::ElementsAre;
 // it pictures of one colour, and the audio device a tone.
 class Show {
  public:
-  explicit Show(Program& its_program) : program(its_program) {
+  explicit Show(Program& itsProgram) : program(itsProgram) {
     otc_video_capturer_callbacks capturer = {};
     capturer.init = [](const otc_video_capturer* handle, void* show) {
       static_cast<Show*>(show)->capturer = handle;
@@ -61,7 +61,7 @@ class Show {
       double phase = 0;
       auto next = std::chrono::steady_clock::now();
       for (std::size_t turn = 0; !stop.stop_requested(); ++turn) {
-        if (turn % 2 == 0) give_frame();
+        if (turn % 2 == 0) giveFrame();
         std::vector<std::int16_t> stereo(2 * blocks.at(turn % blocks.size()));
         for (std::size_t i = 0; i < stereo.size(); i += 2) {
           phase += 2 * std::numbers::pi * 660 / 48000;
@@ -75,8 +75,8 @@ class Show {
   }
   void stop() { feeder = {}; }
 
-  void give_frame() {
-    otc_video_frame* frame = blue ? blue_frame() : green_frame();
+  void giveFrame() {
+    otc_video_frame* frame = blue ? blueFrame() : greenFrame();
     otc_video_capturer_provide_frame(capturer, 0, frame);
     otc_video_frame_delete(frame);
   }
@@ -88,11 +88,11 @@ class Show {
 
  private:
   static otc_bool called(void* show, const std::string& call) {
-    static_cast<Show*>(show)->program.note_event(call);
+    static_cast<Show*>(show)->program.noteEvent(call);
     return OTC_TRUE;
   }
 
-  static otc_video_frame* green_frame() {
+  static otc_video_frame* greenFrame() {
     auto* pixels = new std::vector<std::uint32_t>(1024 * 576, 0xff00ff00);
     const auto release = [](void* argument) {
       ++released;
@@ -104,7 +104,7 @@ class Show {
         reinterpret_cast<const std::uint8_t*>(pixels->data()), pixels->size() * 4, release, pixels);
   }
   // Of another size and in three planes; in BT.601.
-  static otc_video_frame* blue_frame() {
+  static otc_video_frame* blueFrame() {
     static const std::vector<std::uint8_t> y(640 * 360, 41);
     static const std::vector<std::uint8_t> u(320 * 180, 240);
     static const std::vector<std::uint8_t> v(320 * 180, 110);
@@ -125,11 +125,11 @@ class Outgoing : public RoomTest {
     RoomTest::SetUp();
     join("Guest - Ada");
     program.connect(room, token);
-    ASSERT_TRUE(program.wait_event("connected"));
+    ASSERT_TRUE(program.waitEvent("connected"));
   }
 
   // Polls what the browser sees until it is so; the last look, whether or not it came to be.
-  static json look_until(const std::function<bool(const json&)>& so) {
+  static json lookUntil(const std::function<bool(const json&)>& so) {
     json seen;
     for (int i = 0; i < 100; ++i) {
       seen = browser->call("look", {{"as", "Guest - Ada"}});
@@ -148,17 +148,17 @@ class Outgoing : public RoomTest {
 
 TEST_F(Outgoing, PicturesAndSoundReachTheBrowser) {
   ASSERT_EQ(OTC_SUCCESS, otc_session_publish(program.session(), show.publisher));
-  ASSERT_TRUE(program.wait_event("created"));
+  ASSERT_TRUE(program.waitEvent("created"));
   show.feed();
   browser->call("watch", {{"as", "Guest - Ada"}});
-  json seen = look_until([](const json& s) { return near(s["color"], 0, 255, 0) && s["level"] > -40; });
+  json seen = lookUntil([](const json& s) { return near(s["color"], 0, 255, 0) && s["level"] > -40; });
   EXPECT_TRUE(near(seen["color"], 0, 255, 0)) << seen;
   EXPECT_EQ(1024, seen["width"]);
   EXPECT_NEAR(660, seen["tone"].get<double>(), 12) << seen;
 
   // Another size and another layout, in the middle of it.
   show.blue = true;
-  seen = look_until([](const json& s) { return s["width"] == 640 && near(s["color"], 0, 0, 255); });
+  seen = lookUntil([](const json& s) { return s["width"] == 640 && near(s["color"], 0, 0, 255); });
   EXPECT_TRUE(near(seen["color"], 0, 0, 255)) << seen;
   EXPECT_EQ(0, program.streams.size()) << "our own stream came back";
 
@@ -172,27 +172,27 @@ TEST_F(Outgoing, PublishingStartsAndStopsWithEverythingInFlight) {
   // From a second thread, and faster than anybody encodes; but the rest of the test needs a core, too.
   std::jthread other([this](const std::stop_token& stop) {
     while (!stop.stop_requested()) {
-      show.give_frame();
+      show.giveFrame();
       std::this_thread::sleep_for(1ms);
     }
   });
   for (int turn = 0; turn < 6; ++turn) {
     ASSERT_EQ(OTC_SUCCESS, otc_session_publish(program.session(), show.publisher));
     if (turn % 2 == 0) {
-      ASSERT_TRUE(program.wait_event("created", turn / 2 + 1));
+      ASSERT_TRUE(program.waitEvent("created", turn / 2 + 1));
     }
     if (turn == 2) {  // the session goes first, and the publisher is published into the next
       program.disconnect();
       program.connect(room, token);
-      ASSERT_TRUE(program.wait_event("connected", 2));
+      ASSERT_TRUE(program.waitEvent("connected", 2));
     } else {
       ASSERT_EQ(OTC_SUCCESS, otc_session_unpublish(program.session(), show.publisher));
     }
   }
   ASSERT_EQ(OTC_SUCCESS, otc_session_publish(program.session(), show.publisher));
-  ASSERT_TRUE(program.wait_event("created", 4));
+  ASSERT_TRUE(program.waitEvent("created", 4));
   browser->call("watch", {{"as", "Guest - Ada"}});
-  const json seen = look_until([](const json& s) { return near(s["color"], 0, 255, 0); });
+  const json seen = lookUntil([](const json& s) { return near(s["color"], 0, 255, 0); });
   EXPECT_TRUE(near(seen["color"], 0, 255, 0)) << seen;
   program.disconnect();
   show.stop();

@@ -18,8 +18,8 @@
 // A stream as it was announced, and what its subscriber was last given.
 struct Stream {
   int type = 0;
-  int announced_width = 0;
-  int announced_height = 0;
+  int announcedWidth = 0;
+  int announcedHeight = 0;
   otc_subscriber* subscriber = nullptr;
   int connected = 0;
   int disconnected = 0;
@@ -46,7 +46,7 @@ class Program {
   Program& operator=(const Program&) = delete;
 
   void connect(const std::string& room, const std::string& token) {
-    const otc_session_callbacks callbacks = session_callbacks();
+    const otc_session_callbacks callbacks = sessionCallbacks();
     otc_session* made = otc_session_new("00000000", room.c_str(), &callbacks);
     note([&] { session_ = made; });
     otc_session_connect(made, token.c_str());
@@ -63,7 +63,7 @@ class Program {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, std::chrono::minutes(3), so);
   }
-  bool wait_event(const std::string& event, int times = 1) {
+  bool waitEvent(const std::string& event, int times = 1) {
     return wait([&] { return count(event) >= times; });
   }
   std::ptrdiff_t count(const std::string& event) const { return std::ranges::count(events, event); }
@@ -75,7 +75,7 @@ class Program {
     write();
     changed_.notify_all();
   }
-  void note_event(const std::string& event) {
+  void noteEvent(const std::string& event) {
     note([&] { events.push_back(event); });
   }
 
@@ -83,12 +83,12 @@ class Program {
   std::vector<std::string> events;
   std::map<std::string, Stream> streams;  // by name
   std::vector<std::pair<std::string, std::string>> signals;
-  std::string error_text;
-  int calls_after_delete = 0;
+  std::string errorText;
+  int callsAfterDelete = 0;
 
   // Called once, in the next such callback, without the lock.
-  std::function<void()> on_frame;
-  std::function<void()> on_stream;
+  std::function<void()> onFrame;
+  std::function<void()> onStream;
 
  private:
   // A subscriber's user data.
@@ -103,67 +103,67 @@ class Program {
   static void change(void* data, Change&& write) {
     const auto& watcher = *static_cast<Watcher*>(data);
     watcher.program.note([&] {
-      if (watcher.program.session_ == nullptr) ++watcher.program.calls_after_delete;
+      if (watcher.program.session_ == nullptr) ++watcher.program.callsAfterDelete;
       write(watcher.program.streams[watcher.name]);
     });
   }
 
-  void call_once(std::function<void()>& hook) {
+  void callOnce(std::function<void()>& hook) {
     std::function<void()> call;
     note([&] { call = std::exchange(hook, nullptr); });
     if (call) call();
   }
 
-  otc_session_callbacks session_callbacks() {
+  otc_session_callbacks sessionCallbacks() {
     otc_session_callbacks c = {};
-    c.on_connected = [](otc_session*, void* data) { program(data).note_event("connected"); };
-    c.on_disconnected = [](otc_session*, void* data) { program(data).note_event("disconnected"); };
+    c.on_connected = [](otc_session*, void* data) { program(data).noteEvent("connected"); };
+    c.on_disconnected = [](otc_session*, void* data) { program(data).noteEvent("disconnected"); };
     c.on_connection_created = [](otc_session*, void*, const otc_connection*) {};
     c.on_connection_dropped = [](otc_session*, void* data, const otc_connection*) {
-      program(data).note_event("connection dropped");
+      program(data).noteEvent("connection dropped");
     };
     c.on_stream_received = [](otc_session*, void* data, const otc_stream* stream) {
-      program(data).stream_received(stream);
+      program(data).streamReceived(stream);
     };
     c.on_stream_dropped = [](otc_session*, void* data, const otc_stream* stream) {
-      program(data).note_event(std::string("stream dropped ") + otc_stream_get_name(stream));
+      program(data).noteEvent(std::string("stream dropped ") + otc_stream_get_name(stream));
     };
     c.on_stream_has_audio_changed = [](otc_session*, void* data, const otc_stream*, otc_bool on) {
-      program(data).note_event(on ? "audio on" : "audio off");
+      program(data).noteEvent(on ? "audio on" : "audio off");
     };
     c.on_stream_has_video_changed = [](otc_session*, void* data, const otc_stream*, otc_bool on) {
-      program(data).note_event(on ? "video on" : "video off");
+      program(data).noteEvent(on ? "video on" : "video off");
     };
     c.on_signal_received = [](otc_session*, void* data, const char* type, const char* text,
                               const otc_connection*) {
       program(data).note([&] { program(data).signals.emplace_back(type, text); });
     };
     c.on_reconnection_started = [](otc_session*, void* data) {
-      program(data).note_event("reconnection started");
+      program(data).noteEvent("reconnection started");
     };
-    c.on_reconnected = [](otc_session*, void* data) { program(data).note_event("reconnected"); };
+    c.on_reconnected = [](otc_session*, void* data) { program(data).noteEvent("reconnected"); };
     c.on_error = [](otc_session*, void* data, const char* text, int code) {
-      program(data).note([&] { program(data).error_text = text; });
-      program(data).note_event("error " + std::to_string(code));
+      program(data).note([&] { program(data).errorText = text; });
+      program(data).noteEvent("error " + std::to_string(code));
     };
     c.user_data = this;
     return c;
   }
 
-  void stream_received(const otc_stream* stream) {
+  void streamReceived(const otc_stream* stream) {
     const std::string name = otc_stream_get_name(stream);
     // As the program that this stands for, it never frees a watcher nor a subscriber.
-    const otc_subscriber_callbacks callbacks = subscriber_callbacks(new Watcher{*this, name});
+    const otc_subscriber_callbacks callbacks = subscriberCallbacks(new Watcher{*this, name});
     otc_subscriber* subscriber = otc_subscriber_new(stream, &callbacks);
     note([&] {
       events.push_back("stream received " + name);
       streams[name] = {otc_stream_get_video_type(stream), otc_stream_get_video_width(stream),
                        otc_stream_get_video_height(stream), subscriber};
     });
-    call_once(on_stream);
+    callOnce(onStream);
   }
 
-  static otc_subscriber_callbacks subscriber_callbacks(Watcher* watcher) {
+  static otc_subscriber_callbacks subscriberCallbacks(Watcher* watcher) {
     otc_subscriber_callbacks c = {};
     c.on_connected = [](otc_subscriber*, void* data, const otc_stream*) {
       change(data, [](Stream& stream) { ++stream.connected; });
@@ -179,7 +179,7 @@ class Program {
         stream.height = otc_video_frame_get_height(frame);
       });
       Program& self = static_cast<Watcher*>(data)->program;
-      self.call_once(self.on_frame);
+      self.callOnce(self.onFrame);
     };
     c.on_error = [](otc_subscriber*, void*, const char*, int) {};
     c.on_audio_data = [](otc_subscriber*, void* data, const otc_audio_data*) {

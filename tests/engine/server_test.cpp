@@ -21,8 +21,8 @@ using testing::StartsWith;
 // test's, after the time that it works, and a guest publishes just before.
 class FakeServer {
  public:
-  explicit FakeServer(std::function<json(const json& body)> joined, int milliseconds_at_work = 0)
-      : joined_(std::move(joined)), milliseconds_at_work_(milliseconds_at_work) {
+  explicit FakeServer(std::function<json(const json& body)> joined, int millisecondsAtWork = 0)
+      : joined_(std::move(joined)), millisecondsAtWork_(millisecondsAtWork) {
     std::promise<std::string> address;
     thread_ = std::thread([this, &address] { serve(address); });
     setenv("ZARVO_SESSION_SERVER", address.get_future().get().c_str(), 1);
@@ -37,7 +37,7 @@ class FakeServer {
   }
 
   // Waits until the session is destroyed: whether a plugin was at work then.
-  bool destroyed_at_work() { return destroyed_.get_future().get(); }
+  bool destroyedAtWork() { return destroyed_.get_future().get(); }
 
  private:
   void serve(std::promise<std::string>& address) {
@@ -75,7 +75,7 @@ class FakeServer {
     json answer = {{"janus", "ack"}, {"transaction", request["transaction"]}};
     if (kind == "create" || kind == "attach") {
       answer["janus"] = "success";
-      answer["data"]["id"] = ++self->last_id_;
+      answer["data"]["id"] = ++self->lastId_;
     } else if (kind == "message") {
       soup_websocket_connection_send_text(client, answer.dump().c_str());
       json early = {{"janus", "event"}, {"sender", request["handle_id"]}};
@@ -88,17 +88,17 @@ class FakeServer {
       self->work(client, answer.dump());
       return;
     } else if (kind == "destroy") {
-      self->destroyed_.set_value(self->at_work_ > 0);
+      self->destroyed_.set_value(self->atWork_ > 0);
     }
     soup_websocket_connection_send_text(client, answer.dump().c_str());
   }
 
   // Sends a plugin's answer once it has worked for it.
   void work(SoupWebsocketConnection* client, const std::string& answer) {
-    ++at_work_;
-    GSource* end = g_timeout_source_new(static_cast<guint>(milliseconds_at_work_));
+    ++atWork_;
+    GSource* end = g_timeout_source_new(static_cast<guint>(millisecondsAtWork_));
     auto* task = new std::function<void()>([this, client, answer] {
-      --at_work_;
+      --atWork_;
       soup_websocket_connection_send_text(client, answer.c_str());
     });
     g_source_set_callback(
@@ -109,12 +109,12 @@ class FakeServer {
   }
 
   std::function<json(const json&)> joined_;
-  const int milliseconds_at_work_;
-  int at_work_ = 0;
+  const int millisecondsAtWork_;
+  int atWork_ = 0;
   std::promise<bool> destroyed_;
   GMainContext* context_ = nullptr;
   GMainLoop* loop_ = nullptr;
-  int last_id_ = 0;
+  int lastId_ = 0;
   std::thread thread_;
 };
 
@@ -122,8 +122,8 @@ TEST(Server, OneThatDoesNotAnswerAJoinIsGivenUp) {
   const FakeServer server([](const json&) { return json(); });
   Program program;
   program.connect("room", "token");
-  EXPECT_TRUE(program.wait([&] { return !program.error_text.empty(); }));
-  EXPECT_THAT(program.error_text, StartsWith("Session room could not be joined: the server does not answer"));
+  EXPECT_TRUE(program.wait([&] { return !program.errorText.empty(); }));
+  EXPECT_THAT(program.errorText, StartsWith("Session room could not be joined: the server does not answer"));
 }
 
 TEST(Server, ASessionIsNotDestroyedWhileAPluginIsAtWork) {
@@ -138,7 +138,7 @@ TEST(Server, ASessionIsNotDestroyedWhileAPluginIsAtWork) {
   program.connect("room", "token");
   joining.get_future().wait();
   program.disconnect();
-  EXPECT_FALSE(server.destroyed_at_work());
+  EXPECT_FALSE(server.destroyedAtWork());
 }
 
 TEST(Server, WhoeverComesDuringTheJoinIsSeenAndNamesAreBounded) {
