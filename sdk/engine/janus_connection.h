@@ -55,6 +55,8 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   JanusConnection& operator=(const JanusConnection&) = delete;
 
   void open();
+  // Whether the server is reached just now; while it is not, what is asked waits.
+  bool isOpen() const { return state_ == State::open; }
   // Ends the session. The listener and pending replies hear nothing more.
   void close();
 

@@ -17,11 +17,6 @@
 namespace engine {
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr auto retryInterval = 1s;
-constexpr int mostFailures = 10;
-
 // The encoder keeps up by giving up quality: with a positive cpu-used it picks its own speed, so that a
 // frame takes (16 - cpu-used) / 16 of the time between two, an eighth. It never drops a frame and holds none
 // back. A second thread would only take three times the processor's time: the two wait for each other by
@@ -74,7 +69,8 @@ Publication::Publication(std::shared_ptr<JanusConnection> janus, otc_publisher& 
       publisher_(publisher),
       us_(us),
       room_(std::move(room)),
-      token_(std::move(token)) {
+      token_(std::move(token)),
+      retry_([this] { open(); }) {
   stream_.name = publisher_.settings.name;
   stream_.hasAudio = publisher_.settings.audio;
   stream_.hasVideo = publisher_.settings.video;
@@ -97,7 +93,12 @@ void Publication::closePeer() {
   video_.reset();
 }
 
+void Publication::networkIsBack() {
+  if (!announced_) retry_.now();
+}
+
 void Publication::open() {
+  if (!janus_->isOpen()) return;  // once it is, networkIsBack is called
   closePeer();
   peer_ = std::make_shared<Peer>(janus_, static_cast<Peer::Listener&>(*this));
   if (!build()) return;
@@ -192,24 +193,18 @@ void Publication::peerConnected() {
     AudioDevice::get().startCapturer();
   }
   if (publisher_.settings.hasCapturer) publisher_.capturer.start();
-  failures_ = 0;
+  retry_.succeeded();
   announced_ = true;
   publisher_.call(publisher_.callbacks.on_stream_created, &stream_);
 }
 
 void Publication::peerFailed(const std::string& reason) {
-  if (retry_.running()) return;
+  if (retry_.waits()) return;
   logWarning("Publishing \"{}\": {}.", stream_.name, reason);
   if (std::exchange(announced_, false)) {
     publisher_.call(publisher_.callbacks.on_stream_destroyed, &stream_);
   }
-  if (++failures_ > mostFailures) {
-    const std::string text = "The show is not published: " + reason + ". Stop publishing and start again.";
-    closePeer();
-    publisher_.call(publisher_.callbacks.on_error, text.c_str(), OTC_SESSION_CONNECTION_FAILED);
-    return;
-  }
-  retry_.once(retryInterval, [this] { open(); });
+  retry_.later();
 }
 
 }  // namespace engine

@@ -6,6 +6,7 @@
 #include "callback_scope.h"
 #include "capturer.h"
 #include "peer.h"
+#include "retry.h"
 #include "stream.h"
 
 namespace engine {
@@ -42,7 +43,7 @@ namespace engine {
 class Bitrate;
 
 // A publisher's stream as it is sent: a participant of its own in the room, from publish to
-// unpublish. A connection that breaks is made again. Lives on the engine's thread.
+// unpublish. A connection that breaks is made again, however often. Lives on the engine's thread.
 class Publication final : private Peer::Listener {
  public:
   Publication(std::shared_ptr<JanusConnection> janus, otc_publisher& publisher, Room& us, std::string room,
@@ -52,6 +53,9 @@ class Publication final : private Peer::Listener {
   ~Publication();
   Publication(const Publication&) = delete;
   Publication& operator=(const Publication&) = delete;
+
+  // The server is reached again: what failed meanwhile is made again at once.
+  void networkIsBack();
 
  private:
   void peerAttached() override;
@@ -77,8 +81,7 @@ class Publication final : private Peer::Listener {
   otc_video_capturer_settings hint_ = {};
   otc_stream stream_;
   bool announced_ = false;
-  int failures_ = 0;
-  Timer retry_;
+  Retry retry_;
 };
 
 }  // namespace engine

@@ -76,7 +76,11 @@ void Session::janusLost() {
 void Session::janusRecovered() {
   logInfo("Session {} is connected again.", id_);
   call(callbacks_.on_reconnected);
-  if (!closed_) learnWhatWasMissed();
+  if (closed_) return;
+  learnWhatWasMissed();
+  signals_.networkIsBack();
+  for (const auto& [subscriber, subscription] : subscriptions_) subscription->networkIsBack();
+  for (const auto& [publisher, publication] : publications_) publication->networkIsBack();
 }
 
 void Session::janusGone(const std::string& reason) {

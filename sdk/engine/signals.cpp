@@ -12,7 +12,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto retryInterval = 1s;
+constexpr auto refusalPause = 1s;
 constexpr auto answerTime = 10s;
 constexpr std::size_t mostWaiting = 256;
 
@@ -23,7 +23,10 @@ std::string dump(const json& value) {
 }  // namespace
 
 Signals::Signals(std::shared_ptr<JanusConnection> janus, Listener& listener, std::string room)
-    : janus_(std::move(janus)), listener_(listener), room_(std::move(room)) {}
+    : janus_(std::move(janus)),
+      listener_(listener),
+      room_(std::move(room)),
+      retry_([this] { openChannel(); }) {}
 
 Signals::~Signals() {
   close();
@@ -31,6 +34,7 @@ Signals::~Signals() {
 
 void Signals::close() {
   life_.reset();
+  answerDeadline_.stop();
   retry_.stop();
   joined_ = false;
   waiting_.clear();
@@ -45,6 +49,7 @@ void Signals::open(const std::string& token, const std::string& ownId) {
 }
 
 void Signals::openChannel() {
+  if (!janus_->isOpen()) return;  // once it is, networkIsBack is called
   life_ = std::make_shared<int>();
   joined_ = false;
   peer_ = std::make_shared<Peer>(janus_, static_cast<Peer::Listener&>(*this));
@@ -66,9 +71,11 @@ void Signals::peerAttached() {
 }
 
 void Signals::peerFailed(const std::string& reason) {
+  if (retry_.waits()) return;
   logWarning("Signals: {}. Opening the channel again.", reason);
   joined_ = false;
-  retry_.once(retryInterval, [this] { openChannel(); });
+  answerDeadline_.stop();
+  retry_.later();
 }
 
 void Signals::makeChannel() {
@@ -90,7 +97,7 @@ void Signals::makeChannel() {
         [](gpointer data, GClosure*) { delete static_cast<Context*>(data); }, GConnectFlags{});
   };
   connect("on-open", G_CALLBACK(+[](GstWebRTCDataChannel*, Context* context) {
-            context->post([](Signals& self) { self.channelOpened(); });
+            context->post([](Signals& self) { self.join(); });
           }));
   connect("on-close", G_CALLBACK(+[](GstWebRTCDataChannel*, Context* context) {
             context->post([](Signals& self) { self.peerFailed("the data channel was closed"); });
@@ -101,13 +108,17 @@ void Signals::makeChannel() {
           }));
 }
 
-void Signals::channelOpened() {
+void Signals::networkIsBack() {
+  if (!joined_) retry_.now();
+}
+
+void Signals::join() {
   write(dump({{"textroom", "join"},
               {"transaction", "join"},
               {"room", room_},
               {"token", token_},
               {"username", ownId_}}));
-  retry_.once(answerTime, [this] { peerFailed("the room does not answer"); });
+  answerDeadline_.once(answerTime, [this] { peerFailed("the room does not answer"); });
 }
 
 void Signals::channelMessage(const std::string& text) {
@@ -120,7 +131,7 @@ void Signals::channelMessage(const std::string& text) {
     if (!std::exchange(refused_, true)) {
       logWarning("Signals: the room refuses to be joined: {}. Trying again.", stringAt(message, "error"));
     }
-    retry_.once(retryInterval, [this] { channelOpened(); });
+    answerDeadline_.once(refusalPause, [this] { join(); });
   } else if (kind == "message") {
     const json signal = json::parse(stringAt(message, "text"), nullptr, false);
     const json& type = objectAt(signal, "type");
@@ -132,7 +143,8 @@ void Signals::channelMessage(const std::string& text) {
 }
 
 void Signals::joined() {
-  retry_.stop();
+  answerDeadline_.stop();
+  retry_.succeeded();
   joined_ = true;
   refused_ = false;
   for (const std::string& text : std::exchange(waiting_, {})) write(text);

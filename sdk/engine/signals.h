@@ -5,6 +5,7 @@
 #include <string>
 
 #include "peer.h"
+#include "retry.h"
 
 typedef struct _GstWebRTCDataChannel GstWebRTCDataChannel;
 
@@ -29,6 +30,8 @@ class Signals final : private Peer::Listener {
 
   void open(const std::string& token, const std::string& ownId);
   void close();
+  // The server is reached again: a channel that failed meanwhile is opened again at once.
+  void networkIsBack();
   // Takes a message of `encode`. What is sent before the channel is open waits and goes out in order.
   void send(const std::string& message);
 
@@ -45,8 +48,8 @@ class Signals final : private Peer::Listener {
 
   void openChannel();
   void makeChannel();
-  void channelOpened();
   void channelMessage(const std::string& text);
+  void join();
   void joined();
   void write(const std::string& text);
 
@@ -60,7 +63,8 @@ class Signals final : private Peer::Listener {
   bool joined_ = false;
   bool refused_ = false;
   std::deque<std::string> waiting_;
-  Timer retry_;
+  Timer answerDeadline_;
+  Retry retry_;
   // What the channel's thread posts here is dropped when this has gone or begun anew.
   std::shared_ptr<int> life_;
 };

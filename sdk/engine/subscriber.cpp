@@ -2,6 +2,7 @@
 
 #include <gst/video/video.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <utility>
@@ -15,12 +16,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto retryInterval = 1s;
-constexpr int mostFailures = 10;
 constexpr auto pictureCheckInterval = 1s;
-// A connection that brings no picture by then is said to, and then made again.
+// A connection that brings no picture by then is said to, and then made again: the first time after the
+// fewest checks, then ever more seldom, as its sound may well come and is interrupted.
 constexpr int checksBeforeWarning = 4;
-constexpr int checksBeforeFailure = 10;
+constexpr int fewestChecksBeforeFailure = 10;
+constexpr int mostChecksBeforeFailure = 80;
 // What no camera and no screen has: 8K. Each picture takes room in the program several times.
 constexpr int largestSide = 8192;
 constexpr std::int64_t largestPicture = std::int64_t{7680} * 4320;
@@ -108,7 +109,12 @@ void applySwitches(otc_subscriber& subscriber) {
 
 Subscription::Subscription(std::shared_ptr<JanusConnection> janus, otc_subscriber& subscriber,
                            std::string room, std::string token)
-    : janus_(std::move(janus)), subscriber_(subscriber), room_(std::move(room)), token_(std::move(token)) {
+    : janus_(std::move(janus)),
+      subscriber_(subscriber),
+      room_(std::move(room)),
+      token_(std::move(token)),
+      checksBeforeFailure_(fewestChecksBeforeFailure),
+      retry_([this] { open(); }) {
   subscriber_.subscription = this;
   open();
 }
@@ -120,12 +126,18 @@ Subscription::~Subscription() {
 }
 
 void Subscription::open() {
+  if (!janus_->isOpen()) return;  // once it is, networkIsBack is called
   videoMid_.clear();
   audioMid_.clear();
   videoSent_ = audioSent_ = true;
   peer_ = std::make_shared<Peer>(janus_, static_cast<Peer::Listener&>(*this));
   peer_->acceptOffersWith({{"request", "start"}, {"room", room_}});
   peer_->open("janus.plugin.videoroom");
+}
+
+void Subscription::networkIsBack() {
+  checksBeforeFailure_ = fewestChecksBeforeFailure;
+  if (!connected_) retry_.now();
 }
 
 void Subscription::peerAttached() {
@@ -188,13 +200,15 @@ void Subscription::lookAfterPictures() {
   const bool came = pictures != std::exchange(picturesBefore_, pictures);
   if (came || !subscriber_.video || !picturesExpected_) {
     checksWithoutPicture_ = 0;
+    checksBeforeFailure_ = fewestChecksBeforeFailure;
     return;
   }
   ++checksWithoutPicture_;
   if (checksWithoutPicture_ == checksBeforeWarning) {
     logWarning("Stream {}: connected, but no picture comes.", harmless(subscriber_.stream.id));
   }
-  if (checksWithoutPicture_ == checksBeforeFailure) {
+  if (checksWithoutPicture_ == checksBeforeFailure_) {
+    checksBeforeFailure_ = std::min(2 * checksBeforeFailure_, mostChecksBeforeFailure);
     peerFailed("no picture came");
   } else {
     askForKeyFrame();
@@ -202,7 +216,8 @@ void Subscription::lookAfterPictures() {
 }
 
 void Subscription::peerConnected() {
-  failures_ = 0;
+  connected_ = true;
+  retry_.succeeded();
   checksWithoutPicture_ = 0;
   pictureCheck_.every(pictureCheckInterval, [this] { lookAfterPictures(); });
   AudioDevice::get().startRenderer();
@@ -214,17 +229,11 @@ void Subscription::peerConnected() {
 }
 
 void Subscription::peerFailed(const std::string& reason) {
-  if (retry_.running()) return;
+  if (retry_.waits()) return;
   pictureCheck_.stop();
   logWarning("Stream {}: {}.", harmless(subscriber_.stream.id), reason);
-  if (failures_ == 0 && wasConnected_) subscriber_.call(subscriber_.callbacks.on_disconnected);
-  if (++failures_ > mostFailures) {
-    const std::string text = "The stream is not received: " + reason + ". Take the guest out and in again.";
-    peer_.reset();
-    subscriber_.call(subscriber_.callbacks.on_error, text.c_str(), OTC_SESSION_CONNECTION_FAILED);
-    return;
-  }
-  retry_.once(retryInterval, [this] { open(); });
+  if (std::exchange(connected_, false)) subscriber_.call(subscriber_.callbacks.on_disconnected);
+  retry_.later();
 }
 
 void Subscription::peerPadAdded(GstPad* pad) {

@@ -7,6 +7,7 @@
 
 #include "callback_scope.h"
 #include "peer.h"
+#include "retry.h"
 #include "stream.h"
 
 namespace engine {
@@ -43,8 +44,8 @@ namespace engine {
 void applySwitches(otc_subscriber& subscriber);
 
 // A stream as it is received for a subscriber: a media connection of its own, from subscribe to
-// unsubscribe. One that breaks is made again. Lives on the engine's thread; frames and sound come
-// on GStreamer's.
+// unsubscribe. One that breaks is made again, however often. Lives on the engine's thread; frames and sound
+// come on GStreamer's.
 class Subscription final : private Peer::Listener {
  public:
   Subscription(std::shared_ptr<JanusConnection> janus, otc_subscriber& subscriber, std::string room,
@@ -56,6 +57,8 @@ class Subscription final : private Peer::Listener {
 
   // Takes what the subscriber's switches say to the server.
   void applySwitches();
+  // The server is reached again: what failed meanwhile is made again at once.
+  void networkIsBack();
   // Whether the guest sends any, as the room says.
   void expectPictures(bool expected) { picturesExpected_ = expected; }
 
@@ -82,12 +85,13 @@ class Subscription final : private Peer::Listener {
   std::string audioMid_;
   bool videoSent_ = true;
   bool audioSent_ = true;
+  bool connected_ = false;
   bool wasConnected_ = false;
-  int failures_ = 0;
   bool picturesExpected_ = true;
   unsigned picturesBefore_ = 0;
   int checksWithoutPicture_ = 0;
-  Timer retry_;
+  int checksBeforeFailure_;
+  Retry retry_;
   Timer pictureCheck_;
 };
 

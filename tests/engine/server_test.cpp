@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <libsoup/soup.h>
 
+#include <array>
+#include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <future>
@@ -10,10 +12,13 @@
 #include <thread>
 
 #include "program.h"
+#include "waiting.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using json = nlohmann::json;
+using Clock = std::chrono::steady_clock;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -36,6 +41,18 @@ class FakeServer {
     thread_.join();
   }
 
+  // Ends the connection to whoever came last; the session can be claimed.
+  void drop() {
+    g_main_context_invoke(
+        context_,
+        [](gpointer self) {
+          soup_websocket_connection_close(static_cast<FakeServer*>(self)->client_,
+                                          SOUP_WEBSOCKET_CLOSE_GOING_AWAY, nullptr);
+          return G_SOURCE_REMOVE;
+        },
+        this);
+  }
+
   // Waits until the session is destroyed: whether a plugin was at work then.
   bool destroyedAtWork() { return destroyed_.get_future().get(); }
 
@@ -50,7 +67,7 @@ class FakeServer {
     soup_server_add_websocket_handler(
         server, nullptr, nullptr, protocols,
         +[](SoupServer*, SoupServerMessage*, const char*, SoupWebsocketConnection* client, gpointer self) {
-          g_object_ref(client);
+          static_cast<FakeServer*>(self)->client_ = SOUP_WEBSOCKET_CONNECTION(g_object_ref(client));
           g_signal_connect(client, "message", G_CALLBACK(received), self);
           g_signal_connect(client, "closed", G_CALLBACK(g_object_unref), nullptr);
         },
@@ -73,7 +90,7 @@ class FakeServer {
     const json request = json::parse(text, text + size);
     const std::string kind = request["janus"];
     json answer = {{"janus", "ack"}, {"transaction", request["transaction"]}};
-    if (kind == "create" || kind == "attach") {
+    if (kind == "create" || kind == "attach" || kind == "claim") {
       answer["janus"] = "success";
       answer["data"]["id"] = ++self->lastId_;
     } else if (kind == "message") {
@@ -114,6 +131,7 @@ class FakeServer {
   std::promise<bool> destroyed_;
   GMainContext* context_ = nullptr;
   GMainLoop* loop_ = nullptr;
+  SoupWebsocketConnection* client_ = nullptr;
   int lastId_ = 0;
   std::thread thread_;
 };
@@ -161,6 +179,28 @@ TEST(Server, WhoeverComesDuringTheJoinIsSeenAndNamesAreBounded) {
   const std::string name = program.streams.rbegin()->first;
   EXPECT_EQ(name.size(), 254);
   EXPECT_THAT(stars, StartsWith(name));
+}
+
+TEST(Server, AStreamThatFailsIsTriedEverMoreSlowlyAndAtOnceWhenTheServerIsBack) {
+  Mailbox<Clock::time_point> tries;
+  FakeServer server([&](const json& body) {
+    if (body.value("ptype", "") == "publisher") return json{{"videoroom", "joined"}, {"id", "us"}};
+    if (body.value("ptype", "") != "subscriber") return json();
+    tries.put(Clock::now());
+    return json{{"videoroom", "event"}, {"error_code", 428}, {"error", "No such feed"}};
+  });
+  Program program;
+  program.connect("room", "token");
+  ASSERT_TRUE(program.wait([&] { return !program.streams.empty(); })) << "without signals, too";
+  otc_session_subscribe(program.session(), program.streams["Guest - Early"].subscriber);
+  std::array<Clock::time_point, 4> times;
+  for (Clock::time_point& time : times) time = tries.next();
+  EXPECT_GE(times[2] - times[1], 1900ms);
+  EXPECT_GE(times[3] - times[2], 3900ms);
+
+  server.drop();
+  EXPECT_LT(tries.next() - times[3], 7s) << "eight seconds would be the next pause";
+  EXPECT_TRUE(program.waitEvent("reconnected"));
 }
 
 }  // namespace
