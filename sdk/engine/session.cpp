@@ -8,9 +8,13 @@
 namespace engine {
 namespace {
 
+using namespace std::chrono_literals;
+
 // The VideoRoom's numbers for a join that it refuses.
 constexpr int noSuchRoom = 426;
 constexpr int unauthorized = 433;
+// So long the streams wait for the signals.
+constexpr auto announceTime = 5s;
 
 std::string serverAddress() {
   const char* address = std::getenv("ZARVO_SESSION_SERVER");
@@ -46,6 +50,8 @@ void Session::close() {
 // Everything stops; the session can say only what is left to be said.
 void Session::end() {
   joined_ = false;
+  announceDeadline_.stop();
+  firstList_.reset();
   subscriptions_.clear();
   publications_.clear();
   signals_.close();
@@ -70,6 +76,7 @@ void Session::janusUnreachable(const std::string& reason) {
 }
 
 void Session::janusLost() {
+  announce();  // what is missed now is learnt by comparison with it
   call(callbacks_.on_reconnection_started);
 }
 
@@ -130,7 +137,19 @@ void Session::joined(const json& data) {
   for (auto& [publisher, publication] : publications_) {
     publication = std::make_unique<Publication>(janus_, *publisher, room_, id_, token_);
   }
-  takeList(data);
+  firstList_ = data;
+  announceDeadline_.once(announceTime, [this] { announce(); });
+}
+
+// A guest who is seen may be written to and writes, so whoever is there is told of only when signals arrive;
+// but also when they do not after a while.
+void Session::announce() {
+  announceDeadline_.stop();
+  if (const std::optional<json> list = std::exchange(firstList_, std::nullopt)) takeList(*list);
+}
+
+void Session::signalsOpened() {
+  announce();
 }
 
 // Who is in the room, as the answer to a join has it.
@@ -151,7 +170,7 @@ void Session::roomEvent(const json& event) {
     disconnected("it was taken out of the room");
   } else {
     if (joinsUnderWay_ > 0) eventsSinceJoin_.push_back(data);
-    if (joined_) room_.event(data);
+    if (joined_ && !firstList_) room_.event(data);
   }
 }
 

@@ -4,10 +4,12 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "callback_scope.h"
+#include "engine_thread.h"
 #include "janus_connection.h"
 #include "publisher.h"
 #include "room.h"
@@ -66,9 +68,11 @@ class Session final : public std::enable_shared_from_this<Session>,
   void hasAudioChanged(const otc_stream& stream) override;
   void hasVideoChanged(const otc_stream& stream) override;
   void signalReceived(const std::string& type, const std::string& data, const std::string& from) override;
+  void signalsOpened() override;
 
   void join(JanusConnection::Handle handle);
   void joined(const json& data);
+  void announce();
   void takeList(const json& data);
   void roomEvent(const json& event);
   void learnWhatWasMissed();
@@ -92,6 +96,9 @@ class Session final : public std::enable_shared_from_this<Session>,
   bool joined_ = false;
   int joinsUnderWay_ = 0;
   std::vector<json> eventsSinceJoin_;  // while a join is under way
+  // Who was in the room as we came, until it is told of; the join counts as under way as long.
+  std::optional<json> firstList_;
+  Timer announceDeadline_;
   std::shared_ptr<JanusConnection> janus_;
   Room room_;
   Signals signals_;

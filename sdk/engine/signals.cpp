@@ -148,6 +148,7 @@ void Signals::joined() {
   joined_ = true;
   refused_ = false;
   for (const std::string& text : std::exchange(waiting_, {})) write(text);
+  listener_.signalsOpened();
 }
 
 std::string Signals::encode(const std::string& room, const std::string& type, const std::string& data) {

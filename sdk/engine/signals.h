@@ -20,6 +20,8 @@ class Signals final : private Peer::Listener {
     // `from` is the id under which the sender is known in the room.
     virtual void signalReceived(const std::string& type, const std::string& data,
                                 const std::string& from) = 0;
+    // From now on no signal is missed; also when the channel was opened again.
+    virtual void signalsOpened() = 0;
 
    protected:
     ~Listener() = default;

@@ -127,6 +127,21 @@ TEST_F(Incoming, SignalsOfAnyShapeHarmNothing) {
             otc_session_send_signal(program.session(), "large", std::string(70000, 'x').c_str()));
 }
 
+// Else what a guest says on being seen would be lost.
+TEST_F(Incoming, WhoeverIsThereIsSeenOnceSignalsArrive) {
+  publish("Guest - Ada");
+  browser->call("openSignals", {{"as", "Guest - Ada"}});
+  program.note([&] {
+    program.onStream = [&] {
+      browser->call("sendSignal", {{"as", "Guest - Ada"}, {"type", "chat"}, {"data", "hello"}});
+    };
+  });
+  program.connect(room, token);
+  ASSERT_TRUE(program.waitEvent("stream received Guest - Ada"));
+  ASSERT_TRUE(program.wait([&] { return !program.signals.empty(); }));
+  EXPECT_THAT(program.signals, ElementsAre(Pair("chat", "hello")));
+}
+
 TEST_F(Incoming, EachRefusalHasItsCode) {
   using Refusal = std::array<std::string, 5>;
   for (const auto& [address, where, key, event, named] :
