@@ -4,6 +4,7 @@
 #include <malloc.h>
 #include <openssl/crypto.h>
 
+#include <cstring>
 #include <utility>
 
 #include "callback_scope.h"
@@ -124,7 +125,11 @@ otc_status otc_session_send_signal(otc_session* handle, const char* type, const 
   const std::shared_ptr<Session> session = sessionOf(handle);
   if (session == nullptr || type == nullptr || data == nullptr) return OTC_INVALID_PARAM;
   const std::string message = engine::Signals::encode(session->id(), type, data);
-  if (message.empty()) return OTC_INVALID_PARAM;
+  if (message.empty()) {
+    engine::logWarning("A signal \"{}\" of {} bytes is not sent: its message would have more than {}.",
+                       engine::harmless(type), std::strlen(data), engine::Signals::largestMessage);
+    return OTC_INVALID_PARAM;
+  }
   EngineThread::get().post([session, message] { session->sendSignal(message); });
   return OTC_SUCCESS;
 }

@@ -181,6 +181,22 @@ TEST(Server, WhoeverComesDuringTheJoinIsSeenAndNamesAreBounded) {
   EXPECT_THAT(stars, StartsWith(name));
 }
 
+TEST(Signal, OneThatIsTooLongIsNotSentAndLogged) {
+  static Mailbox<std::string> log;
+  Program program;
+  otc_log_set_logger_callback([](const char* line) { log.put(line); });
+  const otc_session_callbacks callbacks = {};
+  otc_session* session = otc_session_new("00000000", "room", &callbacks);
+  const auto send = [&](std::size_t length) {
+    return otc_session_send_signal(session, "audio_setting", std::string(length, 'x').c_str());
+  };
+  EXPECT_EQ(OTC_SUCCESS, send(59'000));
+  EXPECT_EQ(0, log.count());
+  EXPECT_EQ(OTC_INVALID_PARAM, send(60'000));
+  EXPECT_THAT(log.next(), StartsWith("[WARN] A signal \"audio_setting\" of 60000 bytes is not sent"));
+  otc_session_delete(session);
+}
+
 TEST(Server, AStreamThatFailsIsTriedEverMoreSlowlyAndAtOnceWhenTheServerIsBack) {
   Mailbox<Clock::time_point> tries;
   FakeServer server([&](const json& body) {
