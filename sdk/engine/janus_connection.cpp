@@ -44,11 +44,9 @@ const json& objectAt(const json& object, const char* key) {
   return value != object.end() ? *value : empty;
 }
 
-JanusConnection::JanusConnection(std::string server, Listener& listener)
-    : server_(std::move(server)), listener_(&listener) {}
-
-void JanusConnection::open() {
+void JanusConnection::open(const std::string& server) {
   if (state_ != State::closed) return;
+  server_ = server;
   soup_ = soup_session_new();
   state_ = State::opening;
   connect();

@@ -48,13 +48,14 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   // What Janus says of a handle unasked.
   using Event = std::function<void(const json& event)>;
 
-  JanusConnection(std::string server, Listener& listener);
+  explicit JanusConnection(Listener& listener) : listener_(&listener) {}
   // It is closed by then.
   ~JanusConnection() = default;
   JanusConnection(const JanusConnection&) = delete;
   JanusConnection& operator=(const JanusConnection&) = delete;
 
-  void open();
+  // `server` is a WebSocket's address, ws://host:port.
+  void open(const std::string& server);
   // Whether the server is reached just now; while it is not, what is asked waits.
   bool isOpen() const { return state_ == State::open; }
   // Ends the session. The listener and pending replies hear nothing more.
@@ -101,7 +102,7 @@ class JanusConnection : public std::enable_shared_from_this<JanusConnection> {
   void failOverdue();
   bool awaitsAnswer(Handle handle) const;
 
-  const std::string server_;
+  std::string server_;
   Listener* listener_;
   State state_ = State::closed;
   SoupSession* soup_ = nullptr;

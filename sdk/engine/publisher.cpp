@@ -64,12 +64,12 @@ json descriptions(const std::string& sdp) {
 }  // namespace
 
 Publication::Publication(std::shared_ptr<JanusConnection> janus, otc_publisher& publisher, Room& us,
-                         std::string room, std::string token)
+                         std::string room, Access access)
     : janus_(std::move(janus)),
       publisher_(publisher),
       us_(us),
       room_(std::move(room)),
-      token_(std::move(token)),
+      access_(std::move(access)),
       retry_([this] { open(); }) {
   stream_.name = publisher_.settings.name;
   stream_.hasAudio = publisher_.settings.audio;
@@ -163,8 +163,9 @@ void Publication::prime() {
 }
 
 void Publication::peerAttached() {
-  const json join = {{"request", "join"}, {"ptype", "publisher"}, {"room", room_},
-                     {"token", token_},   {"id", stream_.id},     {"display", stream_.name}};
+  const json join = {{"request", "join"},      {"ptype", "publisher"}, {"room", room_},
+                     {"token", access_.token}, {"pin", access_.pin},   {"id", stream_.id},
+                     {"display", stream_.name}};
   peer_->ask(join, [this](const json& data) {
     const std::string error = stringAt(data, "error");
     if (!error.empty()) {

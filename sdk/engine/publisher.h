@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "access.h"
 #include "callback_scope.h"
 #include "capturer.h"
 #include "peer.h"
@@ -47,7 +48,7 @@ class Bitrate;
 class Publication final : private Peer::Listener {
  public:
   Publication(std::shared_ptr<JanusConnection> janus, otc_publisher& publisher, Room& us, std::string room,
-              std::string token);
+              Access access);
   // On return no callback of the publisher's or its capturer's runs, and nothing of the program's
   // memory is in use.
   ~Publication();
@@ -73,7 +74,7 @@ class Publication final : private Peer::Listener {
   otc_publisher& publisher_;
   Room& us_;
   const std::string room_;
-  const std::string token_;
+  const Access access_;
   std::shared_ptr<Peer> peer_;
   Gst<GstElement> audio_;  // the pipeline's sources
   Gst<GstElement> video_;

@@ -31,15 +31,15 @@ Session::Session(otc_session* handle, const otc_session_callbacks& callbacks, st
     : handle_(handle),
       callbacks_(callbacks),
       id_(std::move(id)),
-      server_(serverAddress()),
-      janus_(std::make_shared<JanusConnection>(server_, static_cast<JanusConnection::Listener&>(*this))),
+      janus_(std::make_shared<JanusConnection>(static_cast<JanusConnection::Listener&>(*this))),
       room_(*this),
       signals_(janus_, *this, id_) {}
 
 void Session::connect(const std::string& token) {
-  token_ = token;
+  access_ = Access::parse(token);
+  server_ = access_.server.empty() ? serverAddress() : access_.server;
   logInfo("Connecting to session {} at {}.", id_, server_);
-  janus_->open();
+  janus_->open(server_);
 }
 
 void Session::close() {
@@ -71,8 +71,10 @@ void Session::disconnected(const std::string& reason) {
 }
 
 void Session::janusUnreachable(const std::string& reason) {
-  fail(OTC_SESSION_CONNECTION_FAILED, "The session server at " + server_ + " is not reached: " + reason +
-                                          ". Start it, or set ZARVO_SESSION_SERVER to its address.");
+  const char* remedy = access_.server.empty() ? "or set ZARVO_SESSION_SERVER to its address"
+                                              : "or connect with a token that names another";
+  fail(OTC_SESSION_CONNECTION_FAILED,
+       fmt::format("The session server at {} is not reached: {}. Start it, {}.", server_, reason, remedy));
 }
 
 void Session::janusLost() {
@@ -108,13 +110,18 @@ void Session::janusOpened() {
 }
 
 void Session::join(JanusConnection::Handle handle) {
-  const json body = {{"request", "join"}, {"ptype", "publisher"}, {"room", id_}, {"token", token_}};
+  const json body = {{"request", "join"},
+                     {"ptype", "publisher"},
+                     {"room", id_},
+                     {"token", access_.token},
+                     {"pin", access_.pin}};
   ++joinsUnderWay_;
   janus_->message(handle, body, nullptr, [this](const json& answer) {
     const json& code = objectAt(pluginData(answer), "error_code");
     if (code == json(unauthorized)) {
       fail(OTC_SESSION_AUTHORIZATION_FAILURE,
-           "Session " + id_ + " refuses the token. Join with a token that was issued for this session.");
+           "Session " + id_ +
+               " refuses the token or its pin. Join with a token that was issued for this session.");
     } else if (code == json(noSuchRoom)) {
       fail(OTC_SESSION_INVALID_SESSION,
            "There is no session " + id_ + " at " + server_ + ". Create it, or check its id.");
@@ -132,10 +139,10 @@ void Session::joined(const json& data) {
   joined_ = true;
   room_.addOwnId(ownId);
   logInfo("Connected to session {} as {}.", id_, ownId);
-  signals_.open(token_, ownId);
+  signals_.open(access_, ownId);
   call(callbacks_.on_connected);
   for (auto& [publisher, publication] : publications_) {
-    publication = std::make_unique<Publication>(janus_, *publisher, room_, id_, token_);
+    publication = std::make_unique<Publication>(janus_, *publisher, room_, id_, access_);
   }
   firstList_ = data;
   announceDeadline_.once(announceTime, [this] { announce(); });
@@ -182,8 +189,8 @@ void Session::learnWhatWasMissed() {
       "janus.plugin.videoroom", [](const json&) {},
       [this, visitor](JanusConnection::Handle handle, const std::string&) {
         if (handle == 0) return;
-        const json body = {
-            {"request", "join"}, {"ptype", "publisher"}, {"room", id_}, {"token", token_}, {"id", visitor}};
+        const json body = {{"request", "join"},      {"ptype", "publisher"}, {"room", id_},
+                           {"token", access_.token}, {"pin", access_.pin},   {"id", visitor}};
         ++joinsUnderWay_;
         janus_->message(handle, body, nullptr, [this, handle](const json& answer) {
           janus_->detach(handle);
@@ -243,7 +250,7 @@ void Session::subscribe(otc_subscriber& subscriber) {
   subscriptions_.try_emplace(&subscriber, nullptr);
   auto& subscription = subscriptions_[&subscriber];
   if (subscription == nullptr) {
-    subscription = std::make_unique<Subscription>(janus_, subscriber, id_, token_);
+    subscription = std::make_unique<Subscription>(janus_, subscriber, id_, access_);
     subscription->expectPictures(room_.stream(subscriber.stream.id)->hasVideo);
   }
 }
@@ -255,7 +262,7 @@ void Session::unsubscribe(otc_subscriber& subscriber) {
 void Session::publish(otc_publisher& publisher) {
   if (closed_ || publications_.contains(&publisher)) return;
   auto& publication = publications_[&publisher];
-  if (joined_) publication = std::make_unique<Publication>(janus_, publisher, room_, id_, token_);
+  if (joined_) publication = std::make_unique<Publication>(janus_, publisher, room_, id_, access_);
 }
 
 void Session::unpublish(otc_publisher& publisher) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "access.h"
 #include "callback_scope.h"
 #include "engine_thread.h"
 #include "janus_connection.h"
@@ -40,6 +41,7 @@ class Session final : public std::enable_shared_from_this<Session>,
 
   const std::string& id() const { return id_; }
 
+  // `token` is one, or an object as Access takes it.
   void connect(const std::string& token);
   // No callback of the session's begins after this. Any thread.
   void silence() { closed_ = true; }
@@ -90,8 +92,8 @@ class Session final : public std::enable_shared_from_this<Session>,
   otc_session* const handle_;
   const otc_session_callbacks callbacks_;
   const std::string id_;
-  const std::string server_;
-  std::string token_;
+  std::string server_;
+  Access access_;
   std::atomic<bool> closed_{false};
   bool joined_ = false;
   int joinsUnderWay_ = 0;

@@ -42,8 +42,8 @@ void Signals::close() {
   g_clear_object(&channel_);
 }
 
-void Signals::open(const std::string& token, const std::string& ownId) {
-  token_ = token;
+void Signals::open(const Access& access, const std::string& ownId) {
+  access_ = access;
   ownId_ = ownId;
   openChannel();
 }
@@ -116,7 +116,8 @@ void Signals::join() {
   write(dump({{"textroom", "join"},
               {"transaction", "join"},
               {"room", room_},
-              {"token", token_},
+              {"token", access_.token},
+              {"pin", access_.pin},
               {"username", ownId_}}));
   answerDeadline_.once(answerTime, [this] { peerFailed("the room does not answer"); });
 }
@@ -167,7 +168,7 @@ void Signals::send(const std::string& message) {
   } else if (waiting_.size() < mostWaiting) {
     waiting_.push_back(message);
   } else {
-    logWarning("A signal is not sent: the channel is not open and {} wait for it.", waiting_.size());
+    logWarning("A signal is not sent: the channel is not open, and {} wait for it.", waiting_.size());
   }
 }
 

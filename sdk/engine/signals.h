@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "access.h"
 #include "peer.h"
 #include "retry.h"
 
@@ -30,7 +31,7 @@ class Signals final : private Peer::Listener {
   Signals(std::shared_ptr<JanusConnection> janus, Listener& listener, std::string room);
   ~Signals();
 
-  void open(const std::string& token, const std::string& ownId);
+  void open(const Access& access, const std::string& ownId);
   void close();
   // The server is reached again: a channel that failed meanwhile is opened again at once.
   void networkIsBack();
@@ -58,7 +59,7 @@ class Signals final : private Peer::Listener {
   const std::shared_ptr<JanusConnection> janus_;
   Listener& listener_;
   const std::string room_;
-  std::string token_;
+  Access access_;
   std::string ownId_;
   std::shared_ptr<Peer> peer_;
   GstWebRTCDataChannel* channel_ = nullptr;

@@ -108,11 +108,11 @@ void applySwitches(otc_subscriber& subscriber) {
 }
 
 Subscription::Subscription(std::shared_ptr<JanusConnection> janus, otc_subscriber& subscriber,
-                           std::string room, std::string token)
+                           std::string room, Access access)
     : janus_(std::move(janus)),
       subscriber_(subscriber),
       room_(std::move(room)),
-      token_(std::move(token)),
+      access_(std::move(access)),
       checksBeforeFailure_(fewestChecksBeforeFailure),
       retry_([this] { open(); }) {
   subscriber_.subscription = this;
@@ -144,7 +144,8 @@ void Subscription::peerAttached() {
   const json join = {{"request", "join"},
                      {"ptype", "subscriber"},
                      {"room", room_},
-                     {"token", token_},
+                     {"token", access_.token},
+                     {"pin", access_.pin},
                      // A stream that ends is torn down, not negotiated once more.
                      {"autoupdate", false},
                      {"streams", json::array({{{"feed", subscriber_.stream.id}}})}};

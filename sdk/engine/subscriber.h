@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 
+#include "access.h"
 #include "callback_scope.h"
 #include "peer.h"
 #include "retry.h"
@@ -49,7 +50,7 @@ void applySwitches(otc_subscriber& subscriber);
 class Subscription final : private Peer::Listener {
  public:
   Subscription(std::shared_ptr<JanusConnection> janus, otc_subscriber& subscriber, std::string room,
-               std::string token);
+               Access access);
   // On return none of the subscriber's callbacks runs.
   ~Subscription();
   Subscription(const Subscription&) = delete;
@@ -78,7 +79,7 @@ class Subscription final : private Peer::Listener {
   const std::shared_ptr<JanusConnection> janus_;
   otc_subscriber& subscriber_;
   const std::string room_;
-  const std::string token_;
+  const Access access_;
   std::shared_ptr<Peer> peer_;
   // The server's names of the two media, empty until it has told them, and whether it sends them.
   std::string videoMid_;

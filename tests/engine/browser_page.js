@@ -13,9 +13,10 @@ async function connect(server) {
   return session;
 }
 
-export async function makeRoom({ server, room, token }) {
+export async function makeRoom({ server, room, token, pin }) {
   const session = await connect(server);
   const body = { request: "create", room, secret: "host", is_private: true, allowed: [token] };
+  if (pin) body.pin = pin;
   const videoRoom = await session.attach("videoroom");
   await videoRoom.request({ ...body, publishers: 32, notify_joining: true });
   const textRoom = await session.attach("textroom");
@@ -23,7 +24,7 @@ export async function makeRoom({ server, room, token }) {
   session.close();
 }
 
-export async function joinRoom({ server, room, token, as }) {
+export async function joinRoom({ server, room, token, pin, as }) {
   const session = await connect(server);
   const handle = await session.attach("videoroom");
   const me = { session, link: { room, token, iceServers: [] }, others: new Set(), changed() {} };
@@ -34,9 +35,22 @@ export async function joinRoom({ server, room, token, as }) {
     me.changed();
   };
   handle.onevent = note;
-  const { data } = await handle.request({ request: "join", ptype: "publisher", room, token, display: as });
+  const { data } = await handle.request({ request: "join", ptype: "publisher", room, token, pin, display: as });
   me.publisher = new Publisher(handle, [], data.id);
   note(data);
+}
+
+/** The server's refusal, 0 where there is none, of a join by `by`, to publish or to receive one's own stream. */
+export async function tryJoin({ as, ptype, by }) {
+  const { session, link, publisher } = participants.get(as);
+  const handle = await session.attach("videoroom");
+  const body = { request: "join", ptype, room: link.room, streams: [{ feed: publisher.id }], ...by };
+  const refusal = await handle.request(body).then(
+    () => 0,
+    ({ code }) => code,
+  );
+  handle.detach();
+  return refusal;
 }
 
 /** As a page that goes away does. */

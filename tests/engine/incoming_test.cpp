@@ -156,6 +156,37 @@ TEST_F(Incoming, EachRefusalHasItsCode) {
   }
 }
 
+class IncomingWithPin : public Incoming {
+ protected:
+  IncomingWithPin() { pin = "a pin's secret"; }
+  int refusal(const std::string& ptype, const json& by) const {
+    return browser->call("tryJoin", {{"as", "Guest - Ada"}, {"ptype", ptype}, {"by", by}});
+  }
+};
+
+TEST_F(IncomingWithPin, TheTokenCarriesPinAndServer) {
+  publish("Guest - Ada");
+  program.connect(room, token);
+  ASSERT_TRUE(program.waitEvent("error 1004"));
+  program.disconnect();
+
+  setenv("ZARVO_SESSION_SERVER", "ws://127.0.0.1:1", 1);
+  program.connect(room, json{{"token", token}, {"pin", pin}, {"server", server()}}.dump());
+  EXPECT_TRUE(waitFrames(subscribe("Guest - Ada")));
+  ASSERT_EQ(OTC_SUCCESS, otc_session_send_signal(program.session(), "first", "hi"));
+  EXPECT_TRUE(program.wait([&] { return program.signals.size() == 1; }));
+
+  // What README.md says of the server.
+  constexpr int unauthorized = 433;
+  EXPECT_EQ(0, refusal("subscriber", {{"pin", pin}}));
+  EXPECT_EQ(unauthorized, refusal("subscriber", {{"token", token}, {"pin", "wrong"}}));
+  EXPECT_EQ(unauthorized, refusal("publisher", {{"pin", pin}}));
+  EXPECT_EQ(unauthorized, refusal("publisher", {{"token", token}, {"pin", "wrong"}}));
+  EXPECT_EQ(0, refusal("publisher", {{"token", token}, {"pin", pin}}));
+  EXPECT_THROW(browser->call("openSignals", {{"as", "Guest - Ada"}}), std::runtime_error)
+      << "without the pin";
+}
+
 // The connection breaks, the server stands still for a while, and then it is gone.
 TEST_F(Incoming, ALostConnectionIsMadeAgainUntilItIsGone) {
   const std::string road = browser->call("openRoad", {{"to", server()}});

@@ -200,6 +200,20 @@ TEST_F(Outgoing, PublishingStartsAndStopsWithEverythingInFlight) {
   EXPECT_EQ(Show::given, Show::released);
 }
 
+class OutgoingWithPin : public Outgoing {
+ protected:
+  void SetUp() override {
+    pin = "1234";
+    RoomTest::SetUp();
+    program.connect(room, json{{"token", token}, {"pin", pin}}.dump());
+  }
+};
+
+TEST_F(OutgoingWithPin, TheShowIsPublished) {
+  ASSERT_EQ(OTC_SUCCESS, otc_session_publish(program.session(), show.publisher));
+  EXPECT_TRUE(program.waitEvent("created"));
+}
+
 TEST(VideoFrame, WrapsOnlyWhatIsLargeEnoughAndReleasesOnce) {
   static int releases;
   releases = 0;

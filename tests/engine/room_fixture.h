@@ -37,17 +37,19 @@ class RoomTest : public testing::Test {
 
   void SetUp() override {
     setenv("ZARVO_SESSION_SERVER", server().c_str(), 1);
-    browser->call("makeRoom", {{"server", server()}, {"room", room}, {"token", token}});
+    browser->call("makeRoom", {{"server", server()}, {"room", room}, {"token", token}, {"pin", pin}});
   }
   void TearDown() override { program.disconnect(); }
 
   void join(const std::string& name) {
-    browser->call("joinRoom", {{"server", server()}, {"room", room}, {"token", token}, {"as", name}});
+    browser->call("joinRoom",
+                  {{"server", server()}, {"room", room}, {"token", token}, {"pin", pin}, {"as", name}});
   }
 
   static constexpr const char* token = "the-token";
   static inline int rooms = 0;
   static inline std::unique_ptr<Browser> browser;
   const std::string room = "room " + std::to_string(++rooms);
+  std::string pin;  // empty: the room has none
   Program program;
 };

@@ -181,6 +181,37 @@ TEST(Server, WhoeverComesDuringTheJoinIsSeenAndNamesAreBounded) {
   EXPECT_THAT(stars, StartsWith(name));
 }
 
+TEST(Server, ATokenIsOneUnlessItIsAWholeObject) {
+  const auto pair = [](const std::string& token, const std::string& pin) { return json{token, pin}; };
+  const std::string large = R"({"token":"t","pin":")" + std::string(2000, '1') + R"("})";
+  const std::string deep = R"({"token":"t","x":)" + std::string(9000, '[');
+  const std::map<std::string, json> cases = {
+      {"T1==:x", pair("T1==:x", "")},
+      {R"({"token":"t"})", pair("t", "")},
+      {R"({"token":"t","pin":"p q","server":"","turn":{"user":1}})", pair("t", "p q")},
+      {R"({"pin":"p"})", {}},
+      {R"({"token":"","pin":"p"})", {}},
+      {R"({"token":7,"pin":"p"})", {}},
+      {R"({"token":"t","pin":null})", {}},
+      {R"({"token":"t","server":"http://127.0.0.1"})", {}},
+      {R"({"token":"t","pin":"p")", {}},
+      {R"(["t","p"])", {}},
+      {"{", {}},
+      {large, {}},
+      {deep, {}},
+  };
+  for (const auto& [text, expected] : cases) {
+    Mailbox<json> joined;
+    const FakeServer server([&](const json& body) {
+      if (body.value("ptype", "") == "publisher") joined.put({body["token"], body["pin"]});
+      return json();
+    });
+    Program program;
+    program.connect("room", text);
+    EXPECT_EQ(expected.is_null() ? pair(text, "") : expected, joined.next()) << text.substr(0, 60);
+  }
+}
+
 TEST(Signal, OneThatIsTooLongIsNotSentAndLogged) {
   static Mailbox<std::string> log;
   Program program;
