@@ -1,6 +1,7 @@
 // The signals exchanged with guests: JSON or plain text, to and from the whole session.
 
 #include <cstring>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "session/guest_session.h"
@@ -14,18 +15,57 @@ std::string prettyPrinted(const json& object) {
   return object.dump(2, ' ', false, json::error_handler_t::replace);
 }
 
-// The object that a guest sent. Whatever is no JSON object counts as an empty one.
-json parsed(const char* data) {
-  json object = json::parse(data ? data : "", nullptr, false);
-  return object.is_object() ? object : json::object();
-}
+// More than a signal carries, and deeper than any guest's client nests.
+constexpr size_t kLongestPayload = 64 * 1024;
+constexpr int kDeepestPayload = 512;
 
-// A value that is missing or no string counts as none.
-std::optional<std::string> stringValue(const json& object, const char* key) {
-  const auto entry = object.find(key);
-  if (entry == object.end() || !entry->is_string()) return std::nullopt;
-  return entry->get<std::string>();
-}
+// The strings of the object that a guest sent, by key. Nothing else of it is kept, so that neither its
+// nesting nor its numbers cost anything. Of a key that comes twice the last one counts.
+class Strings final : public json::json_sax_t {
+ public:
+  explicit Strings(const char* data) {
+    if (!data || strnlen(data, kLongestPayload + 1) > kLongestPayload || !json::sax_parse(data, this)) {
+      strings_.clear();
+    }
+  }
+
+  // None when it is missing or no string.
+  std::optional<std::string> operator[](const char* name) const {
+    const auto entry = strings_.find(name);
+    return entry == strings_.end() ? std::nullopt : std::optional(entry->second);
+  }
+
+  bool key(string_t& name) override {
+    if (depth_ == 1) strings_.erase(key_ = std::move(name));
+    return true;
+  }
+  bool string(string_t& value) override {
+    if (depth_ == 1) strings_[key_] = std::move(value);
+    return true;
+  }
+  bool start_object(size_t) override { return depth_++ < kDeepestPayload; }
+  bool end_object() override { return leave(); }
+  // What is no object at the top has no keys, and is let go.
+  bool start_array(size_t) override { return depth_ > 0 && depth_++ < kDeepestPayload; }
+  bool end_array() override { return leave(); }
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t&) override { return true; }
+  bool binary(binary_t&) override { return true; }
+  bool parse_error(size_t, const std::string&, const json::exception&) override { return false; }
+
+ private:
+  bool leave() {
+    depth_--;
+    return true;
+  }
+
+  std::map<std::string, std::string, std::less<>> strings_;
+  std::string key_;
+  int depth_ = 0;
+};
 
 }  // namespace
 
@@ -36,13 +76,13 @@ void ZarvoGuestSession::sendStreamMessage(const std::string& data, const std::st
 void ZarvoGuestSession::signalReceived(const char* type, const char* data) {
   if (!type) return;
   if (std::strcmp(type, "chat") == 0) {
-    const json object = parsed(data);
-    chatMessage(stringValue(object, "text"), stringValue(object, "name"), stringValue(object, "uuid"));
+    const Strings chat(data);
+    chatMessage(chat["text"], chat["name"], chat["uuid"]);
   } else if (std::strcmp(type, "fav") == 0) {
-    const json object = parsed(data);
-    favMessage(stringValue(object, "uuid"), stringValue(object, "state"));
+    const Strings fav(data);
+    favMessage(fav["uuid"], fav["state"]);
   } else if (std::strcmp(type, "mono") == 0) {
-    if (stringValue(parsed(data), "mono") == "yes") monoGuest = true;
+    if (Strings(data)["mono"] == "yes") monoGuest = true;
   }
 }
 
