@@ -50,8 +50,8 @@ otc_video_frame* wrapPlanes(CVPixelBufferRef buffer) {
 }
 
 void provideFrame(const otc_video_capturer* capturer, CVPixelBufferRef buffer) {
-  CVPixelBufferLockBaseAddress(buffer, kCVPixelBufferLock_ReadOnly);
   const bool isBGRA = CVPixelBufferGetPixelFormatType(buffer) == kCVPixelFormatType_32BGRA;
+  CVPixelBufferLockBaseAddress(buffer, kCVPixelBufferLock_ReadOnly);
   otc_video_frame* frame = isBGRA ? wrapBGRA(buffer) : wrapPlanes(buffer);
   const otc_status status = otc_video_capturer_provide_frame(capturer, 0, frame);
   if (status != OTC_SUCCESS) logMessageToApp("otc_video_capturer_provide_frame: %d", status);
@@ -63,16 +63,18 @@ void provideFrame(const otc_video_capturer* capturer, CVPixelBufferRef buffer) {
 }  // namespace
 
 void ZarvoGuestSession::sendVideoFrame(CVPixelBufferRef buffer) {
-  const otc_video_capturer* capturer = video_capturer;
-  if (!video_connected || !capturer) return;
+  if (!video_connected || !video_capturer) return;
   raiseThreadPriorityOnce();
   CVPixelBufferRetain(buffer);
-  dispatch_sync(send_video_queue.get(), [capturer, buffer] { provideFrame(capturer, buffer); });
+  dispatch_sync(send_video_queue.get(), [this, buffer] { provideFrame(video_capturer, buffer); });
 }
 
 void ZarvoGuestSession::sendAudioData(const int16_t* samples, int32_t numSamples) {
   if (!audio_capture_connected || numSamples < 0) return;
-  std::lock_guard guard(audioSendLock);
-  const otc_status status = otc_audio_device_write_capture_data(samples, static_cast<size_t>(numSamples));
+  otc_status status;
+  {
+    std::lock_guard guard(audioSendLock);
+    status = otc_audio_device_write_capture_data(samples, static_cast<size_t>(numSamples));
+  }
   if (status != OTC_SUCCESS) logMessageToApp("otc_audio_device_write_capture_data: %d", status);
 }

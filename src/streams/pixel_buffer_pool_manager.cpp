@@ -43,6 +43,8 @@ CVPixelBufferRef ZVPixelBufferPoolManager::pixelBufferFromPoolWithWidth(int32_t 
 bool ZVPixelBufferPoolManager::createPool(int32_t width, int32_t height, OSType format, bool globalSurface) {
   const auto attributes = newDictionary();
   const auto surfaceProperties = newDictionary();
+  // Deprecated where it comes from, as any process finds such a surface by its number; yet it is the only
+  // name of what a caller asks for here. The service's own surfaces are not global.
   if (globalSurface) CFDictionarySetValue(surfaceProperties.get(), kIOSurfaceIsGlobal, kCFBooleanTrue);
   setNumber(attributes.get(), kCVPixelBufferPixelFormatTypeKey, static_cast<int32_t>(format));
   setNumber(attributes.get(), kCVPixelBufferWidthKey, width);
