@@ -22,6 +22,9 @@ class Report {
   Report& set(const char* key, const std::optional<std::string>& value) {
     return value ? set(key, *value) : *this;
   }
+  Report& set(const char* key, const std::shared_ptr<const std::string>& value) {
+    return value ? set(key, *value) : *this;
+  }
   Report& setFlag(const char* key, bool value) {
     xpc_dictionary_set_bool(message_.get(), key, value);
     return *this;
@@ -85,7 +88,7 @@ void ServiceDelegate::stopCurrentBroadcast() {
   guestSession()->stopCurrentSession(true);
 }
 
-void ServiceDelegate::ring(const std::string& forName, const std::string& andID, bool screenShare) {
+void ServiceDelegate::ringForName(const std::string& forName, const std::string& andID, bool screenShare) {
   Report()
       .set("ring", andID)
       .set("name", forName)
@@ -117,9 +120,11 @@ void ServiceDelegate::favMessage(const std::optional<std::string>& uuid,
   Report().set("uuid", uuid).set("state", state).set("sessionId", guestSession()->sessionId()).send();
 }
 
-void ServiceDelegate::soundReceived(const void* samples, int64_t length,
-                                    const std::optional<std::string>& sessionId) {
-  Report().setData("sound", samples, static_cast<size_t>(length)).set("sessionId", sessionId).send();
+void ServiceDelegate::soundReceived(const void* samples, int64_t length, const std::optional<std::string>&) {
+  Report()
+      .setData("sound", samples, static_cast<size_t>(length))
+      .set("sessionId", guestSession()->sessionId())
+      .send();
 }
 
 void ServiceDelegate::sendLogMessage(const std::string& text) {
@@ -141,24 +146,30 @@ void ServiceDelegate::pixelBufferReceived(CVPixelBufferRef buffer, const std::st
   if (!connection || !surface) return;
   const auto frame = std::make_shared<Frame>(
       Frame{std::move(connection), std::move(owned), std::move(surface), forName, andID, number, timestamp});
-  dispatch_async(_frameQueue.get(), [this, frame] { sendFrame(*frame); });
+  dispatch_async(_frameQueue.get(), [this, frame] { sendFrame(frame); });
 }
 
-void ServiceDelegate::sendFrame(const Frame& frame) {
+void ServiceDelegate::sendFrame(const std::shared_ptr<Frame>& frame) {
   if (numberOfFramesQueued >= kFramesAwaitingAnswer) {
     logMessageToApp("too many pixelbuffers queued for guest");
     return;
   }
   const Report report = Report()
                             .set("sessionId", guestSession()->sessionId())
-                            .setValue("surface", frame.surface.get())
-                            .setInteger("num", frame.number)
-                            .setInteger("timestamp", static_cast<int64_t>(frame.timestamp))
-                            .set("name", frame.name)
-                            .set("id", frame.id);
+                            .setValue("surface", frame->surface.get())
+                            .setInteger("num", frame->number)
+                            .setInteger("timestamp", static_cast<int64_t>(frame->timestamp))
+                            .set("name", frame->name)
+                            .set("id", frame->id);
+  // From here on the report holds the surface, and the connection holds the handler.
+  frame->surface = {};
+  const auto connection = std::exchange(frame->connection, {});
   numberOfFramesQueued++;
-  // The buffer lives until the studio has answered, whatever the answer, or until the connection fails.
-  xpc_connection_send_message_with_reply(
-      frame.connection.get(), report.message(), _frameQueue.get(),
-      [this, buffer = frame.buffer](xpc_object_t) { numberOfFramesQueued--; });
+  // The buffer lives until the studio has answered, whatever the answer, or until the connection fails. It is
+  // back in its pool before the next frame may go.
+  xpc_connection_send_message_with_reply(connection.get(), report.message(), _frameQueue.get(),
+                                         [this, frame](xpc_object_t) {
+                                           frame->buffer = {};
+                                           numberOfFramesQueued--;
+                                         });
 }

@@ -4,6 +4,7 @@
 #include <xpc/xpc.h>
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "session/guest_session.h"
@@ -29,7 +30,7 @@ class ServiceDelegate : public GuestSessionDelegate {
                            uint64_t timestamp) override;
   void soundReceived(const void* samples, int64_t length,
                      const std::optional<std::string>& forSession) override;
-  void ring(const std::string& forName, const std::string& andID, bool screenShare) override;
+  void ringForName(const std::string& forName, const std::string& andID, bool screenShare) override;
   void hasAudioChanged(bool hasAudio) override;
   void chatMessage(const std::optional<std::string>& text, const std::optional<std::string>& name,
                    const std::string& uuid) override;
@@ -41,7 +42,7 @@ class ServiceDelegate : public GuestSessionDelegate {
  private:
   struct Frame;
 
-  void sendFrame(const Frame& frame);
+  void sendFrame(const std::shared_ptr<Frame>& frame);
 
   ZarvoGuestSession* _guestSession = nullptr;
   std::atomic<uint32_t> frameCount{0};  // goes out as a signed number, wrapping

@@ -52,11 +52,16 @@ void on_stream_received(otc_session*, void* userData, const otc_stream* stream) 
     return;
   }
 
+  // Without an id there is no record, and nobody who would ever use the subscriber.
+  const std::optional<std::string> streamId = stringWithUTF8String(id);
+  if (!streamId) return;
+
   // The record outlives the subscriber's last callback, whenever that is: it is never freed.
-  auto* subscriberInfo = new SubscriberInfo{*guestName, stringWithUTF8String(id), type};
+  auto* subscriberInfo = new SubscriberInfo{*guestName, *streamId, type};
   const otc_subscriber_callbacks callbacks = subscriberCallbacks(subscriberInfo);
   otc_subscriber* subscriber = otc_subscriber_new(stream, &callbacks);
 
+  sessionOf(userData).streamReceived(*streamId);
   sessionOf(userData).pixelBufferReceived(nullptr, subscriberInfo->name, subscriberInfo->subid, subscriber,
                                           otc_stream_get_connection(stream), type, 0);
 }
@@ -139,14 +144,11 @@ otc_session_callbacks sessionCallbacks(ZarvoGuestSession* session) {
 
 // Ends the process when the connect call has not come back in time. Whether the session connected is not
 // looked at: the SDK tells of that itself.
-void startConnectWatchdog(const std::shared_ptr<std::atomic<bool>>& connectReturned) {
-  dispatch_after(dispatch_time(DISPATCH_TIME_NOW, kConnectTimeout.count()),
-                 dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0), [connectReturned] {
-                   if (*connectReturned) return;
-                   logMessageToApp("otc_session_connect timed out. exiting process.");
-                   usleep(static_cast<useconds_t>(kExitDelay.count()));
-                   exit(0);
-                 });
+void connectWatchdog(const std::atomic<bool>& connectReturned) {
+  if (connectReturned) return;
+  logMessageToApp("otc_session_connect timed out. exiting process.");
+  usleep(static_cast<useconds_t>(kExitDelay.count()));
+  exit(0);
 }
 
 }  // namespace
@@ -159,7 +161,9 @@ void ZarvoGuestSession::joinWithSession(const std::string& id, const std::string
   if (session) logMessageToApp("already have a session?");
 
   auto connectReturned = std::make_shared<std::atomic<bool>>(false);
-  startConnectWatchdog(connectReturned);
+  dispatch_after(dispatch_time(DISPATCH_TIME_NOW, kConnectTimeout.count()),
+                 dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0),
+                 [connectReturned] { connectWatchdog(*connectReturned); });
 
   session = otc_session_new(apiKey.c_str(), id.c_str(), &callbacks);
   logMessageToApp("otc_session_new session 0x%0llx", addressOf(session));

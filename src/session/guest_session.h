@@ -5,11 +5,11 @@
 #include <opentok.h>
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 
 #include "session/guest_session_delegate.h"
@@ -28,9 +28,9 @@ extern std::atomic<bool> sawProxyError;
 // What a guest's subscriber carries as its user data. Lives as long as the process, since the SDK may
 // call back at any time.
 struct SubscriberInfo {
-  std::string name;                  // the stream's name, whole
-  std::optional<std::string> subid;  // the stream's id
-  int type;                          // the stream's video type
+  std::string name;   // the stream's name, whole
+  std::string subid;  // the stream's id
+  int type;           // the stream's video type
 };
 
 // The object through which the service drives the video SDK: one for the life of the process, never
@@ -111,6 +111,8 @@ class ZarvoGuestSession {
   void setFav(const std::string& uuid, const std::string& state);
   void prefUpdate(const std::string& text);
 
+  // A stream that was taken out may have a record again.
+  void streamReceived(const std::string& id);
   void streamDropped(const std::string& id);
   void audioChanged(bool hasAudio, const std::optional<std::string>& forId);
   void sessionDisconnected(otc_session* handle);
@@ -131,11 +133,11 @@ class ZarvoGuestSession {
   // ---- Incoming video (streams/incoming_video.cpp)
 
   // The one way to a guest's record, which is made when the id is new. With a buffer the record delivers
-  // a frame; with none it rings. A frame of a guest whom the studio took out is dropped. The buffer stays
-  // the caller's.
-  void pixelBufferReceived(CVPixelBufferRef buffer, const std::string& forName,
-                           const std::optional<std::string>& andID, otc_subscriber* subscriber,
-                           const otc_connection* connection, int type, int64_t timestamp);
+  // a frame; with none it rings. A stream that the studio took out gets no record until streamReceived. The
+  // buffer stays the caller's.
+  void pixelBufferReceived(CVPixelBufferRef buffer, const std::string& forName, const std::string& andID,
+                           otc_subscriber* subscriber, const otc_connection* connection, int type,
+                           int64_t timestamp);
 
   // ---- Properties
 
@@ -147,8 +149,11 @@ class ZarvoGuestSession {
   void setViewerCount(const std::string& value) { _viewerCount.store(value); }
   GuestSessionDelegate* delegate() const { return _delegate; }
   void setDelegate(GuestSessionDelegate* value) { _delegate = value; }
-  std::optional<std::string> sessionId() const { return _sessionId.load(); }
-  void setSessionId(const std::string& value) { _sessionId.store(value); }
+  // Shared, because every report and every piece of sound reads it: that copies no text.
+  std::shared_ptr<const std::string> sessionId() const { return _sessionId.load(); }
+  void setSessionId(const std::string& value) {
+    _sessionId.store(std::make_shared<const std::string>(value));
+  }
   std::optional<std::string> currentToken() const { return _currentToken.load(); }
   void setCurrentToken(const std::string& value) { _currentToken.store(value); }
   std::optional<std::string> guestId() const { return _guestId.load(); }
@@ -176,9 +181,9 @@ class ZarvoGuestSession {
   Ref<dispatch_queue_t> send_video_queue;
   std::mutex audioSendLock;
   StreamTable streamManagers;
-  std::set<std::string, std::less<>> removedStreams;  // ids that the studio took out of streamManagers
-  mutable std::mutex streamLock;  // around every access to these two; nothing is called under it
-  std::atomic<bool> _broadcastIsLive{false};
+  std::deque<std::string> removedStreams;     // ids that the studio took out of streamManagers, newest last
+  mutable std::mutex streamLock;              // around every access to these two; nothing is called under it
+  std::atomic<bool> _broadcastIsLive{false};  // broadcastIsLive: an operation bears the name itself
   std::atomic<bool> recordOnly{false};
   otc_stream* ourStream = nullptr;
 
@@ -196,7 +201,7 @@ class ZarvoGuestSession {
   std::atomic<bool> _offAirAudio{false};
   AtomicProperty<std::optional<std::string>> _viewerCount;
   std::atomic<GuestSessionDelegate*> _delegate{nullptr};
-  AtomicProperty<std::optional<std::string>> _sessionId;
+  AtomicProperty<std::shared_ptr<const std::string>> _sessionId;
   AtomicProperty<std::optional<std::string>> _currentToken;
   AtomicProperty<std::optional<std::string>> _guestId;
 };

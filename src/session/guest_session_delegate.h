@@ -14,11 +14,12 @@ class GuestSessionDelegate {
   virtual void pixelBufferReceived(CVPixelBufferRef buffer, const std::string& forName,
                                    const std::string& andID, uint64_t timestamp) = 0;
 
-  // `length` bytes of interleaved 16-bit stereo samples at 48 kHz, valid during the call.
+  // `length` bytes of interleaved 16-bit stereo samples at 48 kHz, valid during the call. They count as the
+  // joined session's, whatever session is named.
   virtual void soundReceived(const void* samples, int64_t length,
                              const std::optional<std::string>& forSession) = 0;
 
-  virtual void ring(const std::string& forName, const std::string& andID, bool screenShare) = 0;
+  virtual void ringForName(const std::string& forName, const std::string& andID, bool screenShare) = 0;
   virtual void hasAudioChanged(bool hasAudio) = 0;
   virtual void chatMessage(const std::optional<std::string>& text, const std::optional<std::string>& name,
                            const std::string& uuid) = 0;

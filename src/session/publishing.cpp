@@ -78,13 +78,11 @@ void ZarvoGuestSession::stopCurrentSession(bool deleteSession) {
   logMessageToApp("stopCurrentSession for %s", printable(sessionId()));
   subscribed_to_audio = false;
   connected_to_guest = false;
-  if (!session) return;
-  if (publisher) {
-    logMessageToApp("otc_session_unpublish %d", otc_session_unpublish(session, publisher));
-    publisher = nullptr;
+  // Two studios may stop at once: what is taken out here is this call's alone to give back.
+  otc_session* stopped = deleteSession ? session.exchange(nullptr) : session.load();
+  if (!stopped) return;
+  if (otc_publisher* unpublished = publisher.exchange(nullptr)) {
+    logMessageToApp("otc_session_unpublish %d", otc_session_unpublish(stopped, unpublished));
   }
-  if (deleteSession) {
-    logMessageToApp("otc_session_delete %d", otc_session_delete(session));
-    session = nullptr;
-  }
+  if (deleteSession) logMessageToApp("otc_session_delete %d", otc_session_delete(stopped));
 }

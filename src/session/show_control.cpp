@@ -1,11 +1,19 @@
 // The show's state and the control of its guests.
 
 #include <uuid/uuid.h>
+#include <algorithm>
 
 #include "session/guest_session.h"
 #include "session/log.h"
 #include "streams/guest_session_stream.h"
 #include "support/strings.h"
+
+namespace {
+
+// Many more than there can be whose last frames are still on their way.
+constexpr size_t kRemovedStreams = 1000;
+
+}  // namespace
 
 std::shared_ptr<ZarvoGuestSessionStream> ZarvoGuestSession::streamManager(const std::string& id) const {
   std::lock_guard guard(streamLock);
@@ -15,7 +23,7 @@ std::shared_ptr<ZarvoGuestSessionStream> ZarvoGuestSession::streamManager(const 
 
 bool ZarvoGuestSession::isRemoved(const std::string& id) const {
   std::lock_guard guard(streamLock);
-  return removedStreams.contains(id);
+  return std::ranges::find(removedStreams, id) != removedStreams.end();
 }
 
 ZarvoGuestSession::StreamTable ZarvoGuestSession::copyStreamManagers() const {
@@ -40,7 +48,8 @@ void ZarvoGuestSession::stopSubscribing(const std::string& id) {
   {
     std::lock_guard guard(streamLock);
     streamManagers.erase(id);
-    removedStreams.insert(id);
+    removedStreams.push_back(id);
+    if (removedStreams.size() > kRemovedStreams) removedStreams.pop_front();
     left = streamManagers.size();
   }
   // With the last guest the session ends; only then does that guest's record report its drop.
@@ -74,6 +83,11 @@ void ZarvoGuestSession::broadcastIsLive(bool live, bool onlyRecording) {
   _broadcastIsLive = live;
   recordOnly = onlyRecording;
   for (const auto& [id, stream] : copyStreamManagers()) stream->greenRoomStatusChanged();
+}
+
+void ZarvoGuestSession::streamReceived(const std::string& id) {
+  std::lock_guard guard(streamLock);
+  std::erase(removedStreams, id);
 }
 
 void ZarvoGuestSession::streamDropped(const std::string& id) {

@@ -52,7 +52,7 @@ void on_audio_data(otc_subscriber*, void* userData, const otc_audio_data* audio)
   if (delegate) {
     delegate->soundReceived(audio->sample_buffer,
                             static_cast<int64_t>(audio->number_of_samples) * kBytesPerSampleFrame,
-                            session->sessionId());
+                            std::nullopt);
   }
 }
 

@@ -14,7 +14,7 @@ ZarvoGuestSessionStream::ZarvoGuestSessionStream(const std::string& streamName, 
 
 void ZarvoGuestSessionStream::ring() {
   ringing = true;
-  if (delegate()) delegate()->ring(name, theID, isScreenShare());
+  if (delegate()) delegate()->ringForName(name, theID, isScreenShare());
 }
 
 void ZarvoGuestSessionStream::streamHasAudioChanged(bool value) {

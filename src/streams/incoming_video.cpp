@@ -50,29 +50,26 @@ void on_render_frame(otc_subscriber* subscriber, void* userData, const otc_video
   // A frame that cannot be wrapped goes on as none, and the guest rings.
   const auto buffer = wrapPlanes(frame);
   const auto* info = static_cast<const SubscriberInfo*>(userData);
-  if (!subscriber || !info || !info->subid) return;
+  if (!subscriber || !info) return;
   sharedGuestSession.load(std::memory_order_acquire)
       ->pixelBufferReceived(buffer.get(), info->name, info->subid, subscriber, nullptr, info->type,
                             otc_video_frame_get_timestamp(frame));
 }
 
 void ZarvoGuestSession::pixelBufferReceived(CVPixelBufferRef buffer, const std::string& forName,
-                                            const std::optional<std::string>& andID,
-                                            otc_subscriber* subscriber, const otc_connection* connection,
-                                            int type, int64_t timestamp) {
-  if (!andID) return;
-  auto stream = streamManager(*andID);
+                                            const std::string& andID, otc_subscriber* subscriber,
+                                            const otc_connection* connection, int type, int64_t timestamp) {
+  auto stream = streamManager(andID);
   if (!stream) {
     // The SDK unsubscribes in the background, and frames may come after their guest's removal. A record made
     // of them would never be removed, and the session would never end.
-    if (buffer && isRemoved(*andID)) return;
-    stream = std::make_shared<ZarvoGuestSessionStream>(forName, *andID, subscriber, connection);
+    if (isRemoved(andID)) return;
+    stream = std::make_shared<ZarvoGuestSessionStream>(forName, andID, subscriber, connection);
     stream->setDelegate(delegate());
     stream->setGuestSession(this);
     stream->setIsScreenShare(type == OTC_STREAM_VIDEO_TYPE_SCREEN);
     std::lock_guard guard(streamLock);
-    streamManagers[*andID] = stream;
-    removedStreams.erase(*andID);
+    streamManagers[andID] = stream;
   }
   if (buffer) {
     stream->pixelBufferReceived(buffer, timestamp);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -17,5 +18,8 @@ inline const char* printable(const char* text) {
   return text ? text : "(null)";
 }
 inline const char* printable(const std::optional<std::string>& text) {
+  return text ? text->c_str() : "(null)";
+}
+inline const char* printable(const std::shared_ptr<const std::string>& text) {
   return text ? text->c_str() : "(null)";
 }

@@ -251,6 +251,7 @@ TEST_F(HostLinkTest, ReportsCarryTheirKeys) {
   const void* bytes = xpc_dictionary_get_data(sound, "sound", &length);
   ASSERT_EQ(length, sizeof samples);
   EXPECT_EQ(memcmp(bytes, samples, length), 0);
+  EXPECT_EQ(text(sound, "sessionId"), "room") << "the joined one's";
 }
 
 TEST_F(HostLinkTest, AtMostTwoFramesAwaitTheStudiosAnswer) {

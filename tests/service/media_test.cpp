@@ -1,12 +1,29 @@
 // Guests' frames and sound through the session.
 
+#include <pthread.h>
+
+#include <cerrno>
 #include <thread>
 
 #include "session_fixture.h"
 #include "streams/guest_session_stream.h"
+#include "surfaces.h"
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+namespace {
+
+std::vector<std::pair<pthread_t, int>> prioritiesAsked;  // in real time
+
+}  // namespace
+
+// In the system's place, which grants this to few.
+extern "C" int pthread_setschedparam(pthread_t thread, int policy, const sched_param* parameters) {
+  if (policy == SCHED_RR) prioritiesAsked.emplace_back(thread, parameters->sched_priority);
+  return EPERM;
+}
 
 namespace {
 
@@ -37,7 +54,8 @@ TEST_F(SessionTest, AFrameAfterItsGuestsRemovalBringsNobodyBack) {
   admit("two");
   session->stopSubscribing("cam");
   PlanarFrame picture(64, 48);
-  sdk.renderFrame("cam", picture.frame);
+  PlanarFrame unusable(0, 48);
+  for (const auto* late : {&picture, &unusable}) sdk.renderFrame("cam", late->frame);
   EXPECT_THAT(delegate.takeReports(), IsEmpty());
   session->stopSubscribing("two");
   EXPECT_THAT(delegate.takeReports(), ElementsAre("dropped two"));
@@ -46,6 +64,14 @@ TEST_F(SessionTest, AFrameAfterItsGuestsRemovalBringsNobodyBack) {
   sdk.renderFrame("cam", picture.frame);
   EXPECT_THAT(delegate.takeReports(),
               ElementsAre("ring Guest - Ann cam camera", "frame Guest - Ann cam 0 64x48"));
+
+  for (int i = 0; i < 1100; i++) {
+    const std::string id = std::to_string(i);
+    receive(id.c_str());
+    sdk.dropStream({id.c_str(), "Guest - Ann"});
+    session->stopSubscribing(id);
+  }
+  EXPECT_EQ(session->removedStreams.size(), 1000u);
 }
 
 TEST_F(SessionTest, AFrameThatCannotBeUsedIsLoggedAndDropped) {
@@ -72,8 +98,69 @@ TEST_F(SessionTest, AGuestsSoundReachesTheStudioAndAScreenSharesDoesNot) {
   session->monoGuest = true;
   sdk.deliverSound("cam", samples);
   sdk.deliverSound("cam", {});
-  EXPECT_THAT(delegate.takeReports(), ElementsAre("sound room 3 -4 32767 32767 1 2 -1 -2",
-                                                  "sound room 0 0 32767 32767 1 1 -1 -1", "sound room"));
+  sdk.subscriber("cam")->callbacks.on_audio_data(nullptr, nullptr, nullptr);
+  EXPECT_THAT(delegate.takeReports(),
+              ElementsAre("sound 3 -4 32767 32767 1 2 -1 -2", "sound 0 0 32767 32767 1 1 -1 -1", "sound"));
+}
+
+TEST_F(SessionTest, TheShowsPicturesGoToTheSdkInOrderFromOneQueue) {
+  session->startPublishingToSession();
+  const auto& capturer = sdk.publishers.back()->settings.capturer;
+  sdk.onCall = [](const std::string& call) {
+    if (call == "otc_video_capturer_provide_frame 0") {
+      EXPECT_STREQ(dispatch_queue_get_label(DISPATCH_CURRENT_QUEUE_LABEL), "com.zarvo.send_video_queue");
+    }
+  };
+  const auto show = [&](OSType format) {
+    const auto surface = createSurface(format, 64, 48);
+    CVPixelBufferRef wrapped = nullptr;
+    CVPixelBufferCreateWithIOSurface(nullptr, surface.get(), nullptr, &wrapped);
+    session->sendVideoFrame(Ref<CVPixelBufferRef>::adopt(wrapped).get());
+    return surface;
+  };
+  forget();
+  capturer.start(nullptr, session);
+  show(kCVPixelFormatType_32BGRA);
+  EXPECT_THAT(sdk.calls(), IsEmpty()) << "there is no capturer yet";
+  EXPECT_THAT(prioritiesAsked, IsEmpty());
+
+  sdk.startCapturer();
+  sdk.answer({{"otc_video_capturer_provide_frame", 9}});
+  const auto planar = show(kCVPixelFormatType_420YpCbCr8Planar);
+  EXPECT_THAT(delegate.takeLog(), ElementsAre("otc_video_capturer_provide_frame: 9"));
+  const auto& frame = sdk.providedFrames.at(0);
+  for (size_t i = 0; i < 3; i++) {
+    EXPECT_EQ(frame.planes[i], IOSurfaceGetBaseAddressOfPlane(planar.get(), i));
+    EXPECT_EQ(frame.strides[i], static_cast<int>(IOSurfaceGetBytesPerRowOfPlane(planar.get(), i)));
+  }
+  std::thread([&] { show(kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange); }).join();
+  EXPECT_EQ(sdk.providedFrames.at(1).strides[2], 0);
+  EXPECT_THAT(prioritiesAsked, ElementsAre(std::pair(pthread_self(), 50))) << "once a process";
+
+  sdk.answer({{"otc_video_frame_new_contiguous_memory_wrapper", 1}, {"otc_video_frame_new_from_planes", 1}});
+  for (const OSType format : {kCVPixelFormatType_32BGRA, kCVPixelFormatType_420YpCbCr8Planar}) {
+    EXPECT_FALSE(IOSurfaceIsInUse(show(format).get())) << "nobody else would let go of it";
+  }
+}
+
+TEST_F(SessionTest, TheShowsSoundIsHandedOverOnePieceAtATime) {
+  sdk.audioDevice.start_capturer(nullptr, session);
+  sdk.answer({{"otc_audio_device_write_capture_data", 9}});
+  std::atomic<int> inside{0};
+  sdk.onCall = [&](const std::string& call) {
+    if (!call.starts_with("otc_audio_device_write_capture_data")) return;
+    EXPECT_EQ(++inside, 1);
+    std::this_thread::yield();
+    inside--;
+  };
+  const auto send = [&] {
+    const int16_t samples[] = {1, 2};
+    for (int i = 0; i < 500; i++) session->sendAudioData(samples, 1);
+  };
+  std::thread other(send);
+  send();
+  other.join();
+  EXPECT_THAT(delegate.takeLog(), Contains("otc_audio_device_write_capture_data: 9").Times(1000));
 }
 
 TEST_F(SessionTest, GuestsFramesSoundAndCommandsMayMeet) {

@@ -27,10 +27,13 @@ const char* flag(otc_bool on) {
 }
 
 otc_status record(const std::string& function, std::initializer_list<Word> arguments = {}) {
-  std::string call = function;
-  for (const Word& argument : arguments) call += " " + argument;
-  sdk().record(call);
-  return OTC_SUCCESS;
+  std::string words;
+  for (const Word& argument : arguments) words += " " + argument;
+  return sdk().record(function, words);
+}
+
+const char* idOf(const otc_session* session) {
+  return session ? session->id.c_str() : nullptr;
 }
 
 // A callback record is a row of function pointers, a user data pointer and a reserved one.
@@ -57,9 +60,9 @@ PlanarFrame::PlanarFrame(int width, int height)
 }
 
 // Functions that only read a field; they are not written down.
-#define READS(result, function, type, field) \
-  result function(const type* object) {      \
-    return object->field;                    \
+#define READS(result, function, type, field)                 \
+  result function(const type* object) {                      \
+    return object ? object->field : decltype(type::field)(); \
   }
 #define READS_OF_PLANE(result, function, field)              \
   result function(const otc_video_frame* frame, int plane) { \
@@ -90,8 +93,8 @@ READS_OF_PLANE(int, otc_video_frame_get_plane_stride, strides)
 
 // clang-format off
 WRITES_DOWN(otc_log_enable, (int level), level)
-WRITES_DOWN(otc_session_connect, (otc_session* session, const char* token), session->id, token)
-WRITES_DOWN(otc_session_delete, (otc_session* session), session->id)
+WRITES_DOWN(otc_session_connect, (otc_session* session, const char* token), idOf(session), token)
+WRITES_DOWN(otc_session_delete, (otc_session* session), idOf(session))
 WRITES_DOWN(otc_session_send_signal, (otc_session* session, const char* type, const char* data),
             session, type, data)
 WRITES_DOWN(otc_session_publish, (otc_session* session, otc_publisher* publisher), session, publisher)
@@ -118,19 +121,19 @@ otc_status otc_log_set_logger_callback(otc_logger_callback callback) {
 }
 
 otc_session* otc_session_new(const char* apiKey, const char* id, const otc_session_callbacks* callbacks) {
-  record(__func__, {apiKey, id});
+  if (record(__func__, {apiKey, id}) != OTC_SUCCESS) return nullptr;
   return sdk().sessions.emplace_back(new otc_session{id, complete(*callbacks)}).get();
 }
 
 otc_subscriber* otc_subscriber_new(const otc_stream* stream, const otc_subscriber_callbacks* callbacks) {
-  record(__func__, {stream->id});
+  if (record(__func__, {stream->id}) != OTC_SUCCESS) return nullptr;
   auto& made = sdk().subscribers;
   const std::string id = stream->id ? stream->id : "";
   return made.emplace(made.begin(), new otc_subscriber{id, complete(*callbacks)})->get();
 }
 
 otc_status otc_subscriber_set_subscribe_to_audio(otc_subscriber* subscriber, otc_bool on) {
-  subscriber->audio = on;
+  if (subscriber) subscriber->audio = on;
   return record(__func__, {subscriber, flag(on)});
 }
 
@@ -138,13 +141,14 @@ otc_video_frame* otc_video_frame_new_contiguous_memory_wrapper(int format, int w
                                                                otc_bool shallow, const uint8_t* data, size_t,
                                                                otc_video_frame_release_callback release,
                                                                void* argument) {
-  record(__func__, {format, {width, height}, shallow ? "shallow" : "deep"});
+  if (record(__func__, {format, {width, height}, shallow ? "shallow" : "deep"}) != OTC_SUCCESS)
+    return nullptr;
   return new otc_video_frame{format, width, height, {data}, {}, {}, {}, 0, release, argument};
 }
 
 otc_video_frame* otc_video_frame_new_from_planes(int format, int width, int height,
                                                  const uint8_t* const* planes, const int* strides) {
-  record(__func__, {format, {width, height}});
+  if (record(__func__, {format, {width, height}}) != OTC_SUCCESS) return nullptr;
   return new otc_video_frame{
       format, width, height, {planes[0], planes[1], planes[2]}, {}, {}, {strides[0], strides[1], strides[2]}};
 }
@@ -156,7 +160,7 @@ otc_status otc_video_frame_delete(otc_video_frame* frame) {
 
 otc_status otc_video_capturer_provide_frame(const otc_video_capturer*, int rotation,
                                             const otc_video_frame* frame) {
-  sdk().providedFrames.push_back(*frame);
+  if (frame) sdk().providedFrames.push_back(*frame);
   return record(__func__, {rotation});
 }
 
@@ -173,7 +177,7 @@ otc_status otc_publisher_settings_set_video_capturer(otc_publisher_settings* set
 
 otc_publisher* otc_publisher_new_with_settings(const otc_publisher_callbacks* callbacks,
                                                const otc_publisher_settings* settings) {
-  record(__func__);
+  if (record(__func__) != OTC_SUCCESS) return nullptr;
   complete(*callbacks);
   return sdk().publishers.emplace_back(new otc_publisher{*settings}).get();
 }

@@ -3,14 +3,15 @@
 #include <opentok.h>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <span>
 #include <string>
 #include <vector>
 
-// A video SDK that does nothing by itself: it writes down every call, throws where a callback is missing, and
-// lets a test fire any callback from any thread.
+// A video SDK that does nothing by itself: it writes down every call, throws where a callback is missing,
+// answers what a test says, and lets it fire any callback from any thread.
 
 struct otc_stream {
   const char* id;
@@ -67,11 +68,19 @@ class ScriptedSdk {
     return sdk;
   }
 
-  // Forgets the calls, the frames and `onCall`. Objects that were made stay valid.
+  // Forgets the calls, the frames, the answers and `onCall`. Objects that were made stay valid.
   void reset() {
     forgetCalls();
     providedFrames.clear();
     onCall = nullptr;
+    answer({});
+  }
+
+  // These functions answer these statuses from now on, or, where they make an object, make none. All others
+  // succeed.
+  void answer(const std::map<std::string, otc_status>& statuses) {
+    std::lock_guard guard(lock_);
+    answers_ = statuses;
   }
 
   // The calls so far, as "function argument ...". Calls that only read something are not written down.
@@ -126,16 +135,21 @@ class ScriptedSdk {
     capturer.start(reinterpret_cast<otc_video_capturer*>(1), capturer.user_data);
   }
 
-  // For the interface's functions.
-  void record(const std::string& call) {
+  // For the interface's functions. Gives the function's answer.
+  otc_status record(const std::string& function, const std::string& arguments) {
+    otc_status status;
     {
       std::lock_guard guard(lock_);
-      calls_.push_back(call);
+      calls_.push_back(function + arguments);
+      const auto answer = answers_.find(function);
+      status = answer == answers_.end() ? OTC_SUCCESS : answer->second;
     }
-    if (onCall) onCall(call);
+    if (onCall) onCall(function + arguments);
+    return status;
   }
 
  private:
   mutable std::mutex lock_;
   std::vector<std::string> calls_;
+  std::map<std::string, otc_status> answers_;
 };

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <list>
 #include <mutex>
@@ -30,13 +31,13 @@ class RecordingDelegate : public GuestSessionDelegate {
     std::lock_guard guard(lock_);
     surfaces.insert(IOSurfaceGetID(CVPixelBufferGetIOSurface(buffer)));
   }
-  void soundReceived(const void* samples, int64_t length, const Text& session) override {
-    std::string report = "sound " + session.value_or("none");
+  void soundReceived(const void* samples, int64_t length, const Text&) override {
+    std::string report = "sound";
     const std::span heard(static_cast<const int16_t*>(samples), static_cast<size_t>(length) / 2);
     for (const int16_t sample : heard) report += " " + std::to_string(sample);
     add(report);
   }
-  void ring(const std::string& name, const std::string& id, bool screenShare) override {
+  void ringForName(const std::string& name, const std::string& id, bool screenShare) override {
     add("ring " + name + " " + id + (screenShare ? " screen" : " camera"));
   }
   void hasAudioChanged(bool hasAudio) override { add(hasAudio ? "audio on" : "audio off"); }
@@ -56,6 +57,10 @@ class RecordingDelegate : public GuestSessionDelegate {
   std::vector<std::string> takeReports() {
     std::lock_guard guard(lock_);
     return std::exchange(reports_, {});
+  }
+  std::vector<std::string> log() {
+    std::lock_guard guard(lock_);
+    return log_;
   }
   std::vector<std::string> takeLog() {
     std::lock_guard guard(lock_);
@@ -104,6 +109,34 @@ class SessionTest : public testing::Test {
   }
   bool waitForCall(const char* call) {
     return eventually([&] { return testing::Value(sdk.calls(), testing::Contains(call)); });
+  }
+  bool waitForLog(const char* line) {
+    return eventually([&] { return testing::Value(delegate.log(), testing::Contains(line)); });
+  }
+  // What the guests were told last, in short: "live: cam on muted, two off".
+  std::string lastAudioSetting() const {
+    constexpr std::string_view kSignal = " audio_setting ";
+    nlohmann::json told;
+    for (const std::string& call : sdk.calls()) {
+      const size_t signal = call.find(kSignal);
+      if (signal != std::string::npos) told = nlohmann::json::parse(call.substr(signal + kSignal.size()));
+    }
+    if (told.is_null()) return "nothing";
+    std::string text = told.at("broadcastIsLive").get<bool>() ? "live" : "off air";
+    if (told.at("recordOnly").get<bool>()) text += " recording";
+    const char* separator = ": ";
+    for (const auto& guest : told.at("subs")) {
+      text += std::exchange(separator, ", ") + guest.at("id").get<std::string>();
+      text += guest.at("on").get<bool>() ? " on" : " off";
+      if (guest.at("remoteMuted").get<bool>()) text += " muted";
+      if (guest.at("offAirAudio").get<bool>()) text += " heard";
+    }
+    return text;
+  }
+  // What the session believes of the guest whom it hears and sees.
+  std::string guestFlags() const {
+    return std::string(session->connected_to_guest ? "connected" : "alone") +
+           (session->subscribed_to_audio ? " heard" : "");
   }
 
   ScriptedSdk& sdk = ScriptedSdk::get();
