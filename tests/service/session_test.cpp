@@ -130,11 +130,9 @@ TEST_F(SessionTest, AGuestsStateIsToldToAllAtEveryStep) {
   for (const auto& [step, told] : rows) {
     step();
     EXPECT_EQ(lastAudioSetting(), told) << "after step " << &told - &rows[0].told;
-    if (testing::Value(delegate.takeLog(), Contains("before otc_session_unsubscribe"))) {
-      EXPECT_TRUE(waitForCall("otc_session_unsubscribe session subscriber:cam")) << "who had come back";
-    }
   }
   EXPECT_THAT(delegate.takeReports(), ElementsAre("dropped cam", "dropped two", "dropped two"));
+  EXPECT_THAT(delegate.log(), Contains("before otc_session_unsubscribe").Times(1)) << "of cam, who came back";
 }
 
 TEST_F(SessionTest, TheGreenRoomRuleDecidesWhoIsHeard) {
@@ -175,8 +173,8 @@ TEST_F(SessionTest, RemovingAGuestWaitsForThePauseAndNotForTheSdk) {
   admit("cam");
   admit("two");
   std::promise<void> sdkIsSlow;
-  sdk.onCall = [&](const std::string& call) {
-    if (call.starts_with("otc_session_unsubscribe")) sdkIsSlow.get_future().wait_for(kDeadline);
+  sdk.onCall = [done = sdkIsSlow.get_future().share()](const std::string& call) {
+    if (call.starts_with("otc_session_unsubscribe")) done.wait_for(kDeadline);
   };
   const auto begin = std::chrono::steady_clock::now();
   session->stopSubscribing("cam");
