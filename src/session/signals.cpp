@@ -16,7 +16,7 @@ std::string prettyPrinted(const json& object) {
 }
 
 // More than a signal carries, and deeper than any guest's client nests.
-constexpr size_t kLongestPayload = 64 * 1024;
+constexpr size_t kLongestPayload = 65'536;
 constexpr int kDeepestPayload = 512;
 
 // The strings of the object that a guest sent, by key. Nothing else of it is kept, so that neither its

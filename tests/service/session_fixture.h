@@ -97,6 +97,9 @@ class SessionTest : public testing::Test {
   void receive(const char* id, const char* name = "Guest - Ann", int type = OTC_STREAM_VIDEO_TYPE_CAMERA) {
     sdk.receiveStream({id, name, type});
   }
+  void drop(const char* id, int type = OTC_STREAM_VIDEO_TYPE_CAMERA) {
+    sdk.dropStream({id, "Guest - Ann", type});
+  }
   void admit(const char* id, int type = OTC_STREAM_VIDEO_TYPE_CAMERA) {
     receive(id, "Guest - Ann", type);
     session->startSubscribing(id);

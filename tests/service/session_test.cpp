@@ -48,9 +48,9 @@ TEST_F(SessionTest, AudioDeviceKeepsRunningAfterAStop) {
               {device.stop_capturer, "capturer captures takes renderer renders pulls"},
               {device.destroy_capturer, "capturer captures takes renderer renders pulls"},
               {device.destroy, "capturer captures takes renderer renders pulls"}};
-  for (const auto& [step, expected] : rows) {
-    EXPECT_EQ(step(nullptr, session), OTC_TRUE);
-    EXPECT_EQ(state(), expected) << "after step " << (&expected - &rows[0].state) / 2;
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.step(nullptr, session), OTC_TRUE);
+    EXPECT_EQ(state(), row.state) << "after step " << &row - rows;
   }
   for (const auto settingsOf : {device.get_capture_settings, device.get_render_settings}) {
     otc_audio_device_settings wish = {};
@@ -117,19 +117,16 @@ TEST_F(SessionTest, AGuestsStateIsToldToAllAtEveryStep) {
       {[&] { session->enableOffAirAudio(true); }, "live recording: cam off heard, two off muted heard"},
       {[&] { session->enableOffAirAudio(false); }, "live recording: cam off, two off muted"},
       {[&] { session->greenRoomStatus(false, "cam"); }, "live recording: cam on, two off muted"},
-      {[&] {
-         sdk.dropStream({"cam", "Guest - Ann"});
-       },
-       "live recording: cam off, two off muted"},
+      {[&] { drop("cam"); }, "live recording: cam off, two off muted"},
       {[&] { session->startSubscribing("cam"); }, "live recording: cam off, two off muted"},
       {[&] { session->greenRoomStatus(false, "cam"); }, "live recording: cam on, two off muted"},
       {[&] { session->stopSubscribing("cam"); }, "live recording: cam off, two off muted"},
       {[&] { session->setRemoteMute(false, "two"); }, "live recording: two off"},
       {[&] { session->dropAllStreams(); }, "live recording: two off"},
       {[&] { session->stopSubscribing("two"); }, "live recording"}};
-  for (const auto& [step, told] : rows) {
-    step();
-    EXPECT_EQ(lastAudioSetting(), told) << "after step " << &told - &rows[0].told;
+  for (const auto& row : rows) {
+    row.step();
+    EXPECT_EQ(lastAudioSetting(), row.told) << "after step " << &row - rows;
   }
   EXPECT_THAT(delegate.takeReports(), ElementsAre("dropped cam", "dropped two", "dropped two"));
   EXPECT_THAT(delegate.log(), Contains("before otc_session_unsubscribe").Times(1)) << "of cam, who came back";
@@ -183,7 +180,7 @@ TEST_F(SessionTest, RemovingAGuestWaitsForThePauseAndNotForTheSdk) {
   sdkIsSlow.set_value();
   EXPECT_TRUE(waitForLog("after otc_session_unsubscribe 0"));
 
-  sdk.dropStream({"two", "Guest - Ann"});
+  drop("two");
   forget();
   session->stopSubscribing("two");
   EXPECT_THAT(delegate.takeLog(), Contains("not calling otc_session_unsubscribe"));
@@ -199,13 +196,13 @@ TEST_F(SessionTest, AnSdkErrorIsFatalWhileNoCameraGuestIsIn) {
   admit("scr", OTC_STREAM_VIDEO_TYPE_SCREEN);
   is("alone heard");
   admit("cam");
-  sdk.dropStream({"scr", "Guest - Ann", OTC_STREAM_VIDEO_TYPE_SCREEN});
+  drop("scr", OTC_STREAM_VIDEO_TYPE_SCREEN);
   session->stopSubscribing("scr");
   is("connected heard");
   for (const char* dropped : {"cam", static_cast<const char*>(nullptr)}) {
     admit("cam");
     is("connected heard");
-    sdk.dropStream({dropped, "Guest - Ann"});
+    drop(dropped);
     is("alone");
   }
   receive("two");
