@@ -159,7 +159,7 @@ class Terminal : public Prompt {
     int count = 0;
     const char* text = (condition & G_IO_IN) ? el_gets(editor_, &count) : nullptr;
     // An empty line, too, is answered as if the input had ended.
-    if (ended_ || !(condition & G_IO_IN)) {
+    if (ended_ || (condition & (G_IO_HUP | G_IO_ERR))) {
       watch_ = 0;
       hide();
       edit(false);

@@ -6,9 +6,7 @@ namespace studio {
 
 namespace {
 
-// Of a guest's, who is not trusted: session descriptions are the largest. Of the server's: the list of all
-// who are in a large room, with what guests choose to call themselves.
-constexpr guint64 largestFromGuest = 65'536;
+// The list of all who are in a large room, with what guests choose to call themselves.
 constexpr guint64 largestFromJanus = 16'777'216;
 constexpr guint keepaliveSeconds = 20;
 constexpr std::size_t mostEarly = 16;

@@ -3,6 +3,7 @@
 
 #include <libsoup/soup.h>
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
@@ -12,6 +13,9 @@ namespace studio {
 /// Passes text messages both ways until either end closes. For the main loop's thread.
 class Relay {
  public:
+  /// In bytes, of a message of the guest's, who is not trusted: session descriptions are the largest.
+  static constexpr std::size_t largestFromGuest = 65'536;
+
   /// `closed` is called once, when both ends are closed; it may destroy this object.
   Relay(SoupWebsocketConnection* guest, SoupSession* session, const std::string& url,
         std::function<void(Relay& self)> closed);

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "app/main_loop.h"
+#include "app/message_limit.h"
 #include "app/relay.h"
 
 namespace studio {
@@ -23,6 +24,7 @@ namespace {
 
 constexpr std::uint16_t usualPort = 8080;
 constexpr std::size_t mostRelays = 256;
+constexpr char protocol[] = "janus-protocol";
 
 struct TypeOf {
   std::string_view ending;
@@ -124,11 +126,12 @@ WebServer::WebServer(Settings settings)
         static_cast<const WebServer*>(self)->serve(message, path);
       },
       this, nullptr);
-  const char* protocols[] = {"janus-protocol", nullptr};
-  soup_server_add_websocket_handler(
-      server_, "/janus", nullptr, const_cast<char**>(protocols),
-      [](SoupServer*, SoupServerMessage* message, const char*, SoupWebsocketConnection* guest,
-         gpointer self) { static_cast<WebServer*>(self)->relay(message, guest); },
+  // A WebSocket of libsoup's own making would offer compression, whose output has no limit.
+  soup_server_add_handler(
+      server_, "/janus",
+      [](SoupServer*, SoupServerMessage* message, const char*, GHashTable*, gpointer self) {
+        static_cast<WebServer*>(self)->upgrade(message);
+      },
       this, nullptr);
   listen();
 }
@@ -213,11 +216,28 @@ void WebServer::serve(SoupServerMessage* message, const char* path) const {
   answer(message, SOUP_STATUS_OK, type->type, std::string(std::istreambuf_iterator<char>(stream), {}));
 }
 
-void WebServer::relay(SoupServerMessage* message, SoupWebsocketConnection* guest) {
+void WebServer::upgrade(SoupServerMessage* message) {
+  const char* protocols[] = {protocol, nullptr};
   if (!comesFromOwnPage(message) || relays_.size() >= mostRelays) {
-    soup_websocket_connection_close(guest, SOUP_WEBSOCKET_CLOSE_POLICY_VIOLATION, nullptr);
+    answer(message, SOUP_STATUS_FORBIDDEN, "text/plain", "The session is not to be reached from here.\n");
     return;
   }
+  if (!soup_websocket_server_process_handshake(message, nullptr, const_cast<char**>(protocols), nullptr,
+                                               nullptr)) {
+    return;  // refused with the reason
+  }
+  g_signal_connect(message, "wrote-informational",
+                   G_CALLBACK(+[](SoupServerMessage* upgraded, gpointer self) {
+                     static_cast<WebServer*>(self)->relay(upgraded);
+                   }),
+                   this);
+}
+
+void WebServer::relay(SoupServerMessage* message) {
+  g_autoptr(GIOStream) stream = soup_server_message_steal_connection(message);
+  g_autoptr(SoupWebsocketConnection) guest = soup_websocket_connection_new(
+      stream, soup_server_message_get_uri(message), SOUP_WEBSOCKET_CONNECTION_SERVER, nullptr, protocol,
+      messageLimit(Relay::largestFromGuest));
   auto made = std::make_unique<Relay>(guest, session_, settings_.janus, [this](Relay& ended) {
     // Not at once: the relay is still calling.
     onMainLoop([gone = std::shared_ptr<Relay>(std::move(relays_.extract(&ended).mapped()))] {});

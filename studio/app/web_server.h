@@ -39,7 +39,8 @@ class WebServer {
  private:
   void listen();
   void serve(SoupServerMessage* message, const char* path) const;
-  void relay(SoupServerMessage* message, SoupWebsocketConnection* guest);
+  void upgrade(SoupServerMessage* message);
+  void relay(SoupServerMessage* message);
 
   Settings settings_;
   SoupServer* server_;

@@ -1,6 +1,8 @@
 // The studio as a program, with a real session server and a service that plays its part.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "child.h"
@@ -34,17 +37,22 @@ class StudioTest : public testing::Test {
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     const timeval deadline{kDeadline.count(), 0};
     setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+    reports_ = fdopen(ends[0], "r");
+    studioEnd_ = ends[1];
+  }
+  ~StudioTest() override { fclose(reports_); }
+
+  // Takes its commands from the test, or from `input`, and reports to the test.
+  void start(int input = -1, int errors = STDERR_FILENO) {
     studio_.emplace(
         std::vector<std::string>{ZARVO_STUDIO, "--service", STUB_SERVICE, "--web", ZARVO_WEB, "--show",
                                  "videotestsrc is-live=true", "--width", "64", "--height", "64"},
-        std::map<int, int>{{0, ends[1]}, {1, ends[1]}}, [&] {
+        std::map<int, int>{{0, input < 0 ? studioEnd_ : input}, {1, studioEnd_}, {2, errors}}, [&] {
           setenv("TMPDIR", (directory_ / "temporary").c_str(), 1);
           unsetenv("XDG_RUNTIME_DIR");
         });
-    close(ends[1]);
-    reports_ = fdopen(ends[0], "r");
+    close(std::exchange(studioEnd_, -1));
   }
-  ~StudioTest() override { fclose(reports_); }
 
   void say(const std::string& line) {
     const std::string text = line + "\n";
@@ -87,9 +95,11 @@ class StudioTest : public testing::Test {
   TemporaryFolder directory_;
   std::optional<Child> studio_;
   FILE* reports_;
+  int studioEnd_;
 };
 
 TEST_F(StudioTest, FromTheLinkToTheEndOfInput) {
+  start();
   EXPECT_THAT(report("ready").value("link", ""),
               testing::MatchesRegex("http://127.0.0.1:[0-9]+/#room=[0-9a-f]{32}&token=[0-9a-f]{32}"));
   EXPECT_EQ(report("ring").value("ring", ""), "abc");
@@ -101,6 +111,7 @@ TEST_F(StudioTest, FromTheLinkToTheEndOfInput) {
 }
 
 TEST_F(StudioTest, AServiceThatEndsIsStartedAnew) {
+  start();
   report("ring");
   say("chat Host: die");
   const json end = report("serviceEnded");
@@ -115,7 +126,21 @@ TEST_F(StudioTest, AServiceThatEndsIsStartedAnew) {
   EXPECT_TRUE(fs::is_empty(directory_ / "temporary"));
 }
 
+// A terminal that is not the studio's controlling one sends no SIGHUP when it goes.
+TEST_F(StudioTest, ATerminalThatGoesAwayEndsIt) {
+  int terminal = -1;
+  int far = -1;
+  ASSERT_EQ(openpty(&far, &terminal, nullptr, nullptr, nullptr), 0);
+  fcntl(far, F_SETFD, FD_CLOEXEC);
+  start(terminal, terminal);
+  close(terminal);
+  report("ring");
+  close(far);
+  EXPECT_EQ(studio_->waitForEnd(), 0);
+}
+
 TEST_F(StudioTest, NothingOutlivesAKilledStudio) {
+  start();
   report("ring");
   const auto started = children();
   studio_->sendSignal(SIGKILL);
