@@ -141,7 +141,10 @@ void Studio::runForGuest(Verb verb, const std::string& id) {
   }
   switch (verb) {
     case Verb::admit:
-      link->startBroadcast(id);
+      if (!link->startBroadcast(id)) {
+        output_.note("There is no session; \"rejoin\" joins it.");
+        return;
+      }
       board_.setState(id, GuestState::greenroom);
       break;
     case Verb::live:

@@ -55,8 +55,11 @@ void Studio::onDropped(const Dropped& dropped) {
 }
 
 void Studio::onChat(const Chat& chat) {
-  Json fields = {
-      {"message", chat.text}, {"name", chat.name}, {"uuid", chat.uuid}, {"sessionId", chat.sessionId}};
+  Json fields = Json::object();
+  if (chat.text) fields["message"] = *chat.text;
+  if (chat.name) fields["name"] = *chat.name;
+  fields["uuid"] = chat.uuid;
+  fields["sessionId"] = chat.sessionId;
   onMainLoop([this, fields = std::move(fields), uuid = std::string(chat.uuid)]() mutable {
     // Everybody in the session gets a signal, who sent it too.
     if (std::find(ownLines_.begin(), ownLines_.end(), uuid) != ownLines_.end()) fields["own"] = true;
@@ -65,7 +68,10 @@ void Studio::onChat(const Chat& chat) {
 }
 
 void Studio::onFavourite(const Favourite& favourite) {
-  Json fields = {{"uuid", favourite.uuid}, {"state", favourite.state}, {"sessionId", favourite.sessionId}};
+  Json fields = Json::object();
+  if (favourite.uuid) fields["uuid"] = *favourite.uuid;
+  fields["state"] = favourite.state;
+  fields["sessionId"] = favourite.sessionId;
   onMainLoop([this, fields = std::move(fields)] { event("fav", fields); });
 }
 
@@ -99,8 +105,8 @@ void Studio::onLogLine(std::string_view line) {
 
 void Studio::onFatalError(std::string_view text) {
   onMainLoop([this, text = std::string(text)] {
-    event("fatalError", {{"fatalErrorMessage", text}});
-    output_.note("The service cannot go on: " + text);
+    event("fatalError", text.empty() ? Json::object() : Json{{"fatalErrorMessage", text}});
+    output_.note(text.empty() ? "The service cannot go on." : "The service cannot go on: " + text);
   });
 }
 

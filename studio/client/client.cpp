@@ -5,13 +5,15 @@
 #include <utility>
 
 #include "client/report_parser.h"
+#include "client/session_watch.h"
+#include "client/xpc_object.h"
 
 namespace studio {
 
 // What the connection's handlers hold: it outlives the client by as long as they need it.
 struct Client::Link : std::enable_shared_from_this<Link> {
   explicit Link(Listener& to)
-      : queue(dispatch_queue_create("com.zarvo.studio.reports", DISPATCH_QUEUE_SERIAL)), parser(to) {}
+      : queue(dispatch_queue_create("com.zarvo.studio.reports", DISPATCH_QUEUE_SERIAL)), parser(to, watch) {}
   ~Link() {
     xpc_release(connection);
     dispatch_release(queue);
@@ -25,6 +27,7 @@ struct Client::Link : std::enable_shared_from_this<Link> {
 
   dispatch_queue_t queue;
   xpc_connection_t connection = nullptr;
+  SessionWatch watch;
   ReportParser parser;    // used on the queue
   bool detached = false;  // used on the queue
   std::atomic<int> framesInFlight{0};
@@ -86,7 +89,7 @@ void Client::init(const std::string& sessionId, const std::string& token) {
   const XpcObject made = command("Init");
   set(made, "sessionId", sessionId);
   set(made, "token", token);
-  link_->send(made);
+  link_->watch.init([&] { link_->send(made); });
 }
 
 void Client::exit() {
@@ -101,16 +104,16 @@ void Client::there(std::function<void(bool alive)> answer) {
                                          });
 }
 
-void Client::startBroadcast(const std::string& id) {
+bool Client::startBroadcast(const std::string& id) {
   const XpcObject made = command("StartBroadcast");
   set(made, "ID", id);
-  link_->send(made);
+  return link_->watch.startBroadcast([&] { link_->send(made); });
 }
 
 void Client::stopBroadcast(const std::string& id) {
   const XpcObject made = command("StopBroadcast");
   set(made, "ID", id);
-  link_->send(made);
+  link_->watch.stopBroadcast(id, [&] { link_->send(made); });
 }
 
 void Client::setOffAirAudio(bool on) {
@@ -163,7 +166,7 @@ void Client::remoteMute(const std::string& id, bool muted) {
 }
 
 void Client::stop() {
-  link_->send(command("Stop"));
+  link_->watch.stop([&] { link_->send(command("Stop")); });
 }
 
 void Client::liveStatus(bool live, bool recordOnly) {

@@ -1,19 +1,27 @@
 #include <utility>
 
+#include "client/xpc_object.h"
 #include "studio/reports.h"
 
 namespace studio {
 
 namespace {
 
-std::string_view text(const XpcObject& message, const char* key) {
-  return xpc_dictionary_get_string(message.get(), key);
+xpc_object_t dictionary(const Message& message) {
+  return static_cast<xpc_object_t>(message.get());
+}
+
+std::string_view text(const Message& message, const char* key) {
+  return xpc_dictionary_get_string(dictionary(message), key);
 }
 
 }  // namespace
 
-Frame::Frame(XpcObject message, Surface surface)
-    : message_(std::move(message)), surface_(std::move(surface)) {
+void MessageRelease::operator()(void* message) const {
+  xpc_release(static_cast<xpc_object_t>(message));
+}
+
+Frame::Frame(Message message, Surface surface) : message_(std::move(message)), surface_(std::move(surface)) {
   IOSurfaceIncrementUseCount(surface_.get());
   IOSurfaceLock(surface_.get(), kIOSurfaceLockReadOnly, nullptr);
 }
@@ -36,8 +44,9 @@ void Frame::letGo() {
   IOSurfaceUnlock(surface_.get(), kIOSurfaceLockReadOnly, nullptr);
   IOSurfaceDecrementUseCount(surface_.get());
   surface_.reset();
-  const XpcObject reply(xpc_dictionary_create_reply(message_.get()));
-  if (reply) xpc_connection_send_message(xpc_dictionary_get_remote_connection(message_.get()), reply.get());
+  const XpcObject reply(xpc_dictionary_create_reply(dictionary(message_)));
+  if (reply)
+    xpc_connection_send_message(xpc_dictionary_get_remote_connection(dictionary(message_)), reply.get());
   message_.reset();
 }
 
@@ -51,10 +60,10 @@ std::string_view Frame::sessionId() const {
   return text(message_, "sessionId");
 }
 std::int64_t Frame::number() const {
-  return xpc_dictionary_get_int64(message_.get(), "num");
+  return xpc_dictionary_get_int64(dictionary(message_), "num");
 }
 std::int64_t Frame::timestamp() const {
-  return xpc_dictionary_get_int64(message_.get(), "timestamp");
+  return xpc_dictionary_get_int64(dictionary(message_), "timestamp");
 }
 
 std::size_t Frame::width() const {

@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "client/xpc_object.h"
+
 namespace studio {
 
 namespace {
@@ -18,6 +20,11 @@ class Reader {
     const char* text = xpc_dictionary_get_string(message_, key);
     if (!text) complain(key, "text");
     return text ? text : std::string_view();
+  }
+
+  std::optional<std::string_view> textIfThere(const char* key) {
+    if (!has(key)) return std::nullopt;
+    return text(key);
   }
 
   bool flag(const char* key) {
@@ -45,6 +52,10 @@ class Reader {
   std::optional<std::string> fault_;
 };
 
+bool isEmpty(xpc_object_t message) {
+  return xpc_dictionary_apply(message, [](const char*, xpc_object_t) { return false; });
+}
+
 void answer(xpc_object_t message) {
   const XpcObject reply(xpc_dictionary_create_reply(message));
   if (reply) xpc_connection_send_message(xpc_dictionary_get_remote_connection(message), reply.get());
@@ -57,6 +68,7 @@ void ReportParser::handle(xpc_object_t event) {
   if (type == XPC_TYPE_DICTIONARY) {
     report(event);
   } else if (event == XPC_ERROR_CONNECTION_INTERRUPTED) {
+    watch_.lost();
     listener_.onLost(Client::Loss::interrupted);
   } else if (event == XPC_ERROR_TERMINATION_IMMINENT) {
     listener_.onLost(Client::Loss::terminating);
@@ -79,18 +91,23 @@ void ReportParser::report(xpc_object_t message) {
     this->sound(message);
   } else if (read.has("ring")) {
     const Ring ring{read.text("ring"), read.text("name"), read.text("sessionId"), read.flag("screenShare")};
-    if (sound()) listener_.onRing(ring);
+    if (!sound()) return;
+    watch_.ring(ring.id);
+    listener_.onRing(ring);
   } else if (read.has("sessionHasAudioChanged")) {
     const AudioChanged change{read.flag("hasAudio"), read.text("sessionHasAudioChanged")};
     if (sound()) listener_.onAudioChanged(change);
   } else if (read.has("dropped")) {
     const Dropped dropped{read.text("dropped"), read.text("sessionId")};
-    if (sound()) listener_.onDropped(dropped);
-  } else if (read.has("message")) {
-    const Chat chat{read.text("message"), read.text("name"), read.text("uuid"), read.text("sessionId")};
+    if (!sound()) return;
+    watch_.dropped(dropped.id);
+    listener_.onDropped(dropped);
+  } else if (read.has("message") || read.has("name")) {
+    const Chat chat{read.textIfThere("message"), read.textIfThere("name"), read.text("uuid"),
+                    read.text("sessionId")};
     if (sound()) listener_.onChat(chat);
   } else if (read.has("state")) {
-    const Favourite favourite{read.text("uuid"), read.text("state"), read.text("sessionId")};
+    const Favourite favourite{read.textIfThere("uuid"), read.text("state"), read.text("sessionId")};
     if (sound()) listener_.onFavourite(favourite);
   } else if (read.has("logMessage")) {
     const std::string_view line = read.text("logMessage");
@@ -98,8 +115,10 @@ void ReportParser::report(xpc_object_t message) {
   } else if (read.has("fatalErrorMessage")) {
     const std::string_view text = read.text("fatalErrorMessage");
     if (sound()) listener_.onFatalError(text);
-  } else if (read.has("uuid")) {
-    // What a guest's chat or mark that was not understood comes to: nothing to show.
+  } else if (read.has("sessionId")) {
+    // A guest's chat of neither text nor name, or a mark without a state: nothing to show.
+  } else if (isEmpty(message)) {
+    listener_.onFatalError({});
   } else {
     listener_.onRefused("a report of an unknown kind");
     answer(message);
@@ -120,7 +139,7 @@ void ReportParser::frame(xpc_object_t message) {
     answer(message);
     return;
   }
-  listener_.onFrame(Frame(retain(message), std::move(surface)));
+  listener_.onFrame(Frame(Message(xpc_retain(message)), std::move(surface)));
 }
 
 void ReportParser::sound(xpc_object_t message) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "client/session_watch.h"
 #include "studio/client.h"
 
 namespace studio {
@@ -13,7 +14,8 @@ namespace studio {
 /// Takes the events of a connection one at a time. What is not exactly as agreed is refused.
 class ReportParser {
  public:
-  explicit ReportParser(Client::Listener& listener) : listener_(listener) {}
+  /// The watch learns from a report before the listener is told.
+  ReportParser(Client::Listener& listener, SessionWatch& watch) : listener_(listener), watch_(watch) {}
 
   void handle(xpc_object_t event);
 
@@ -23,6 +25,7 @@ class ReportParser {
   void sound(xpc_object_t message);
 
   Client::Listener& listener_;
+  SessionWatch& watch_;
   // Sound is copied to here, since nothing aligns it inside a message.
   std::vector<std::int16_t> samples_;
 };

@@ -66,8 +66,8 @@ class Listener : public Client::Listener {
   void onRing(const studio::Ring&) override { lines.put("ring"); }
   void onAudioChanged(const studio::AudioChanged&) override { lines.put("audio"); }
   void onDropped(const studio::Dropped& dropped) override { lines.put("dropped " + std::string(dropped.id)); }
-  void onChat(const studio::Chat&) override { lines.put("chat"); }
-  void onFavourite(const studio::Favourite&) override { lines.put("fav"); }
+  void onChat(const studio::Chat& chat) override { lines.put("chat " + shown(chat.name) + shown(chat.text)); }
+  void onFavourite(const studio::Favourite& fav) override { lines.put("fav " + shown(fav.uuid)); }
   void onFrame(studio::Frame frame) override { frames.put(std::move(frame)); }
   void onSound(const studio::Sound& sound) override {
     lines.put(testing::PrintToString(std::vector(sound.samples.begin(), sound.samples.end())));
@@ -79,6 +79,8 @@ class Listener : public Client::Listener {
     constexpr const char* names[] = {"interrupted", "invalid", "terminating"};
     lines.put(names[static_cast<int>(loss)]);
   }
+
+  static std::string shown(std::optional<std::string_view> text) { return std::string(text.value_or("-")); }
 
   Mailbox<std::string> lines;
   Mailbox<std::optional<studio::Frame>> frames;
@@ -125,6 +127,13 @@ TEST_F(ClientTest, ReportsArriveTyped) {
   EXPECT_EQ(heard(message({{"dropped", ""}, {"sessionId", "s"}})), "dropped ");
   EXPECT_EQ(heard(message("logMessage", "line")), "log line");
   EXPECT_EQ(heard(message("fatalErrorMessage", "broken")), "fatal broken");
+  // What a guest leaves out, the report leaves out, and a fatal error may have no text.
+  EXPECT_EQ(heard(message({{"message", "m"}, {"uuid", "u"}, {"sessionId", "s"}})), "chat -m");
+  EXPECT_EQ(heard(message({{"name", "n"}, {"uuid", "u"}, {"sessionId", "s"}})), "chat n-");
+  EXPECT_EQ(heard(message({{"state", "yes"}, {"sessionId", "s"}})), "fav -");
+  service_.send(message({{"uuid", "u"}, {"sessionId", "s"}}));
+  service_.send(message("sessionId", "s"));
+  EXPECT_EQ(heard(message(Texts{})), "fatal ");
   const std::int16_t samples[] = {1, -2, 32767, -32768};
   EXPECT_EQ(heard(sound(samples, sizeof samples)), "{ 1, -2, 32767, -32768 }");
 }
@@ -148,6 +157,39 @@ TEST_F(ClientTest, WhatIsNotAsAgreedIsRefused) {
   xpc_dictionary_set_value(unnumbered, "num", nullptr);
   EXPECT_TRUE(service_.ask(unnumbered).get());
   EXPECT_THAT(listener_.lines.next(), HasSubstr("without the integer \"num\""));
+}
+
+TEST_F(ClientTest, NobodyIsBroughtInWithoutASession) {
+  const auto ring = [&](const char* id) {
+    EXPECT_EQ(heard(report({{"ring", id}, {"name", "n"}, {"sessionId", "s"}}, "screenShare")), "ring");
+  };
+  const auto drop = [&](const char* id) {
+    EXPECT_EQ(heard(message({{"dropped", id}, {"sessionId", "s"}})), std::string("dropped ") + id);
+  };
+  const auto init = [&] { client_.init("s", "t"); };
+  ring("a");
+  EXPECT_FALSE(client_.startBroadcast("a")) << "before the first join";
+  init();
+  EXPECT_TRUE(client_.startBroadcast("a"));
+  client_.stop();
+  ring("b");  // sent before the service heard of the stop
+  EXPECT_FALSE(client_.startBroadcast("a"));
+  init();
+  client_.stopBroadcast("a");
+  client_.stopBroadcast("unknown");
+  EXPECT_TRUE(client_.startBroadcast("b"));
+  client_.stopBroadcast("b");
+  EXPECT_FALSE(client_.startBroadcast("b")) << "the session ends with the last guest";
+  ring("c");
+  EXPECT_TRUE(client_.startBroadcast("c")) << "who was there in time";
+  drop("b");
+  EXPECT_FALSE(client_.startBroadcast("c")) << "who was not";
+  init();
+  drop("b");
+  EXPECT_FALSE(!client_.startBroadcast("c"));
+  service_.hangUp();
+  EXPECT_EQ(listener_.lines.next(), "interrupted");
+  EXPECT_FALSE(client_.startBroadcast("c"));
 }
 
 TEST_F(ClientTest, AFrameIsSharedAndAnsweredWhenLetGo) {

@@ -39,6 +39,7 @@ class Client {
     virtual void onFrame(Frame frame) = 0;
     virtual void onSound(const Sound& sound) = 0;
     virtual void onLogLine(std::string_view line) = 0;
+    /// The service cannot go on; `text` is empty where no reason is known.
     virtual void onFatalError(std::string_view text) = 0;
     /// A report was not as agreed and was thrown away; `reason` says what was wrong with it.
     virtual void onRefused(std::string_view reason) = 0;
@@ -58,8 +59,9 @@ class Client {
   void exit();
   /// Asks for a sign of life: `answer` gets whether it came, on the listener's queue.
   void there(std::function<void(bool alive)> answer);
-  /// Brings the guest into the green room, and shows the show to the guests.
-  void startBroadcast(const std::string& id);
+  /// Brings the guest into the green room, and shows the show to the guests. False, and nothing is sent,
+  /// while there is no session: before `init`, after `stop`, after the last guest was taken out.
+  bool startBroadcast(const std::string& id);
   /// Takes the guest out. With the last known guest the session ends: `init` joins again.
   void stopBroadcast(const std::string& id);
   /// Whether guests in the green room are heard while the show is on air.

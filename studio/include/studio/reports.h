@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -31,15 +32,18 @@ struct Dropped {
   std::string_view sessionId;
 };
 
+/// A line of chat; the studio's own come back. What a guest left out, or sent as no text, is missing. One
+/// with neither text nor name is not reported.
 struct Chat {
-  std::string_view text;
-  std::string_view name;
+  std::optional<std::string_view> text;
+  std::optional<std::string_view> name;
   std::string_view uuid;
   std::string_view sessionId;
 };
 
+/// A comment or a line of chat is marked, or no longer. One without a state is not reported.
 struct Favourite {
-  std::string_view uuid;
+  std::optional<std::string_view> uuid;
   std::string_view state;
   std::string_view sessionId;
 };
@@ -67,7 +71,7 @@ struct Plane {
 class Frame {
  public:
   /// Takes over the message, and the surface that it carries. Use Client's listener instead.
-  Frame(XpcObject message, Surface surface);
+  Frame(Message message, Surface surface);
   Frame(Frame&& other) noexcept = default;
   Frame& operator=(Frame&& other) noexcept;
   ~Frame();
@@ -87,7 +91,7 @@ class Frame {
  private:
   void letGo();
 
-  XpcObject message_;
+  Message message_;
   Surface surface_;
 };
 
