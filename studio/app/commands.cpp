@@ -58,10 +58,26 @@ std::string_view takeWord(std::string_view& text) {
 // Each of these fills in one argument from the text that is left, and answers what is wrong with it.
 using Fault = std::string;
 
+constexpr char whichGuest[] = "which guest? Say #NUMBER, a name or an ID; \"guests\" lists them";
+
+// All that is left, since a name may be several words.
 Fault takeGuest(Command& command, std::string_view& text) {
-  command.guest = takeWord(text);
-  return command.guest.empty() ? "which guest? Name an ID, its beginning, or #NUMBER; \"guests\" lists them"
-                               : "";
+  if (text.size() > 1 && text.starts_with('"') && text.ends_with('"')) text = text.substr(1, text.size() - 2);
+  command.guest = text;
+  text = {};
+  return command.guest.empty() ? whichGuest : "";
+}
+
+// One word, or several between quotation marks.
+Fault takeGuestBefore(Command& command, std::string_view& text) {
+  if (text.starts_with('"') && text.find('"', 1) != std::string_view::npos) {
+    const std::size_t end = text.find('"', 1);
+    command.guest = text.substr(1, end - 1);
+    text = trimmed(text.substr(end + 1));
+  } else {
+    command.guest = takeWord(text);
+  }
+  return command.guest.empty() ? whichGuest : "";
 }
 
 Fault takeSwitch(Command& command, std::string_view& text, std::string_view otherwise) {
@@ -141,11 +157,11 @@ Fault fill(Command& command, std::string_view& text) {
     case Verb::help:
       return takeText(command, text, false);
     case Verb::snapshot: {
-      Fault fault = takeGuest(command, text);
+      Fault fault = takeGuestBefore(command, text);
       return fault.empty() ? takeFile(command, text, ".png") : fault;
     }
     case Verb::recordAudio: {
-      Fault fault = takeGuest(command, text);
+      Fault fault = takeGuestBefore(command, text);
       if (fault.empty()) fault = takeSeconds(command, text);
       return fault.empty() ? takeFile(command, text, ".wav") : fault;
     }
@@ -205,8 +221,8 @@ std::string helpText(std::string_view name) {
   std::string text;
   for (const CommandHelp& row : table) text += fmt::format("  {:<29} {}\n", usage(row), row.effect);
   text +=
-      "A guest is named by ID, by the beginning of the ID, by #NUMBER as \"guests\" numbers them, or by "
-      "name.";
+      "A guest (ID) is named by #NUMBER as \"guests\" numbers them, by name, or by ID or its beginning; "
+      "before more words, a name of several stands in \"quotation marks\".";
   return text;
 }
 

@@ -40,7 +40,7 @@ enum class Verb {
 /// One line of the prompt, understood. Only what the verb asks for is filled in.
 struct Command {
   Verb verb = Verb::help;
-  std::string guest;  ///< as typed: an id, its beginning, "#" and a number, or a name
+  std::string guest;  ///< as typed: "#" and a number, a name, an id or its beginning
   std::string name;   ///< of `comment` and `chat`
   std::string text;   ///< of `comment`, `chat`, `pref`, `show`, `help`; the number of `viewers`
   std::string uuid;   ///< of `fav`

@@ -1,13 +1,12 @@
 #include "app/guest_board.h"
 
 #include <fmt/format.h>
-#include <strings.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 
-#include "app/output.h"
+#include "app/guest_names.h"
+#include "app/terminal_text.h"
 
 namespace studio {
 
@@ -17,12 +16,7 @@ constexpr std::size_t framesMeasured = 60;
 constexpr std::chrono::seconds measuredTime(2);
 constexpr std::chrono::milliseconds levelWindow(400);
 constexpr std::chrono::seconds soundForgotten(1);
-constexpr std::string_view guestPrefix = "Guest - ";
-
-bool sameName(std::string_view name, const std::string& words) {
-  if (name.starts_with(guestPrefix)) name.remove_prefix(guestPrefix.size());
-  return name.size() == words.size() && strncasecmp(name.data(), words.data(), words.size()) == 0;
-}
+constexpr std::chrono::minutes awayLimit(1);
 
 double decibels(double squares, std::size_t samples) {
   constexpr double fullScale = 32768;
@@ -49,27 +43,42 @@ std::string_view nameOf(GuestState state) {
       return "green room";
     case GuestState::live:
       return "live";
+    case GuestState::away:
+      return "away";
     case GuestState::gone:
       return "gone";
   }
   return "";
 }
 
-void GuestBoard::ring(std::string_view id, std::string_view name, bool screenShare) {
+std::optional<GuestPlace> GuestBoard::ring(std::string_view id, std::string_view name, bool screenShare) {
   const std::lock_guard lock(mutex_);
   GuestRow& row = guests_[std::string(id)].row;
+  std::optional<GuestPlace> place;
+  if (row.state == GuestState::away && row.name == name && row.screenShare == screenShare) place = row.before;
+  const bool rings = row.number != 0 && row.state == GuestState::ringing;
+  // Who waited when the service ended goes on waiting.
+  if (place && place->state == GuestState::ringing) {
+    row.since = place->since;
+  } else if (!rings) {
+    row.since = Clock::now();
+  }
   if (row.number == 0) row.number = ++lastNumber_;
   row.id = id;
   row.name = name;
   row.screenShare = screenShare;
   row.state = GuestState::ringing;
   row.muted = false;
+  row.width = row.height = 0;
+  return place;
 }
 
 void GuestBoard::setState(const std::string& id, GuestState state) {
   const std::lock_guard lock(mutex_);
   const auto guest = guests_.find(id);
-  if (guest != guests_.end()) guest->second.row.state = state;
+  if (guest == guests_.end() || guest->second.row.state == state) return;
+  guest->second.row.state = state;
+  guest->second.row.since = Clock::now();
 }
 
 void GuestBoard::setMuted(const std::string& id, bool muted) {
@@ -83,14 +92,34 @@ void GuestBoard::remove(const std::string& id) {
   guests_.erase(id);
 }
 
-void GuestBoard::clear() {
+void GuestBoard::serviceEnded() {
   const std::lock_guard lock(mutex_);
-  guests_.clear();
+  std::erase_if(guests_, [](const auto& entry) { return entry.second.row.state == GuestState::gone; });
+  for (auto& [id, guest] : guests_) {
+    GuestRow& row = guest.row;
+    if (row.state == GuestState::away) continue;
+    row.before = {row.state, row.muted, row.since};
+    row.state = GuestState::away;
+    row.since = Clock::now();
+  }
 }
 
 void GuestBoard::allGone() {
   const std::lock_guard lock(mutex_);
-  for (auto& [id, guest] : guests_) guest.row.state = GuestState::gone;
+  std::erase_if(guests_, [](const auto& entry) { return entry.second.row.state == GuestState::away; });
+  for (auto& [id, guest] : guests_) {
+    if (guest.row.state == GuestState::gone) continue;
+    guest.row.state = GuestState::gone;
+    guest.row.since = Clock::now();
+  }
+}
+
+void GuestBoard::forgetAway() {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(guests_, [now = Clock::now()](const auto& entry) {
+    const GuestRow& row = entry.second.row;
+    return row.state == GuestState::away && now - row.since > awayLimit;
+  });
 }
 
 void GuestBoard::setOnAir(bool onAir) {
@@ -177,43 +206,37 @@ std::vector<GuestRow> GuestBoard::rows() const {
   return rows;
 }
 
-std::variant<std::string, GuestBoard::Unknown> GuestBoard::find(std::string_view words) const {
-  const std::lock_guard lock(mutex_);
-  if (guests_.empty()) return Unknown{"no guest has rung yet"};
-  const std::string text(words);
-  if (guests_.contains(text)) return text;
+namespace {
 
-  std::vector<std::string> found;
-  int number = 0;
-  const char* end = text.data() + text.size();
-  if (text.starts_with('#') && std::from_chars(text.data() + 1, end, number).ptr == end) {
-    for (const auto& [id, guest] : guests_) {
-      if (guest.row.number == number) found.push_back(id);
-    }
-  } else {
-    for (const auto& [id, guest] : guests_) {
-      if (id.starts_with(text)) found.push_back(id);
-    }
-    if (found.empty()) {
-      for (const auto& [id, guest] : guests_) {
-        if (sameName(guest.row.name, text)) found.push_back(id);
-      }
-    }
-  }
-  if (found.size() == 1) return found.front();
-  if (found.empty()) {
-    return Unknown{fmt::format("no guest is called \"{}\"; \"guests\" lists them", printable(text))};
-  }
-  return Unknown{fmt::format("\"{}\" may be any of {}; say more of the ID, or #NUMBER", printable(text),
-                             printable(fmt::format("{}", fmt::join(found, ", "))))};
+std::string waitingTime(const GuestRow& row) {
+  const auto time = std::chrono::steady_clock::now() - row.since;
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time).count();
+  return fmt::format("{}:{:02}", seconds / 60, seconds % 60);
 }
 
+// Who rings, and for how long, longest first.
+std::string waitingLine(std::vector<GuestRow> rows) {
+  std::erase_if(rows, [](const GuestRow& row) { return row.state != GuestState::ringing; });
+  if (rows.empty()) return {};
+  std::sort(rows.begin(), rows.end(), [](const auto& a, const auto& b) { return a.since < b.since; });
+  std::vector<std::string> waiting;
+  for (const GuestRow& row : rows) {
+    waiting.push_back(fmt::format("#{} {} {}", row.number, shortened(std::string(ownName(row.name)), 24),
+                                  waitingTime(row)));
+  }
+  return fmt::format("Waiting: {}\n", fmt::join(waiting, ", "));
+}
+
+}  // namespace
+
 std::string guestTable(const std::vector<GuestRow>& rows, std::optional<double> level) {
-  if (rows.empty()) return "No guest is here.";
+  const auto isGone = [](const GuestRow& row) { return row.state == GuestState::gone; };
+  if (std::all_of(rows.begin(), rows.end(), isGone)) return "No guest is here.";
   std::string text = fmt::format("{:>3}  {:<20} {:<24} {:<11} {:<9} {:>5}  {}\n", "#", "ID", "NAME", "STATE",
                                  "SIZE", "FPS", "SOUND");
   int heard = 0;
   for (const GuestRow& row : rows) {
+    if (isGone(row)) continue;
     heard += row.heard ? 1 : 0;
     std::string sound = row.heard ? "heard" : "not heard";
     if (row.level) sound = fmt::format("{:.0f} dB", *row.level);
@@ -224,6 +247,7 @@ std::string guestTable(const std::vector<GuestRow>& rows, std::optional<double> 
                         row.width == 0 ? "-" : fmt::format("{:.0f}", row.framesPerSecond), sound);
   }
   if (heard > 1 && level) text += fmt::format("All heard guests together: {:.0f} dB\n", *level);
+  text += waitingLine(rows);
   text.pop_back();
   return text;
 }

@@ -11,13 +11,25 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 namespace studio {
 
-enum class GuestState { ringing, greenroom, live, gone };
+enum class GuestState {
+  ringing,
+  greenroom,
+  live,
+  away,  ///< the service has ended; they are expected to ring again, and are then put back
+  gone,
+};
 std::string_view nameOf(GuestState state);
+
+/// Where a guest is to be put back.
+struct GuestPlace {
+  GuestState state = GuestState::ringing;
+  bool muted = false;
+  std::chrono::steady_clock::time_point since;
+};
 
 /// One guest stream, at the moment of asking.
 struct GuestRow {
@@ -26,7 +38,9 @@ struct GuestRow {
   std::string name;
   bool screenShare = false;
   GuestState state = GuestState::ringing;
+  std::chrono::steady_clock::time_point since;  ///< in that state since then
   bool muted = false;
+  GuestPlace before;      ///< of one who is away
   std::size_t width = 0;  ///< of the last frame; 0 before the first
   std::size_t height = 0;
   double framesPerSecond = 0;
@@ -38,13 +52,17 @@ struct GuestRow {
 /// Keeps the guests and measures their pictures and sound. May be used from any thread.
 class GuestBoard {
  public:
-  void ring(std::string_view id, std::string_view name, bool screenShare);
+  /// Answers where the guest is to be put back, if they were away: the stream under the name it had.
+  std::optional<GuestPlace> ring(std::string_view id, std::string_view name, bool screenShare);
   void setState(const std::string& id, GuestState state);
   void setMuted(const std::string& id, bool muted);
   void remove(const std::string& id);
-  void clear();
+  /// The service has ended, and knows of nobody any more: whoever was there is away.
+  void serviceEnded();
   /// The session has been left: whoever is still there will ring again.
   void allGone();
+  /// Gives up on those who have been away for a while.
+  void forgetAway();
   /// With the show on air, the green room is heard only if `offAirAudio`.
   void setOnAir(bool onAir);
   void setOffAirAudio(bool on);
@@ -57,11 +75,6 @@ class GuestBoard {
   std::vector<GuestRow> rows() const;
   /// Loudness of everything heard, in dB below full scale; nothing when no sound arrives.
   std::optional<double> level() const;
-  /// The id that the words mean (an id, its beginning, "#NUMBER" or a name), or what is wrong with them.
-  struct Unknown {
-    std::string text;
-  };
-  std::variant<std::string, Unknown> find(std::string_view words) const;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -86,7 +99,7 @@ class GuestBoard {
   std::optional<double> level_;
 };
 
-/// The table that `guests` prints.
+/// The table that `guests` prints: who has gone is not in it, who waits is named, longest first.
 std::string guestTable(const std::vector<GuestRow>& rows, std::optional<double> level);
 
 }  // namespace studio

@@ -1,15 +1,13 @@
 // What the studio says: reports as JSON lines on standard output, all else on standard error.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 
 namespace studio {
-
-/// `text` with everything that could move a terminal's cursor or change its mode made visible.
-std::string printable(std::string_view text);
 
 /// For the main loop's thread.
 class Output {
@@ -18,8 +16,10 @@ class Output {
 
   /// One line on standard output. Bytes that are not UTF-8 are replaced.
   void event(const nlohmann::ordered_json& event);
-  /// One or more lines for people, on standard error; its control characters are made visible.
+  /// One or more lines for people, on standard error, made `printable`.
   void note(std::string_view text);
+  /// Rings the terminal's bell, if there is one; at most once a second.
+  void bell();
 
   /// Called before and after something is written, to put the prompt away and back.
   std::function<void()> before = [] {};
@@ -31,6 +31,7 @@ class Output {
 
  private:
   bool terminal_;
+  std::chrono::steady_clock::time_point lastBell_;
 };
 
 }  // namespace studio

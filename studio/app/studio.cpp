@@ -19,10 +19,8 @@ using std::chrono::milliseconds;
 constexpr milliseconds serviceEndLimit(2000);
 // After the process has ended, what it still said is given this long to arrive.
 constexpr milliseconds lastWordsLimit(500);
-constexpr milliseconds shortestPause(250);
-constexpr milliseconds longestPause(10'000);
-constexpr std::chrono::seconds steadyTime(30);
 constexpr milliseconds exitLimit(3000);
+constexpr milliseconds forgetInterval(5000);
 
 // Short, since it becomes a part of a socket's path.
 std::string uniqueServiceName() {
@@ -43,7 +41,6 @@ Studio::Studio(Options options)
       room_{unguessable(), unguessable(), {unguessable(), unguessable()}},
       serviceName_(options_.running.empty() ? uniqueServiceName() : options_.running),
       serviceOutput_([this](const std::string& line) { output_.note("service: " + line); }),
-      pause_(shortestPause),
       printLog_(options_.log) {
   if (runtimeDirectory().empty() && options_.running.empty()) {
     setenv("XDG_RUNTIME_DIR", directory_.path().c_str(), 1);
@@ -116,7 +113,6 @@ void Studio::onJanusFailed(const std::string& reason) {
 }
 
 void Studio::startService() {
-  serviceStart_ = std::chrono::steady_clock::now();
   serviceEnd_.reset();
   serviceLost_ = false;
   if (options_.running.empty()) {
@@ -141,20 +137,28 @@ void Studio::startService() {
 
 void Studio::connect() {
   setClient(std::make_shared<Client>(serviceName_, *this));
-  join();
+  sendInit();
+  client()->there([this](bool alive) {
+    onMainLoop([this, alive] {
+      if (alive) pause_.works(std::chrono::steady_clock::now());
+    });
+  });
   // A fresh service knows nothing of the show.
   if (onAir_) client()->liveStatus(onAir_, recordOnly_);
   if (offAirAudio_) client()->setOffAirAudio(true);
 }
 
 void Studio::join() {
-  rejoinAfter_.reset();
-  rejoinTimer_.stop();
-  const std::shared_ptr<Client> link = client();
-  if (!link) return;  // whoever connects joins
+  if (!client()) return;  // whoever connects joins
   board_.allGone();
   guestsChanged();
-  link->init(room_.id, room_.tokens[0]);
+  sendInit();
+}
+
+void Studio::sendInit() {
+  rejoinAfter_.reset();
+  rejoinTimer_.stop();
+  client()->init(room_.id, room_.tokens[0]);
   event("joining", {{"sessionId", room_.id}});
 }
 
@@ -165,6 +169,7 @@ void Studio::openPrompt() {
   event("ready", {{"link", guestLink_}});
   printLink();
   output_.note("\"guests\" lists the guests, \"help\" all commands.");
+  forgetTimer_.every(forgetInterval, [this] { forgetGuests(); });
   prompt_ = Prompt::open(
       output_, [this](const std::string& line) { onLine(line); },
       [this] {
@@ -216,18 +221,16 @@ void Studio::serviceGone() {
   setClient(nullptr);
   service_.reset();
   serviceOutput_.drain();
-  board_.clear();
+  board_.serviceEnded();
   guestsChanged();
   const std::string reason = serviceEnd_ ? serviceEnd_->describe() : lossReason_;
   event("serviceEnded", {{"reason", reason}, {"lastLog", lastLog_}});
   output_.note(fmt::format("The service {}{}", reason,
                            lastLog_.empty() ? "." : fmt::format("; its last words: {}", lastLog_)));
   lastLog_.clear();
-  if (std::chrono::steady_clock::now() - serviceStart_ > steadyTime) pause_ = shortestPause;
   output_.note(options_.running.empty() ? "Starting it anew and joining again."
                                         : "Joining again as soon as it is back.");
-  serviceTimer_.once(pause_, [this] { startService(); });
-  pause_ = std::min(2 * pause_, longestPause);
+  serviceTimer_.once(pause_.ended(std::chrono::steady_clock::now()), [this] { startService(); });
 }
 
 void Studio::setClient(std::shared_ptr<Client> client) {

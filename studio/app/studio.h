@@ -19,9 +19,11 @@
 #include "app/options.h"
 #include "app/output.h"
 #include "app/prompt.h"
+#include "app/restart_pause.h"
 #include "app/service_output.h"
 #include "app/show.h"
 #include "app/snapshots.h"
+#include "app/talk_limit.h"
 #include "app/wav_recorder.h"
 #include "app/web_server.h"
 #include "studio/client.h"
@@ -73,6 +75,7 @@ class Studio : public Client::Listener, public JanusServer::Listener, public Sho
   void startService();
   void connect();
   void join();
+  void sendInit();
   void onServiceLost(Client::Loss loss, const Client* from);
   void onServiceEnded(ServiceProcess::End end);
   void serviceGone();
@@ -83,7 +86,14 @@ class Studio : public Client::Listener, public JanusServer::Listener, public Sho
   void openPrompt();
   void onLine(const std::string& line);
   void run(const Command& command);
-  void runForGuest(Verb verb, const std::string& id);
+  void runForGuest(Verb verb, const GuestRow& row);
+  void remove(const GuestRow& row);
+  bool bringIn(const std::string& id);
+  void putBack(const std::string& id, const GuestPlace& place);
+  void announce(const std::string& id);
+  void forgetGuests();
+  bool passOn(std::string_view name);
+  void tellOfTalk();
   void say(Verb verb, const Command& command);
   void snapshot(const std::string& id, const std::string& file);
   void recordAudio(const std::string& id, double seconds, const std::string& file);
@@ -120,8 +130,7 @@ class Studio : public Client::Listener, public JanusServer::Listener, public Sho
   bool serviceLost_ = false;
   std::string lossReason_;
   Timer serviceTimer_;  // what follows when the service is gone
-  std::chrono::steady_clock::time_point serviceStart_;
-  std::chrono::milliseconds pause_;  // before the next start
+  RestartPause pause_;
   std::string lastLog_;
   mutable std::mutex clientMutex_;
   std::shared_ptr<Client> client_;
@@ -135,6 +144,11 @@ class Studio : public Client::Listener, public JanusServer::Listener, public Sho
   std::atomic<bool> anybodyIn_{false};
   std::atomic<bool> printLog_;
   std::deque<std::string> ownLines_;
+  Timer forgetTimer_;
+  TalkLimit talk_;                            // used on the client's queue
+  std::atomic<std::size_t> linesLeftOut_{0};  // since the host was told
+  std::size_t linesSeen_ = 0;                 // of these, when last looked at
+  Timer talkTimer_;
 
   std::unique_ptr<Show> show_;
   Snapshots snapshots_;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "app/gone_guests.h"
+#include "app/guest_names.h"
 #include "app/studio.h"
 
 namespace studio {
@@ -21,6 +23,11 @@ std::string newUuid() {
 
 bool isIn(const GuestRow& row) {
   return row.state == GuestState::greenroom || row.state == GuestState::live;
+}
+
+// Whether the service has a record of the guest.
+bool isKnown(const GuestRow& row) {
+  return row.state != GuestState::away;
 }
 
 }  // namespace
@@ -51,15 +58,18 @@ void Studio::run(const Command& command) {
     case Verb::remove:
     case Verb::snapshot:
     case Verb::recordAudio: {
-      const auto found = board_.find(command.guest);
-      if (const auto* unknown = std::get_if<GuestBoard::Unknown>(&found)) {
-        output_.note(unknown->text);
-      } else if (command.verb == Verb::snapshot) {
-        snapshot(std::get<std::string>(found), command.file);
+      const auto found = findGuest(board_.rows(), command.guest);
+      if (const auto* none = std::get_if<NoGuest>(&found)) {
+        output_.note(none->text);
+        break;
+      }
+      const auto& row = std::get<GuestRow>(found);
+      if (command.verb == Verb::snapshot) {
+        snapshot(row.id, command.file);
       } else if (command.verb == Verb::recordAudio) {
-        recordAudio(std::get<std::string>(found), command.seconds, command.file);
+        recordAudio(row.id, command.seconds, command.file);
       } else {
-        runForGuest(command.verb, std::get<std::string>(found));
+        runForGuest(command.verb, row);
       }
       break;
     }
@@ -126,26 +136,28 @@ void Studio::run(const Command& command) {
   }
 }
 
-void Studio::runForGuest(Verb verb, const std::string& id) {
+void Studio::runForGuest(Verb verb, const GuestRow& row) {
   const std::shared_ptr<Client> link = client();
-  const auto rows = board_.rows();
-  const auto row =
-      std::find_if(rows.begin(), rows.end(), [&](const GuestRow& each) { return each.id == id; });
-  if (row->state == GuestState::gone && verb != Verb::remove) {
-    output_.note(fmt::format("#{0} has gone; \"remove #{0}\" takes them off the list.", row->number));
+  const std::string& id = row.id;
+  if (row.state == GuestState::gone && verb != Verb::remove) {
+    output_.note(fmt::format("#{} has gone.", row.number));
     return;
   }
-  if (row->state == GuestState::ringing && (verb == Verb::live || verb == Verb::greenroom)) {
-    output_.note(fmt::format("#{0} only rings as yet: \"admit #{0}\" first.", row->number));
+  if (row.state == GuestState::away && verb != Verb::remove) {
+    output_.note(fmt::format("#{} is away, and is put back as soon as they ring.", row.number));
+    return;
+  }
+  if (row.state == GuestState::ringing && (verb == Verb::live || verb == Verb::greenroom)) {
+    output_.note(fmt::format("#{0} only rings as yet: \"admit #{0}\" first.", row.number));
+    return;
+  }
+  if (isIn(row) && verb == Verb::admit) {
+    output_.note(fmt::format("#{} is in already: {}.", row.number, nameOf(row.state)));
     return;
   }
   switch (verb) {
     case Verb::admit:
-      if (!link->startBroadcast(id)) {
-        output_.note("There is no session; \"rejoin\" joins it.");
-        return;
-      }
-      board_.setState(id, GuestState::greenroom);
+      if (!bringIn(id)) output_.note("There is no session; \"rejoin\" joins it.");
       break;
     case Verb::live:
     case Verb::greenroom:
@@ -158,16 +170,69 @@ void Studio::runForGuest(Verb verb, const std::string& id) {
       board_.setMuted(id, verb == Verb::mute);
       break;
     case Verb::remove:
-      link->stopBroadcast(id);
-      board_.remove(id);
-      // The service ends the session with the last guest it knows of, and then reports that guest's stream
-      // as dropped.
-      if (rows.size() == 1 && options_.autoRejoin) rejoinAfter_ = id;
+      remove(row);
       break;
     default:
       break;
   }
   guestsChanged();
+}
+
+bool Studio::bringIn(const std::string& id) {
+  if (!client()->startBroadcast(id)) return false;
+  board_.setState(id, GuestState::greenroom);
+  return true;
+}
+
+// The mute comes first, so that nobody is heard for a moment whom the host has muted.
+void Studio::putBack(const std::string& id, const GuestPlace& place) {
+  const std::shared_ptr<Client> link = client();
+  if (!link) return;
+  if (place.muted) {
+    link->remoteMute(id, true);
+    board_.setMuted(id, true);
+  }
+  const bool wasIn = place.state == GuestState::greenroom || place.state == GuestState::live;
+  if (wasIn && bringIn(id) && place.state == GuestState::live) {
+    link->greenroomStatus(id, false);
+    board_.setState(id, GuestState::live);
+  }
+}
+
+void Studio::remove(const GuestRow& row) {
+  const auto rows = board_.rows();
+  if (row.state == GuestState::gone && cameraIsIn(rows)) {
+    output_.note(
+        fmt::format("#{} has gone; the service forgets them once no other guest is in.", row.number));
+    return;
+  }
+  // The service ends the session with the last guest it knows of, and then reports that guest's stream as
+  // dropped. So when the last who is there is taken out, those who have gone go first.
+  const bool isLast = std::all_of(rows.begin(), rows.end(), [&](const GuestRow& other) {
+    return other.id == row.id || !isKnown(other) || other.state == GuestState::gone;
+  });
+  if (isLast && row.state != GuestState::gone) {
+    for (const GuestRow& gone : rows) {
+      if (gone.id == row.id || !isKnown(gone)) continue;
+      client()->stopBroadcast(gone.id);
+      board_.remove(gone.id);
+    }
+  }
+  client()->stopBroadcast(row.id);
+  board_.remove(row.id);
+  const auto left = board_.rows();
+  const bool ends = isKnown(row) && std::none_of(left.begin(), left.end(), isKnown);
+  if (ends && options_.autoRejoin) rejoinAfter_ = row.id;
+}
+
+void Studio::forgetGuests() {
+  board_.forgetAway();
+  const std::shared_ptr<Client> link = client();
+  if (!link) return;
+  for (const std::string& id : forgettable(board_.rows(), std::chrono::steady_clock::now())) {
+    link->stopBroadcast(id);
+    board_.remove(id);
+  }
 }
 
 // After any change of who is in, or heard.

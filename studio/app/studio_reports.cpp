@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "app/guest_names.h"
 #include "app/studio.h"
 
 namespace studio {
@@ -13,27 +14,36 @@ using namespace std::chrono_literals;
 
 // By then the page of a guest who was taken out has left, and does not ring in the session joined anew.
 constexpr auto rejoinPause = 500ms;
+constexpr auto talkPause = 1000ms;
 
 }  // namespace
 
 // The reports come on the client's queue and refer to the message: what goes on to the main loop is copied.
 
 void Studio::onRing(const Ring& ring) {
-  board_.ring(ring.id, ring.name, ring.screenShare);
+  const std::optional<GuestPlace> place = board_.ring(ring.id, ring.name, ring.screenShare);
   Json fields = {{"ring", ring.id},
                  {"name", ring.name},
                  {"sessionId", ring.sessionId},
                  {"screenShare", ring.screenShare}};
-  onMainLoop([this, fields = std::move(fields), id = std::string(ring.id), name = std::string(ring.name),
-              screenShare = ring.screenShare] {
+  onMainLoop([this, fields = std::move(fields), id = std::string(ring.id), place] {
     event("ring", fields);
-    for (const GuestRow& row : board_.rows()) {
-      if (row.id != id) continue;
-      output_.note(fmt::format("#{0}, {1}, {2}: \"admit #{0}\" brings them in.", row.number, printable(name),
-                               screenShare ? "would like to share a screen" : "rings"));
+    if (place) {
+      putBack(id, *place);
+    } else {
+      announce(id);
     }
     guestsChanged();
   });
+}
+
+void Studio::announce(const std::string& id) {
+  for (const GuestRow& row : board_.rows()) {
+    if (row.id != id) continue;
+    output_.note(fmt::format("#{0}, {1}, {2}: \"admit #{0}\" brings them in.", row.number, row.name,
+                             row.screenShare ? "would like to share a screen" : "rings"));
+    output_.bell();
+  }
 }
 
 void Studio::onAudioChanged(const AudioChanged& change) {
@@ -54,7 +64,34 @@ void Studio::onDropped(const Dropped& dropped) {
   });
 }
 
+// A guest may write faster than anybody reads, and than the main loop prints: what is too much is left out
+// before it gets in the way of anything else.
+bool Studio::passOn(std::string_view name) {
+  if (talk_.take(name, TalkLimit::Clock::now())) return true;
+  if (linesLeftOut_.fetch_add(1) == 0) {
+    onMainLoop([this] {
+      output_.note("Guests write more than anybody can read; what is too much is left out.");
+      talkTimer_.every(talkPause, [this] { tellOfTalk(); });
+    });
+  }
+  return false;
+}
+
+// Once it is over.
+void Studio::tellOfTalk() {
+  if (const std::size_t lines = linesLeftOut_; lines != linesSeen_) {
+    linesSeen_ = lines;
+    return;
+  }
+  talkTimer_.stop();
+  linesSeen_ = 0;
+  const std::size_t lines = linesLeftOut_.exchange(0);
+  event("talkLeftOut", {{"lines", lines}});
+  output_.note(fmt::format("{} lines of the guests' were left out.", lines));
+}
+
 void Studio::onChat(const Chat& chat) {
+  if (!passOn(chat.name.value_or(""))) return;
   Json fields = Json::object();
   if (chat.text) fields["message"] = *chat.text;
   if (chat.name) fields["name"] = *chat.name;
@@ -68,6 +105,7 @@ void Studio::onChat(const Chat& chat) {
 }
 
 void Studio::onFavourite(const Favourite& favourite) {
+  if (!passOn(favourite.uuid.value_or(""))) return;
   Json fields = Json::object();
   if (favourite.uuid) fields["uuid"] = *favourite.uuid;
   fields["state"] = favourite.state;

@@ -184,8 +184,8 @@ test("a guest with a screen outlives the service", async () => {
   const killed = studio.now;
   process.kill(studio.child("zarvo-guest-service"), "SIGKILL");
   await studio.report("serviceEnded", {}, killed);
-  for (const id of [camera, screen]) await studio.report("ring", { ring: id }, killed);
-  await Promise.all([camera, screen].map((id) => studio.admit(id)));
+  // Both are put back where they were.
+  for (const id of [camera, screen]) await studio.report("frame", { id }, killed);
   await seesCamera(studio, camera);
 
   const stopped = studio.now;
