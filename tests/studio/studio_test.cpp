@@ -60,11 +60,17 @@ class StudioTest : public testing::Test {
               static_cast<ssize_t>(text.size()));
   }
 
-  // The next report of that name; an empty object when none comes.
+  // The next report; an empty object when none comes.
+  json next() {
+    char line[4096];
+    if (!fgets(line, sizeof line, reports_)) return json::object();
+    json event = json::parse(line, nullptr, false);
+    EXPECT_TRUE(event.is_object()) << "every line is a JSON object";
+    return event;
+  }
+  // The next report of that name.
   json report(const std::string& name) {
-    for (char line[4096]; fgets(line, sizeof line, reports_);) {
-      json event = json::parse(line, nullptr, false);
-      EXPECT_TRUE(event.is_object()) << "every line is a JSON object";
+    for (json event = next(); !event.empty(); event = next()) {
       if (event.value("event", "") == name) return event;
     }
     ADD_FAILURE() << "no report \"" << name << "\"";
@@ -124,6 +130,34 @@ TEST_F(StudioTest, AServiceThatEndsIsStartedAnew) {
   studio_->sendSignal(SIGTERM);
   EXPECT_EQ(studio_->waitForEnd(), 0);
   EXPECT_TRUE(fs::is_empty(directory_ / "temporary"));
+}
+
+TEST_F(StudioTest, AGuestIsPutBackWhereTheyWere) {
+  start();
+  report("ring");
+  const auto expectLog = [&](std::initializer_list<const char*> lines) {
+    for (const char* line : lines) EXPECT_EQ(report("log").value("logMessage", ""), line);
+  };
+  for (const char* command : {"admit #1", "admit #1", "live abc", "mute Abc"}) say(command);
+  expectLog({"brought in", "greenroom no", "mute yes"});
+  say("chat Host: die");
+  expectLog({"the last words"});
+  report("serviceEnded");
+  expectLog({"mute yes", "brought in", "greenroom no"});
+}
+
+TEST_F(StudioTest, WhatMattersDoesNotWaitBehindTalk) {
+  start();
+  report("ring");
+  say("chat Host: flood");
+  std::size_t passed = 0;
+  for (json event = next(); event.value("event", "") != "dropped"; event = next()) {
+    ASSERT_FALSE(event.empty());
+    passed += event.value("event", "") == "chat" ? 1 : 0;
+  }
+  EXPECT_GT(passed, 0u);
+  EXPECT_LT(passed, 100u);
+  EXPECT_EQ(report("talkLeftOut").value("lines", 0u), 3000 - passed);
 }
 
 // A terminal that is not the studio's controlling one sends no SIGHUP when it goes.
