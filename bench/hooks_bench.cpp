@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "MachOLoader.h"
+#include "macho_loader.h"
 #include "symbol_rebinding.h"
 
 namespace bench {

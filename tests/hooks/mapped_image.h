@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "MachOLoader.h"
+#include "macho_loader.h"
 
 // The linker's layouts of "doorman": which sections hold its pointers, and how they are filled in.
 inline const std::vector<std::string> kLayouts = {"lazy", "const", "chained", "auth"};

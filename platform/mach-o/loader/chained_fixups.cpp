@@ -7,7 +7,7 @@
 #include <optional>
 #include <vector>
 
-#include "Fixups.h"
+#include "fixups.h"
 
 namespace platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "Fixups.h"
+#include "fixups.h"
 
 #include <fmt/format.h>
 

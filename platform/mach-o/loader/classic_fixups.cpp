@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "Fixups.h"
+#include "fixups.h"
 
 namespace platform {
 namespace {

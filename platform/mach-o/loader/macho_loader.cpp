@@ -1,4 +1,4 @@
-#include "MachOLoader.h"
+#include "macho_loader.h"
 
 #include <fmt/format.h>
 #include <mach-o/images.h>
@@ -12,8 +12,8 @@
 #include <iterator>
 #include <string_view>
 
-#include "Fixups.h"
-#include "ImageLayout.h"
+#include "fixups.h"
+#include "image_layout.h"
 
 namespace platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "ImageLayout.h"
+#include "image_layout.h"
 
 #include <fmt/format.h>
 #include <mach/mach.h>

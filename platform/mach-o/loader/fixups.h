@@ -5,7 +5,7 @@
 #include <span>
 #include <string>
 
-#include "ImageLayout.h"
+#include "image_layout.h"
 
 namespace platform {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "MachOLoader.h"
+#include "macho_loader.h"
 
 namespace platform {
 
