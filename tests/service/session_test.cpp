@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -236,12 +237,20 @@ TEST_F(SessionTest, ALostSessionDropsEveryGuestOrTellsOfNone) {
 TEST_F(SessionTest, PublishesOnceUntilItStops) {
   const std::string publish = "otc_session_publish session publisher";
   for (int i = 0; i < 2; i++) session->startPublishingToSession();
-  EXPECT_THAT(sdk.calls(), Contains(publish).Times(1));
-  EXPECT_THAT(sdk.calls(), IsSupersetOf({"otc_publisher_settings_set_stereo off",
-                                         "otc_publisher_set_audio_fallback_enabled off"}));
-  otc_video_capturer_settings wish = {};
-  sdk.publishers.back()->settings.capturer.get_capture_settings(nullptr, session, &wish);
-  EXPECT_EQ(std::tuple(wish.format, wish.width, wish.height, wish.fps), std::tuple(7, 1024, 576, 30));
+  EXPECT_THAT(
+      sdk.calls(),
+      ElementsAre("otc_publisher_settings_new", "otc_publisher_settings_set_name ZarvoLive",
+                  "otc_publisher_settings_set_video_capturer", "otc_publisher_settings_set_audio_track on",
+                  "otc_publisher_settings_set_video_track on", "otc_publisher_settings_set_stereo off",
+                  "otc_publisher_new_with_settings", "otc_publisher_set_audio_fallback_enabled off",
+                  publish));
+  const auto& capturer = sdk.publishers.back()->settings.capturer;
+  otc_video_capturer_settings wish = {-1, -1, -1, -1, -1, OTC_TRUE};
+  EXPECT_TRUE(capturer.get_capture_settings(nullptr, session, &wish));
+  EXPECT_TRUE(capturer.get_capture_settings(nullptr, session, nullptr));
+  const auto& [format, width, height, fps, delay, mirror] = wish;
+  EXPECT_THAT((std::array{format, width, height, fps, delay, mirror}),
+              ElementsAre(7, 1024, 576, 30, 0, OTC_FALSE));
   for (int i = 0; i < 2; i++) session->broadcastViewCount("12");
   session->stopCurrentSession(false);
   session->startPublishingToSession();  // the viewer count is told anew
