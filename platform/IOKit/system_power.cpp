@@ -131,7 +131,8 @@ bool SystemPower::isPreparing() const {
 }
 
 void SystemPower::prepareForSleep(bool sleeping) {
-  if (std::exchange(sleeping_, sleeping) == sleeping) return;
+  // A sleep may be told twice: by the property and by the signal.
+  if (std::exchange(sleeping_, sleeping) && sleeping) return;
   if (sleeping) {
     setPending(++announced_);
     // NOLINTNEXTLINE(performance-no-int-to-ptr): the system hands the notification's number on as a pointer

@@ -97,6 +97,9 @@ TEST(Power, HoldsTheLockUntilTheSleepIsAllowedAndTakesItAgainAtWake) {
     former = notification;
   }
   EXPECT_EQ(listener.messages.count(), 0u);
+  // Whose sleep was slept before the registration.
+  ASSERT_EQ(mockLogind("wake"), 0);
+  EXPECT_EQ(listener.messages.next().first, kIOMessageSystemHasPoweredOn);
 }
 
 TEST(Power, RegistersNobodyWithoutASystemBus) {
