@@ -1,3 +1,4 @@
+#include <Foundation/line_limit.h>
 #include <Foundation/ns_log.h>
 #include <fmt/chrono.h>
 #include <fmt/printf.h>
@@ -8,6 +9,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -15,6 +17,8 @@ namespace {
 
 // journald ends a record after 48 KiB by its default.
 constexpr std::size_t kLongestText = std::size_t{32} * 1024;
+// Some texts may come with every frame or every connection. Each is written so often in a minute.
+constexpr unsigned kSameTexts = 10;
 
 // The analyser loses sight of a va_list that is a member.
 // NOLINTBEGIN(clang-analyzer-valist.Uninitialized)
@@ -163,14 +167,7 @@ void appendOnOneLine(std::string& line, std::string_view text) {
   }
 }
 
-}  // namespace
-
-void NSLog(CFStringRef format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  const std::string text = Formatter(CFStringGetCStringPtr(format, kCFStringEncodingUTF8)).format(arguments);
-  va_end(arguments);
-
+void writeLine(const std::string& text) {
   const auto now = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
   const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
   std::string line =
@@ -180,4 +177,19 @@ void NSLog(CFStringRef format, ...) {
   line += '\n';
   // A log that cannot be written has nowhere to complain.
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+}
+
+}  // namespace
+
+void NSLog(CFStringRef format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string text = Formatter(CFStringGetCStringPtr(format, kCFStringEncodingUTF8)).format(arguments);
+  va_end(arguments);
+
+  static auto& limit = *new platform::LineLimit(kSameTexts);
+  const auto [allowed, leftOut] =
+      limit.ask(std::hash<std::string>()(text), platform::LineLimit::Clock::now());
+  if (leftOut > 0) writeLine(fmt::format("The following line was left out {} times", leftOut));
+  if (allowed) writeLine(text);
 }
