@@ -100,6 +100,10 @@ void setKind(Outgoing& datagram, Kind kind, uint32_t serial) {
   memcpy(datagram.bytes.data() + offsetof(Header, serial), &serial, sizeof serial);
 }
 
+bool hasLargeBody(std::span<const uint8_t> datagram) {
+  return datagram.size() >= kHeaderSize && (datagram[offsetof(Header, flags)] & kLargeBody);
+}
+
 Incoming decode(std::span<const uint8_t> datagram, std::span<FileDescriptor> descriptors) {
   Incoming incoming;
   Header header;

@@ -40,6 +40,9 @@ struct Incoming {
   size_t bodyLength = 0;
 };
 
+// Whether the datagram says that its body is large; decode then copies and checks megabytes.
+bool hasLargeBody(std::span<const uint8_t> datagram);
+
 // Takes the descriptors out of the span, or leaves them where they are to be closed by their owner.
 Incoming decode(std::span<const uint8_t> datagram, std::span<FileDescriptor> descriptors);
 

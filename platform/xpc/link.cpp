@@ -18,12 +18,24 @@ constexpr size_t kOutboxLimit = size_t{8} * 1024 * 1024;
 constexpr size_t kChargePerDatagram = 256;
 constexpr size_t kChargePerDescriptor = size_t{64} * 1024;
 constexpr size_t kMostDescriptorsOfTheSystem = 253;  // SCM_MAX_FD
-// So many messages are read before their handlers are started, though more may be there.
+// So many messages are read before other peers have their turn, though more may be there.
 constexpr unsigned kMessagesAtOnce = 32;
+
+size_t chargeOf(const Incoming& incoming, size_t descriptors) {
+  return kChargePerDatagram + incoming.bodyLength + descriptors * kChargePerDescriptor;
+}
+
+// Large bodies take milliseconds to read. They are read here, one at a time for all links, so that the
+// reactor's threads are there for other peers.
+dispatch_queue_t largeBodies() {
+  static const dispatch_queue_t queue = dispatch_queue_create("xpc large bodies", DISPATCH_QUEUE_SERIAL);
+  return queue;
+}
 
 }  // namespace
 
-Link::Link(FileDescriptor socket, const ucred& peer) : socket_(std::move(socket)), peer_(peer) {}
+Link::Link(FileDescriptor socket, const ucred& peer, Peers::Place place)
+    : place_(std::move(place)), socket_(std::move(socket)), peer_(peer) {}
 Link::~Link() = default;
 
 void Link::open(Ref<_xpc_connection_s> connection) {
@@ -113,8 +125,12 @@ Link::Outbox Link::hangUp() {
 
 void Link::resume() {
   paused_ = false;
+  lookAgain();
+}
+
+// Gives an event for what has come meanwhile.
+void Link::lookAgain() {
   std::lock_guard lock(sendMutex_);
-  // Gives an event for what has come meanwhile.
   Reactor::shared().change(id_, socket_.get(), wantedEvents());
 }
 
@@ -124,22 +140,29 @@ void Link::ready(uint32_t events) {
   {
     std::lock_guard lock(readMutex_);
     unsigned count = 0;
-    while (connection_ && (hungUp_ || !paused_)) {
+    while (connection_ && (hungUp_ || !(paused_ || takingIn_))) {
+      if (count++ == kMessagesAtOnce) {
+        lookAgain();
+        break;
+      }
       Incoming incoming;
       size_t charge = 0;
       const Received received = receive(incoming, charge);
       if (received == Received::nothing) break;
       if (received == Received::message) {
         connection_->linkReceived(shared_from_this(), std::move(incoming), charge, work);
-        if (++count % kMessagesAtOnce == 0) work.submit();
       } else {
-        close();
-        Reactor::shared().remove(id_, socket_.get());
-        std::exchange(connection_, {})->linkClosed(*this, work);
+        end(work);
       }
     }
   }
   Reactor::shared().run(work);
+}
+
+void Link::end(Work& work) {
+  close();
+  Reactor::shared().remove(id_, socket_.get());
+  std::exchange(connection_, {})->linkClosed(*this, work);
 }
 
 Link::Received Link::receive(Incoming& incoming, size_t& charge) {
@@ -178,15 +201,39 @@ Link::Received Link::receive(Incoming& incoming, size_t& charge) {
     incoming.problem = "a message that is too long";
   } else if (message.msg_flags & MSG_CTRUNC) {
     incoming.problem = "descriptors that could not be taken";
+  } else if (const std::span datagram(bytes.data(), static_cast<size_t>(length)); hasLargeBody(datagram)) {
+    takingIn_ = true;
+    auto large = std::make_shared<Large>(Bytes(datagram.begin(), datagram.end()), std::move(descriptors));
+    dispatch_async(largeBodies(), [self = shared_from_this(), large] { self->takeIn(*large); });
+    return Received::nothing;
   } else {
-    incoming = decode({bytes.data(), static_cast<size_t>(length)}, descriptors);
+    incoming = decode(datagram, descriptors);
   }
   if (incoming.problem) {
     log(incoming.problem);
     return Received::end;
   }
-  charge = kChargePerDatagram + incoming.bodyLength + descriptors.size() * kChargePerDescriptor;
+  charge = chargeOf(incoming, descriptors.size());
   return Received::message;
+}
+
+void Link::takeIn(Large& datagram) {
+  Incoming incoming = decode(datagram.bytes, datagram.descriptors);
+  const size_t charge = chargeOf(incoming, datagram.descriptors.size());
+  Work work;
+  {
+    std::lock_guard lock(readMutex_);
+    takingIn_ = false;
+    if (!connection_) return;
+    if (incoming.problem) {
+      log(incoming.problem);
+      end(work);
+    } else {
+      connection_->linkReceived(shared_from_this(), std::move(incoming), charge, work);
+      lookAgain();
+    }
+  }
+  work.submit();
 }
 
 void Link::refuse(const char* reason) {
@@ -195,7 +242,7 @@ void Link::refuse(const char* reason) {
 }
 
 void Link::log(const char* reason) const {
-  logLine(fmt::format("XPC: disconnecting process {}: {}", peer_.pid, reason));
+  logOffence(peer_.pid, fmt::format("XPC: disconnecting process {}: {}", peer_.pid, reason));
 }
 
 }  // namespace platform::xpc

@@ -12,13 +12,15 @@
 #include <span>
 
 #include "datagram.h"
+#include "peers.h"
 #include "reactor.h"
 
 namespace platform::xpc {
 
 class Link final : public Reactor::Source, public std::enable_shared_from_this<Link> {
  public:
-  Link(FileDescriptor socket, const ucred& peer);
+  // place: of an accepted connection among its process's; given back when the socket is closed.
+  Link(FileDescriptor socket, const ucred& peer, Peers::Place place = {});
   ~Link() override;
 
   const ucred& peer() const { return peer_; }
@@ -46,15 +48,26 @@ class Link final : public Reactor::Source, public std::enable_shared_from_this<L
     size_t charge = 0;
   };
   using Outbox = std::deque<Waiting>;
+  // A datagram whose body is read apart.
+  struct Large {
+    Bytes bytes;
+    std::vector<FileDescriptor> descriptors;
+  };
   enum class Received { message, nothing, end };
 
   int trySend(std::span<const uint8_t> bytes, std::span<const Ref<Descriptor>> descriptors) const;
   void flush();
   Outbox hangUp();
+  void lookAgain();
   uint32_t wantedEvents() const;
+  // With readMutex_ held:
   Received receive(Incoming& incoming, size_t& charge);
+  void end(Work& work);
+
+  void takeIn(Large& datagram);
   void log(const char* reason) const;
 
+  const Peers::Place place_;  // until the socket is closed
   const FileDescriptor socket_;
   const ucred peer_;
   std::atomic<bool> hungUp_{false};
@@ -62,6 +75,7 @@ class Link final : public Reactor::Source, public std::enable_shared_from_this<L
 
   std::mutex readMutex_;  // taken before the connection's, which is taken before sendMutex_
   Ref<_xpc_connection_s> connection_;
+  bool takingIn_ = false;  // a large body; what comes after it waits
 
   uint64_t id_ = 0;
 

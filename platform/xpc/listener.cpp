@@ -16,6 +16,12 @@
 #include "service.h"
 
 namespace platform::xpc {
+namespace {
+
+// After this a listener that could not accept looks again.
+constexpr int64_t kPause = 100 * NSEC_PER_MSEC;
+
+}  // namespace
 
 const char* addressOf(const std::string& name, sockaddr_un& address) {
   if (name.empty() || name.find('/') != std::string::npos) return "this is no name of a service";
@@ -91,33 +97,54 @@ void Listener::close() {
   std::lock_guard lock(mutex_);
   Reactor::shared().remove(id_, socket_.get());
   socket_ = {};
+  reserve_ = {};
   lock_ = {};
   connection = std::move(connection_);
 }
 
 void Listener::ready(uint32_t) {
   Work work;
-  {
-    std::lock_guard lock(mutex_);
-    while (connection_) {
-      FileDescriptor socket(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-      if (!socket) {
-        if (errno == EINTR || errno == ECONNABORTED) continue;
-        if (errno != EAGAIN) logLine(fmt::format("XPC: cannot accept a client: {}", strerror(errno)));
-        break;
-      }
-      ucred peer{};
-      socklen_t size = sizeof peer;
-      if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) < 0 || peer.uid != geteuid()) {
-        logLine(fmt::format("XPC: refusing process {} of user {}", peer.pid, peer.uid));
-        socket = {};
-        service::endIfIdle();
-        continue;
-      }
-      connection_->accepted(std::make_shared<Link>(std::move(socket), peer), work);
+  acceptAll(work);
+  Reactor::shared().run(work);
+}
+
+void Listener::acceptAll(Work& work) {
+  std::lock_guard lock(mutex_);
+  while (connection_) {
+    if (!reserve_) reserve_ = FileDescriptor(fcntl(socket_.get(), F_DUPFD_CLOEXEC, 0));
+    FileDescriptor socket(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!socket && (errno == EMFILE || errno == ENFILE) && reserve_) {
+      reserve_ = {};
+      socket = FileDescriptor(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    }
+    if (!socket) {
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      if (errno == EAGAIN) return;
+      logLine(fmt::format("XPC: cannot accept a client: {}", strerror(errno)));
+      return lookAgainLater();
+    }
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) < 0 || peer.uid != geteuid()) {
+      logOffence(peer.pid, fmt::format("XPC: refusing process {} of user {}", peer.pid, peer.uid));
+      socket = {};
+      service::endIfIdle();
+    } else if (auto place = peers_.enter(peer.pid)) {
+      connection_->accepted(std::make_shared<Link>(std::move(socket), peer, std::move(place)), work);
+    } else {
+      logOffence(peer.pid, fmt::format("XPC: refusing process {}: too many connections", peer.pid));
     }
   }
-  Reactor::shared().run(work);
+}
+
+// No event tells that there are descriptors again.
+void Listener::lookAgainLater() {
+  dispatch_after(dispatch_time(DISPATCH_TIME_NOW, kPause), dispatch_get_global_queue(QOS_CLASS_DEFAULT, 0),
+                 [weak = weak_from_this()] {
+                   Work work;
+                   if (auto self = weak.lock()) self->acceptAll(work);
+                   work.submit();
+                 });
 }
 
 }  // namespace platform::xpc

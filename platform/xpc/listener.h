@@ -9,6 +9,7 @@
 
 #include "file_descriptor.h"
 #include "object.h"
+#include "peers.h"
 #include "reactor.h"
 
 namespace platform::xpc {
@@ -32,9 +33,16 @@ class Listener final : public Reactor::Source, public std::enable_shared_from_th
   void ready(uint32_t events) override;
 
  private:
+  void acceptAll(Work& work);
+  void lookAgainLater();
+
   FileDescriptor lock_;  // of a name: held as long as the process listens there
   std::mutex mutex_;
   FileDescriptor socket_;
+  // Given up for a client when descriptors have run out: it is let in, or what has too many connections is
+  // turned away, and the next one has its turn.
+  FileDescriptor reserve_;
+  Peers peers_;
   uint64_t id_ = 0;
   Ref<_xpc_connection_s> connection_;
 };

@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <systemd/sd-daemon.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -18,8 +20,10 @@
 namespace platform::xpc::service {
 namespace {
 
-// As long as this a process that was asked to end may go on with its open transactions.
+// As long as this a process that was asked to end waits for its handlers.
 constexpr std::chrono::seconds kTerminationGrace{5};
+// So many descriptors are enough for every connection and what it carries.
+constexpr rlim_t kEnoughDescriptors = 65'536;
 
 struct State {
   std::mutex mutex;
@@ -62,6 +66,17 @@ std::shared_ptr<Listener> listeningSocket() {
   return listener;
 }
 
+// The usual limit of 1024 is meant for programs that call select.
+void raiseDescriptorLimit() {
+  rlimit descriptors{};
+  if (getrlimit(RLIMIT_NOFILE, &descriptors) < 0) return;
+  descriptors.rlim_cur = std::max(descriptors.rlim_cur, std::min(descriptors.rlim_max, kEnoughDescriptors));
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+}
+
+// Ends the process once every client's handler has heard of it, and so has done with what came before. Open
+// transactions keep a process that is idle; one that was asked to end they do not hold back, since a service
+// may leave them open for good.
 [[noreturn]] void terminate() {
   State& state = service::state();
   std::vector<Ref<_xpc_connection_s>> peers;
@@ -78,8 +93,7 @@ std::shared_ptr<Listener> listeningSocket() {
     });
   }
   std::unique_lock lock(state.mutex);
-  state.changed.wait_for(lock, kTerminationGrace,
-                         [&] { return state.unhandledTerminations == 0 && state.transactions == 0; });
+  state.changed.wait_for(lock, kTerminationGrace, [&] { return state.unhandledTerminations == 0; });
   lock.unlock();
   exit(EXIT_SUCCESS);
 }
@@ -131,7 +145,6 @@ void xpc_transaction_end(void) {
   {
     std::lock_guard lock(service::state().mutex);
     if (service::state().transactions > 0) service::state().transactions--;
-    service::state().changed.notify_all();
   }
   service::endIfIdle();
 }
@@ -142,6 +155,7 @@ void xpc_main(xpc_connection_handler_t handler) {
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  service::raiseDescriptorLimit();
 
   auto listener = _xpc_connection_s::forListener(service::listeningSocket());
   listener->setHandler([handler](xpc_object_t event) {

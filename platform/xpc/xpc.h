@@ -181,8 +181,10 @@ pid_t xpc_connection_get_pid(xpc_connection_t connection);
 // the process with status 1 and a line that says so.
 //
 // On SIGTERM every connection gets XPC_ERROR_TERMINATION_IMMINENT; the process ends with status 0 as soon as
-// no transaction is open, and after 5 seconds in any case. A process started by systemd's socket also ends
-// with status 0 whenever it has no connection and no open transaction: the next client starts it again.
+// their handlers have returned, whatever transactions are open, and after 5 seconds in any case. It may have
+// so many descriptors open as the system lets it, up to 65536, and each other process 32 connections. A
+// process started by systemd's socket also ends with status 0 whenever it has no connection and no open
+// transaction: the next client starts it again.
 XPC_NORETURN void xpc_main(xpc_connection_handler_t handler);
 
 // Between begin and end (they nest and may be called anywhere) the process is not idle.

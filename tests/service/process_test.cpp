@@ -46,6 +46,13 @@ TEST_F(Process, EndsUnderLoadOnExitWithoutAnAnswer) {
   EXPECT_TRUE(studio->waitForLog("Received Exit"));
 }
 
+TEST_F(Process, EndsWhenItIsAskedToWithoutWaiting) {
+  start();
+  EXPECT_EQ(studio->ask({{"There", ""}}), "world");
+  service->sendSignal(SIGTERM);
+  EXPECT_EQ(service->waitForEnd(std::chrono::seconds(4)), 0);
+}
+
 TEST_F(Process, AnSdkErrorEndsItAfterASecond) {
   const auto begin = steady_clock::now();
   start("error");
@@ -87,7 +94,8 @@ TEST_F(Process, AWakeHarmsNothingAndASleepIsLetThroughAndEndsIt) {
   std::ostringstream systemLog;
   systemLog << std::ifstream(folder / "log").rdbuf();
   EXPECT_THAT(systemLog.str(),
-              testing::ContainsRegex("Guest process going to sleep\n(.*\n)*.*Guest process exiting\n$"));
+              testing::ContainsRegex("Guest Came out of sleep\n(.*\n)*.*Guest process going to sleep\n"
+                                     "(.*\n)*.*Guest process exiting\n$"));
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 static void handle(xpc_object_t event) {
   if (xpc_dictionary_get_value(event, "begin")) xpc_transaction_begin();
   if (xpc_dictionary_get_value(event, "end")) xpc_transaction_end();
+  if (xpc_dictionary_get_value(event, "hang"))
+    for (;;) pause();
   echo(event);
 }
 

@@ -1,9 +1,13 @@
 // Peers that do not keep to the protocol, and peers that should not be there.
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <array>
+#include <atomic>
+#include <future>
 #include <memory>
 #include <vector>
 
@@ -12,6 +16,7 @@
 namespace {
 
 constexpr char kName[] = "echo";
+constexpr int kSealed = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
 
 std::string number(uint64_t value, int size) {
   return std::string(reinterpret_cast<const char*>(&value), static_cast<size_t>(size));
@@ -34,7 +39,7 @@ std::string datagram(const std::string& body, const Header& h = {}) {
 
 // What a container is followed by: where its one element ends.
 std::string withOffset(const std::string& bytes, size_t offset) {
-  return bytes + number(offset, bytes.size() < 0xff ? 1 : 2);
+  return bytes + number(offset, bytes.size() < 0xff ? 1 : bytes.size() < 0xfffe ? 2 : 4);
 }
 // An entry of a dictionary: the key "k" and a value, or what stands in place of the value.
 std::string entry(const std::string& value, const std::string& key = std::string("k\0", 2)) {
@@ -108,7 +113,6 @@ class HostileTest : public testing::Test {
 };
 
 TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
-  constexpr int kSealed = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
   const std::string good = dictionary(entry(value(number(1, 8), "x")));
   const std::string whole = datagram(good);
   const auto file = [] { return memory(4096, 0); };
@@ -166,6 +170,9 @@ TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
       {"entries overlap", datagram(entry(value("\1", "b")) + "\4\14")},
       {"noise", datagram("\x01\x02\x03\x04\x05\x06\x07\x08\x09")},
   };
+  std::promise<void> started;  // the pool, which takes descriptors of its own
+  dispatch_async(dispatch_get_global_queue(0, 0), [&] { started.set_value(); });
+  started.get_future().wait();
   size_t opened = 0;
   for (const Case& each : cases) opened += each.descriptors.empty() ? 0 : 1;
   const size_t before = openDescriptors() - opened;
@@ -181,6 +188,60 @@ TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
   }
   expectServed();
   EXPECT_TRUE(eventually([&] { return openDescriptors() == before; })) << "a descriptor leaks";
+}
+
+// The order tells, not the clock: the answer comes before most of the bodies that were sent earlier.
+TEST_F(HostileTest, LargeBodiesDelayNobodyElse) {
+  constexpr int kPeers = 16, kEach = 4;
+  std::atomic<int> handled{0};
+  Connection service(
+      listener("large"), accepting([&](xpc_connection_t peer) {
+        xpc_connection_set_event_handler(peer, [&](xpc_object_t event) {
+          if (xpc_get_type(event) == XPC_TYPE_DICTIONARY && xpc_dictionary_get_value(event, "k")) handled++;
+          echo(event);
+        });
+      }));
+  Connection witness(client("large"));
+  EXPECT_EQ(textsOf(witness.ask(message("first", "one"))), (Texts{{"first", "one"}}));
+
+  const std::string body = dictionary(entry(value(std::string(4 << 20, 'x'), "ay")));
+  const int file = memory(0, 0);
+  ASSERT_EQ(write(file, body.data(), body.size()), static_cast<ssize_t>(body.size()));
+  ASSERT_EQ(fcntl(file, F_ADD_SEALS, kSealed), 0);
+  std::vector<int> sockets(kPeers);
+  for (int& socket : sockets) {
+    ASSERT_GE(socket = bareClient(folder_ / "large"), 0);
+    for (int i = 0; i < kEach; i++)
+      ASSERT_TRUE(sendBare(socket, large(static_cast<int64_t>(body.size())), {file}));
+  }
+  EXPECT_EQ(textsOf(witness.ask(message("still", "there"))), (Texts{{"still", "there"}}));
+  EXPECT_LT(handled, kPeers * kEach / 2);
+  EXPECT_TRUE(eventually([&] { return handled == kPeers * kEach; }));
+  for (const int socket : sockets) close(socket);
+  close(file);
+}
+
+TEST_F(HostileTest, ClientsThatDescriptorsWereMissingForAreServedLater) {
+  std::array<int, 3> clients;
+  for (int& each : clients) each = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit low{256, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<int> taken;
+  for (int fd; (fd = dup(clients[0])) >= 0;) taken.push_back(fd);
+
+  const sockaddr_un address = socketAddress(folder_ / kName);
+  for (const int each : clients) {
+    ASSERT_EQ(connect(each, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_TRUE(sendBare(each, datagram("", {.kind = 1, .serial = 1}), {}));
+  }
+  EXPECT_EQ(answer(clients[0]), 1) << "one is let in by the reserve";
+  expectServed();
+  for (const int fd : taken) close(fd);
+  for (size_t i = 1; i < clients.size(); i++) EXPECT_EQ(answer(clients[i]), 1) << i;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  for (const int each : clients) close(each);
 }
 
 TEST_F(HostileTest, AnotherUsersPeerIsRefused) {
