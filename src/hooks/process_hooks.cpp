@@ -2,8 +2,10 @@
 
 #include <mach/mach.h>
 #include <mach/mach_time.h>
+#include <pthread.h>
 #include <sched.h>
 
+#include <cstdint>
 #include <cstdio>
 
 #include "symbol_rebinding.h"
@@ -14,31 +16,18 @@ namespace {
 void* systemsAudioDeviceDuck = nullptr;
 void* systemsSetSchedParam = nullptr;
 
-const SymbolRebinding duckRebinding{"AudioDeviceDuck", reinterpret_cast<void*>(&myDuck),
-                                    &systemsAudioDeviceDuck};
-const SymbolRebinding priorityRebinding{"pthread_setschedparam", reinterpret_cast<void*>(&mySetSchedParam),
-                                        &systemsSetSchedParam};
-
 constexpr double kPeriodMilliseconds = 1000;
 constexpr double kComputationMilliseconds = 2;
 constexpr double kConstraintMilliseconds = 4;
 
-}  // namespace
-
-void duckExactlyElevenDucks() {
-  rebindSymbols(&duckRebinding, 1);
-}
-
-void patchThreadPriority() {
-  rebindSymbols(&priorityRebinding, 1);
-}
-
+// Takes what AudioDeviceDuck takes.
 int32_t myDuck(uint32_t /*device*/, float /*duckedLevel*/, const void* /*startTime*/,
                float /*rampDuration*/) {
   puts("Unduck");
   return 0;
 }
 
+// Takes what pthread_setschedparam takes.
 int mySetSchedParam(pthread_t /*thread*/, int policy, const sched_param* parameters) {
   if (parameters == nullptr || policy != SCHED_RR || parameters->sched_priority != 0) return 0;
 
@@ -55,4 +44,19 @@ int mySetSchedParam(pthread_t /*thread*/, int policy, const sched_param* paramet
                         reinterpret_cast<thread_policy_t>(&constraint), THREAD_TIME_CONSTRAINT_POLICY_COUNT);
   if (result != KERN_SUCCESS) printf("thread_policy_set %d\n", result);
   return 0;
+}
+
+const SymbolRebinding duckRebinding{"AudioDeviceDuck", reinterpret_cast<void*>(&myDuck),
+                                    &systemsAudioDeviceDuck};
+const SymbolRebinding priorityRebinding{"pthread_setschedparam", reinterpret_cast<void*>(&mySetSchedParam),
+                                        &systemsSetSchedParam};
+
+}  // namespace
+
+void duckExactlyElevenDucks() {
+  rebindSymbols(&duckRebinding, 1);
+}
+
+void patchThreadPriority() {
+  rebindSymbols(&priorityRebinding, 1);
 }
