@@ -1,4 +1,4 @@
-// Rebinding imported symbols, against a plain pass over the same tables.
+// Rebinding imported symbols, against a plain pass over the same tables and against look-ups in a map.
 #pragma once
 
 #include "report.h"

@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -39,34 +40,41 @@ struct CloseFile {
   void operator()(FILE* file) const { fclose(file); }
 };
 
-// Opened for each query: a descriptor that is kept would show the parent's map after a fork.
-std::unique_ptr<FILE, CloseFile> openMaps() {
-  return std::unique_ptr<FILE, CloseFile>(fopen("/proc/self/maps", "re"));
+constexpr const char* kMaps = "/proc/self/maps";
+
+// A descriptor of this process's map; -1 if it cannot be opened. Kept open, since opening takes several times
+// as long as asking; but one from before a fork would show the parent's map.
+int ownMaps() {
+  static std::atomic<uint64_t> kept;  // whose it is, and the descriptor
+  const auto process = static_cast<uint64_t>(getpid());
+  uint64_t found = kept.load(std::memory_order_relaxed);
+  if (found >> 32 == process) return static_cast<int>(found & UINT32_MAX);
+  const int opened = open(kMaps, O_RDONLY | O_CLOEXEC);
+  if (opened < 0 || kept.compare_exchange_strong(found, process << 32 | static_cast<uint32_t>(opened))) {
+    return opened;
+  }
+  close(opened);
+  return static_cast<int>(found & UINT32_MAX);
 }
 
 }  // namespace
 
 std::optional<MappedRegion> regionAtOrAbove(uint64_t address) {
-  const int maps = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
-  if (maps < 0) return std::nullopt;
   ProcmapQuery query{};
   query.size = sizeof query;
   query.query_flags = kCoveringOrNext;
   query.query_addr = address;
-  const int answer = ioctl(maps, kProcmapQuery, &query);
-  const int reason = errno;
-  close(maps);
-  if (answer == 0) {
+  if (ioctl(ownMaps(), kProcmapQuery, &query) == 0) {
     // The kernel's flags for read, write and execute are the bits of a protection.
     return MappedRegion{query.vma_start, query.vma_end, static_cast<vm_prot_t>(query.vma_flags & 7),
                         (query.vma_flags & kShared) != 0, query.vma_offset};
   }
-  if (reason == ENOENT) return std::nullopt;
+  if (errno == ENOENT) return std::nullopt;
   return regionFromMapsText(address);
 }
 
 std::optional<MappedRegion> regionFromMapsText(uint64_t address) {
-  const auto maps = openMaps();
+  const std::unique_ptr<FILE, CloseFile> maps(fopen(kMaps, "re"));
   if (!maps) return std::nullopt;
   char line[512];
   bool atLineStart = true;

@@ -107,23 +107,41 @@ class ImportTables {
 
   uint64_t indirectCount() const { return indirectCount_; }
 
-  // The rebinding for the symbol of an entry of the indirect table (below indirectCount()); nullptr if there
-  // is none, or if the entry names no symbol. The symbol's leading underscore takes no part.
+  // The first entry of the indirect table from `entry` on, before `end`, that names a symbol whose name
+  // passes the sieve; `end` if there is none. The leading underscore takes no part in a name. Called on a
+  // copy, and with one: so the compiler knows that they stay the same from entry to entry.
+  uint64_t nextToPass(uint64_t entry, uint64_t end, const NameSieve& sieve) const {
+    for (; entry < end; ++entry) {
+      const uint32_t symbol = symbolAt(entry);
+      if (symbol < symbolCount_ && sieve.passes(strings_, stringsSize_, uint64_t{nameOf(symbol)} + 1)) break;
+    }
+    return entry;
+  }
+
+  // The rebinding for the symbol of an entry (below indirectCount()); nullptr if there is none, or if the
+  // entry names no symbol.
   const SymbolRebinding* rebinding(const RebindingIndex& rebindings, uint64_t entry) const {
-    uint32_t symbol = 0;
-    memcpy(&symbol, indirect_ + entry * sizeof symbol, sizeof symbol);
+    const uint32_t symbol = symbolAt(entry);
     if (symbol >= symbolCount_) return nullptr;  // local and absolute entries are higher than any
-    uint32_t nameOffset = 0;
-    memcpy(&nameOffset, symbols_ + symbol * sizeof(nlist_64) + offsetof(nlist_64, n_un), sizeof nameOffset);
-    if (nameOffset >= stringsSize_) return nullptr;
-    const char* const name = strings_ + nameOffset;
-    const SymbolRebinding* const found = rebindings.find(name + 1, stringsSize_ - nameOffset - 1);
-    // No rebinding has an empty name, so one that was found is at least the second character of this one.
-    return found != nullptr && name[0] != '\0' ? found : nullptr;
+    const uint32_t name = nameOf(symbol);
+    // A name of one character is only an underscore.
+    if (name >= stringsSize_ || strings_[name] == '\0') return nullptr;
+    return rebindings.find(strings_ + name + 1, stringsSize_ - name - 1);
   }
 
  private:
-  // Read with memcpy: a file may have them at any offset.
+  // The tables are read with memcpy: a file may have them at any offset.
+  uint32_t symbolAt(uint64_t entry) const {
+    uint32_t symbol = 0;
+    memcpy(&symbol, indirect_ + entry * sizeof symbol, sizeof symbol);
+    return symbol;
+  }
+  uint32_t nameOf(uint32_t symbol) const {
+    uint32_t offset = 0;
+    memcpy(&offset, symbols_ + symbol * sizeof(nlist_64) + offsetof(nlist_64, n_un), sizeof offset);
+    return offset;
+  }
+
   const char* symbols_ = nullptr;
   const char* strings_ = nullptr;
   const char* indirect_ = nullptr;
@@ -167,14 +185,14 @@ class WritableSection {
   int protection_ = PROT_READ;
 };
 
-// Other threads may call through the slot, and may be rewriting it with a newer rebinding at this moment.
-// That one must win: so the rebinding is looked up after the slot is read, and put in only if the slot is
-// still that.
+// Puts the rebinding that a slot's symbol has, if any, into the slot. Other threads may call through the
+// slot, and may be rewriting it with a newer rebinding at this moment. That one must win: so the rebinding is
+// looked up after the slot is read, and put in only if the slot is still that.
 void redirect(void** slot, const ImportTables& tables, const RebindingIndex& rebindings, uint64_t entry) {
   void* current = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
   for (;;) {
     const SymbolRebinding* const rebinding = tables.rebinding(rebindings, entry);
-    if (current == rebinding->replacement) return;
+    if (rebinding == nullptr || current == rebinding->replacement) return;
     if (rebinding->replaced != nullptr) __atomic_store_n(rebinding->replaced, current, __ATOMIC_RELEASE);
     if (__atomic_compare_exchange_n(slot, &current, rebinding->replacement, false, __ATOMIC_ACQ_REL,
                                     __ATOMIC_ACQUIRE)) {
@@ -183,36 +201,24 @@ void redirect(void** slot, const ImportTables& tables, const RebindingIndex& reb
   }
 }
 
-// The slots of a section of symbol pointers, with their part of the indirect table.
-struct PointerSection {
-  void** bindings;
-  uint64_t firstEntry;
-  uint64_t count;
-
-  // The first slot from `slot` on that a rebinding is for; `count` if there is none. The tables come by
-  // value: so the compiler knows that they stay the same from slot to slot.
-  uint64_t nextMatch(uint64_t slot, ImportTables tables, const RebindingIndex& rebindings) const {
-    while (slot < count && tables.rebinding(rebindings, firstEntry + slot) == nullptr) ++slot;
-    return slot;
-  }
-};
-
-void rewriteSection(const section_64& section, intptr_t slide, const ImportTables& tables,
+void rewriteSection(const section_64& section, intptr_t slide, const ImportTables tables,
                     const RebindingIndex& rebindings) {
-  if (section.reserved1 >= tables.indirectCount()) return;
-  const PointerSection slots{
-      pointerTo<void*>(static_cast<uint64_t>(slide) + section.addr), section.reserved1,
-      std::min(section.size / sizeof(void*), tables.indirectCount() - section.reserved1)};
-  uint64_t slot = slots.nextMatch(0, tables, rebindings);
-  // Most images import none of the names, and opening pages costs far more than going over the table.
-  if (slot == slots.count) return;
+  const uint64_t first = section.reserved1;
+  if (first >= tables.indirectCount()) return;
+  const uint64_t end = first + std::min(section.size / sizeof(void*), tables.indirectCount() - first);
+  auto** const slots = pointerTo<void*>(static_cast<uint64_t>(slide) + section.addr);
+  const NameSieve sieve = rebindings.sieve();
 
+  // Most images import none of the names, and opening pages costs far more than going over the table.
+  bool closed = isNamed(section.segname, "__DATA_CONST") || isNamed(section.segname, "__AUTH_CONST");
   std::optional<WritableSection> open;
-  if (isNamed(section.segname, "__DATA_CONST") || isNamed(section.segname, "__AUTH_CONST")) {
-    open.emplace(slots.bindings, section.size);
-  }
-  for (; slot < slots.count; slot = slots.nextMatch(slot + 1, tables, rebindings)) {
-    redirect(slots.bindings + slot, tables, rebindings, slots.firstEntry + slot);
+  for (uint64_t entry = first; (entry = tables.nextToPass(entry, end, sieve)) != end; ++entry) {
+    if (closed) {
+      if (tables.rebinding(rebindings, entry) == nullptr) continue;
+      open.emplace(slots, section.size);
+      closed = false;
+    }
+    redirect(slots + (entry - first), tables, rebindings, entry);
   }
 }
 

@@ -8,69 +8,84 @@
 
 #include "symbol_rebinding.h"
 
-// A place in the index for one rebinding. Whoever adds the rebinding provides it and keeps it as long as the
-// index is used.
-struct IndexedRebinding {
-  SymbolRebinding rebinding{};
-  size_t length = 0;    // of the name
-  uint64_t ending = 0;  // the name's last eight bytes, its NUL included, if it has so many
-
-  // As a node of the index.
-  size_t bit = 0;                                 // the one that it tests; 0: none, as the first node
-  std::atomic<const IndexedRebinding*> newest{};  // of those with its name
-  std::atomic<IndexedRebinding*> next[2]{};
-};
-
-// A Patricia tree over the names: a node tests one bit and leads on by it, to a node that tests a later bit
-// or back to the node whose name is the only candidate. Finding one, or finding that there is none, takes one
-// comparison of names and at most as many steps as the name has bits, however many rebindings there are.
-//
-// Any number of threads may look names up while one adds: each sees a rebinding either whole or not at all.
-class RebindingIndex {
+// Lets those names pass that may have a rebinding. While few names have one, that takes one comparison for
+// each of these, of the eight bytes that they end in, whatever the length of the name that is asked for:
+// names of one image often begin alike. Once they are many all names pass.
+class NameSieve {
  public:
-  // Adds an array of rebindings. Each replaces the one that was there for its name, if that is not one of
-  // this array: among these the first one counts.
-  void add(IndexedRebinding* rebindings, size_t count);
-
-  // The rebinding for the name that starts at `name`; nullptr if there is none. At most `room` bytes are
-  // read. A name that has no end in that room is none.
-  const SymbolRebinding* find(const char* name, size_t room) const {
-    const IndexedRebinding* const node = candidate(name, room);
-    if (node == nullptr || node->length >= room || !isNamed(*node, name)) return nullptr;
-    return &node->newest.load(std::memory_order_acquire)->rebinding;
+  // Whether the name at strings[start] passes. Nothing behind the `size` bytes at `strings` is read: a name
+  // so near their end that it cannot be judged passes.
+  bool passes(const char* strings, size_t size, size_t start) const {
+    for (size_t i = 0; i < count_; ++i) {
+      const Ending& ending = endings_[i];
+      const size_t at = start + ending.offset;
+      uint64_t bytes = 0;
+      if (at + sizeof bytes > size) return true;
+      memcpy(&bytes, strings + at, sizeof bytes);
+      if ((bytes & ending.mask) == ending.bytes) return true;
+    }
+    return all_;
   }
 
  private:
-  // Bits are counted from 1. Bit 0, the first node's own, and any bit behind the room count as not set: a
-  // name that reaches as far is the candidate of no node that asks for them.
-  static bool isSet(const char* name, size_t room, size_t bit) {
-    const size_t byte = (bit - 1) / 8;
-    return byte < room && (static_cast<unsigned char>(name[byte]) >> (7 - (bit - 1) % 8) & 1) != 0;
-  }
+  friend class RebindingIndex;
 
-  // The one node whose name can be this one; nullptr while the index is empty.
-  IndexedRebinding* candidate(const char* name, size_t room) const {
-    IndexedRebinding* node = top_.load(std::memory_order_acquire);
-    if (node == nullptr) return nullptr;
-    for (size_t tested = 0; node->bit > tested;) {
-      tested = node->bit;
-      node = node->next[isSet(name, room, tested)].load(std::memory_order_acquire);
-    }
-    return node;
-  }
+  static constexpr size_t kFew = 4;
 
-  // Needs length < room. The last eight bytes first: names of one image often begin alike.
-  static bool isNamed(const IndexedRebinding& node, const char* name) {
-    const size_t size = node.length + 1;
-    if (size >= sizeof node.ending) {
-      uint64_t ending = 0;
-      memcpy(&ending, name + size - sizeof ending, sizeof ending);
-      if (ending != node.ending) return false;
-    }
-    return memcmp(name, node.rebinding.name, size) == 0;
-  }
+  // The last eight bytes of a name, its NUL included; of a shorter one all.
+  struct Ending {
+    size_t offset;
+    uint64_t mask;
+    uint64_t bytes;
+  };
 
-  void insert(IndexedRebinding& added, const IndexedRebinding* nearest);
+  void add(const char* name);
 
-  std::atomic<IndexedRebinding*> top_{};
+  Ending endings_[kFew];
+  size_t count_ = 0;
+  bool all_ = false;
+};
+
+// A hash table of the names.
+//
+// Any number of threads may look names up while one adds: each sees a rebinding either whole or not at all.
+// The index has no destructor, since the process's own is used until the very end.
+class RebindingIndex {
+ public:
+  // Makes room for so many more rebindings; false, and nothing has changed, if there is no memory.
+  bool reserve(size_t count);
+
+  // Adds an array of rebindings, for which there must be room and which stays as long as the index is used.
+  // Each replaces the one that was there for its name, if that is not one of this array: among these the
+  // first one counts.
+  void add(const SymbolRebinding* rebindings, size_t count);
+
+  // Frees what reserve() took. Nobody may be using the index.
+  void clear();
+
+  // The rebinding for the name that starts at `name`; nullptr if there is none. At most `room` bytes are
+  // read. A name that has no end in that room is none.
+  const SymbolRebinding* find(const char* name, size_t room) const;
+
+  // For the names that the index has now.
+  NameSieve sieve() const;
+
+ private:
+  struct Place {
+    std::atomic<uint64_t> hash{};                     // of the name
+    std::atomic<const SymbolRebinding*> rebinding{};  // the newest of its name; nullptr: the place is free
+  };
+
+  // A name has the first free place from where its hash leads to. Never more than half full.
+  struct Table {
+    size_t size;  // a power of two
+    Place* places;
+    Table* smaller;  // the one before it, which others may still be reading
+  };
+
+  // The place of a name, or else the free one for it.
+  static Place& placeOf(const Table& table, const char* name, size_t length, uint64_t hash);
+
+  std::atomic<Table*> table_{};
+  size_t used_ = 0;  // places that are taken
 };

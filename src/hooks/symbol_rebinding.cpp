@@ -3,6 +3,7 @@
 #include <mach-o/dyld.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <new>
 
@@ -16,7 +17,7 @@ namespace {
 
 // The rebindings of one call.
 struct RebindingSet {
-  IndexedRebinding* rebindings;
+  SymbolRebinding* rebindings;
   size_t count;
   RebindingSet* next;
 };
@@ -35,22 +36,30 @@ pthread_mutex_t addingSets = PTHREAD_MUTEX_INITIALIZER;
 
 // nullptr if there is no memory.
 RebindingSet* makeSet(const SymbolRebinding rebindings[], size_t count) {
-  if (count > PTRDIFF_MAX / sizeof(IndexedRebinding)) return nullptr;
+  if (count > PTRDIFF_MAX / sizeof(SymbolRebinding)) return nullptr;
   auto* const set = new (std::nothrow) RebindingSet{nullptr, count, nullptr};
   if (set == nullptr) return nullptr;
-  set->rebindings = new (std::nothrow) IndexedRebinding[count];
+  set->rebindings = new (std::nothrow) SymbolRebinding[count];
   if (set->rebindings == nullptr) {
     delete set;
     return nullptr;
   }
-  for (size_t i = 0; i < count; ++i) set->rebindings[i].rebinding = rebindings[i];
+  std::copy_n(rebindings, count, set->rebindings);
   return set;
 }
 
-void add(RebindingSet* set, RebindingList& list) {
+void freeSet(RebindingSet* set) {
+  delete[] set->rebindings;
+  delete set;
+}
+
+// False, and nothing has changed, if there is no memory.
+bool add(RebindingSet* set, RebindingList& list) {
+  if (!list.index.reserve(set->count)) return false;
   set->next = list.head;
   list.head = set;
   list.index.add(set->rebindings, set->count);
+  return true;
 }
 
 void rewrite(const RebindingList& list, const mach_header_64* header, intptr_t slide) {
@@ -67,8 +76,12 @@ int32_t rebindSymbols(const SymbolRebinding rebindings[], size_t count) {
   RebindingSet* const set = makeSet(rebindings, count);
   if (set == nullptr) return -1;
   pthread_mutex_lock(&addingSets);
-  add(set, allRebindings);
+  const bool added = add(set, allRebindings);
   pthread_mutex_unlock(&addingSets);
+  if (!added) {
+    freeSet(set);
+    return -1;
+  }
 
   if (set->next == nullptr) {
     _dyld_register_func_for_add_image(rewriteAddedImage);
@@ -85,11 +98,11 @@ int32_t rebindSymbols(const SymbolRebinding rebindings[], size_t count) {
 int32_t rebindSymbolsInImage(const mach_header_64* header, intptr_t slide, const SymbolRebinding rebindings[],
                              size_t count) {
   RebindingSet* const set = makeSet(rebindings, count);
-  RebindingList list;
-  if (set != nullptr) add(set, list);
-  rewrite(list, header, slide);
   if (set == nullptr) return -1;
-  delete[] set->rebindings;
-  delete set;
-  return 0;
+  RebindingList list;
+  const bool added = add(set, list);
+  if (added) rewrite(list, header, slide);
+  list.index.clear();
+  freeSet(set);
+  return added ? 0 : -1;
 }

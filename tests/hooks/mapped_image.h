@@ -3,7 +3,9 @@
 
 #include <mach-o/loader.h>
 #include <mach-o/nlist.h>
+#include <mach/mach.h>
 #include <mach/task_map.h>
+#include <sys/mman.h>
 
 #include <fstream>
 #include <iterator>
@@ -86,11 +88,18 @@ std::vector<Command*> commandsOf(mach_header_64* header, uint32_t kind) {
   return found;
 }
 
+// Opens the page of a mapped image's header or tables, to change it.
+inline void openPage(const void* at) {
+  const uintptr_t page = reinterpret_cast<uintptr_t>(at) / vm_page_size * vm_page_size;
+  mprotect(reinterpret_cast<void*>(page), vm_page_size, PROT_READ | PROT_WRITE);
+}
+
 // One pointer of a section of symbol pointers.
 struct Slot {
   std::string symbol;  // as the symbol table has it; "" for a local or absolute entry
   void** address;
   uint32_t* indirectEntry;
+  section_64* section;  // in the mapped header
 };
 
 // Every slot of a well-made image, whose last segment is the link-edit one.
@@ -108,15 +117,15 @@ inline std::vector<Slot> slotsOf(const platform::LoadedImage& image) {
 
   std::vector<Slot> slots;
   for (auto* const segment : segments) {
-    const std::span sections(reinterpret_cast<const section_64*>(segment + 1), segment->nsects);
-    for (const section_64& section : sections) {
+    const std::span sections(reinterpret_cast<section_64*>(segment + 1), segment->nsects);
+    for (section_64& section : sections) {
       const uint32_t type = section.flags & SECTION_TYPE;
       if (type != S_LAZY_SYMBOL_POINTERS && type != S_NON_LAZY_SYMBOL_POINTERS) continue;
       for (uint64_t i = 0; i < section.size / sizeof(void*); ++i) {
         uint32_t* const entry = indirect + section.reserved1 + i;
         const bool named = (*entry & (INDIRECT_SYMBOL_LOCAL | INDIRECT_SYMBOL_ABS)) == 0;
         slots.push_back({named ? linkEdit + symtab->stroff + symbols[*entry].n_un.n_strx : "",
-                         reinterpret_cast<void**>(at(section.addr)) + i, entry});
+                         reinterpret_cast<void**>(at(section.addr)) + i, entry, &section});
       }
     }
   }

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <mach/mach.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <list>
 #include <map>
 #include <thread>
 
@@ -76,14 +79,35 @@ TEST_P(Rebinding, PassesOverLocalAndAbsoluteEntries) {
     const auto image = loadDoorman(GetParam());
     for (const auto& slot : slotsOf(*image)) {
       if (slot.symbol != "_ring_bell") continue;
-      const uintptr_t page = reinterpret_cast<uintptr_t>(slot.indirectEntry) / vm_page_size * vm_page_size;
-      ASSERT_EQ(mprotect(reinterpret_cast<void*>(page), vm_page_size, PROT_READ | PROT_WRITE), 0);
+      openPage(slot.indirectEntry);
       *slot.indirectEntry = mark;
     }
     rebindIn(*image,
              {{"ring_bell", address(replaceOne), nullptr}, {"open_door", address(replaceTwo), nullptr}});
     EXPECT_EQ(call(*image, "callRing", 1), 201);
     EXPECT_EQ(call(*image, "callOpen", 1), 2001);
+  }
+}
+
+TEST_P(Rebinding, WritesWholeSlotsOnly) {
+  for (const uint64_t most : {uint64_t{7}, uint64_t{9}, UINT64_MAX}) {
+    const auto image = loadDoorman(GetParam());
+    const auto slots = slotsOf(*image);
+    openPage(image->header());
+    std::map<section_64*, uint64_t> sizes;
+    for (const auto& slot : slots) sizes[slot.section] = slot.section->size;
+    for (const auto& [section, size] : sizes) section->size = std::min(size - 1, most);
+
+    std::vector<SymbolRebinding> rebindings;
+    for (const char* name : {"open_door", "ring_bell", "bell_count", "z", "dyld_stub_binder", "table"})
+      rebindings.push_back({name, address(replaceOne), nullptr});
+    std::map<section_64*, uint64_t> reached;
+    rebindIn(*image, rebindings);
+    for (const auto& slot : slots) {
+      const bool isWhole = (reached[slot.section] += sizeof(void*)) <= slot.section->size;
+      const bool isNamed = !slot.symbol.empty() && slot.symbol != "Q";
+      EXPECT_EQ(*slot.address == address(replaceOne), isWhole && isNamed) << slot.symbol;
+    }
   }
 }
 
@@ -94,6 +118,27 @@ TEST_P(Rebinding, TakesNamesOfTwoCharactersButNotOfOne) {
                     {"z", address(replaceTwo), nullptr}});
   EXPECT_EQ(call(*image, "callOneLetter", 1), 301);
   EXPECT_EQ(call(*image, "callNoUnderscore", 1), 2001);
+}
+
+// A section's pages may be anything when its image comes, and are that again afterwards.
+TEST(ReadOnlySections, GetTheirProtectionBack) {
+  for (const std::string layout : {"const", "chained", "auth"}) {
+    for (const vm_prot_t protection :
+         {VM_PROT_READ, VM_PROT_READ | VM_PROT_EXECUTE, VM_PROT_READ | VM_PROT_WRITE}) {
+      auto file = fileBytes(doorman(layout));
+      auto* const header = reinterpret_cast<mach_header_64*>(file.data());
+      for (auto* segment : commandsOf<segment_command_64>(header, LC_SEGMENT_64)) {
+        if (std::string(segment->segname).find("_CONST") == std::string::npos) continue;
+        segment->initprot = segment->maxprot = protection;
+        segment->flags = 0;
+      }
+      const auto image = LoadedImage::load("image", file, theOriginal);
+      ASSERT_EQ(protectionAt(image->symbol("constantTable")), protection);
+      rebindIn(*image, {{"ring_bell", address(replaceOne), nullptr}});
+      EXPECT_EQ(image->function<void*()>("bellAddress")(), address(replaceOne));
+      EXPECT_EQ(protectionAt(image->symbol("constantTable")), protection);
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, Rebinding, testing::ValuesIn(kLayouts),
@@ -206,14 +251,15 @@ TEST(RebindingIndex, FindsWhatGoingThroughTheSetsWouldFind) {
   for (size_t i = 1; i < 40; ++i) names.push_back(std::string(i, 'a'));
 
   static RebindingIndex index;
-  std::vector<std::vector<IndexedRebinding>> sets;
+  std::vector<std::vector<SymbolRebinding>> sets;
   std::map<std::string, const SymbolRebinding*> expected;
   for (size_t start = 0; start < names.size(); start += 13) {
     auto& set = sets.emplace_back(std::min<size_t>(13, names.size() - start));
     for (size_t i = set.size(); i-- > 0;) {
-      set[i].rebinding.name = names[start + i].c_str();
-      expected[names[start + i]] = &set[i].rebinding;
+      set[i].name = names[start + i].c_str();
+      expected[names[start + i]] = &set[i];
     }
+    ASSERT_TRUE(index.reserve(set.size()));
     index.add(set.data(), set.size());
   }
   const auto find = [](const std::string& text, size_t size) { return index.find(text.c_str(), size); };
@@ -223,6 +269,29 @@ TEST(RebindingIndex, FindsWhatGoingThroughTheSetsWouldFind) {
     EXPECT_EQ(find(name, name.size()), nullptr) << name << ", its end left out";
     EXPECT_EQ(find(name + "~", name.size() + 2), nullptr) << name << "~";
   }
+}
+
+TEST(RebindingIndex, ItsSieveLetsThroughWhatIsThere) {
+  const std::vector<std::string> names = {"a", "import_", "import_1", "import_12345", "more"};
+  std::list<SymbolRebinding> rebindings;
+  RebindingIndex index;
+  const auto passes = [&](const std::string& name, const std::string& next) {
+    const std::string strings = "_" + name + '\0' + next;
+    return index.sieve().passes(strings.data(), strings.size(), 1);
+  };
+  EXPECT_FALSE(passes("a", "_another_that_follows"));
+  for (size_t there = 0; there < names.size(); ++there) {
+    const SymbolRebinding& added = rebindings.emplace_back(names[there].c_str(), nullptr, nullptr);
+    ASSERT_TRUE(index.reserve(1));
+    index.add(&added, 1);
+    for (size_t i = 0; i < names.size(); ++i) {
+      const bool few = there < 4;
+      EXPECT_EQ(passes(names[i], "_another_that_follows"), i <= there || !few)
+          << names[i] << " of " << there + 1;
+      EXPECT_TRUE(passes(names[i], "") || i > there) << names[i];
+    }
+  }
+  index.clear();
 }
 
 // What rebinding asks for before it opens a read-only section.
@@ -253,6 +322,17 @@ TEST(VmRegion, TellsThePagesAsTheyAreMapped) {
     EXPECT_EQ(size, vm_page_size);
     EXPECT_EQ(info.protection, VM_PROT_READ);
   }
+  const pid_t child = fork();
+  if (child == 0) {
+    mprotect(pages + vm_page_size, vm_page_size, PROT_READ | PROT_WRITE);
+    vm_address_t address = readable;
+    ask(address, VM_REGION_BASIC_INFO_COUNT_64);
+    _exit(info.protection);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(WEXITSTATUS(status), VM_PROT_READ | VM_PROT_WRITE) << "the child's own map";
+
   vm_address_t above = UINTPTR_MAX - 4095;
   EXPECT_EQ(ask(above, VM_REGION_BASIC_INFO_COUNT_64), KERN_INVALID_ADDRESS);
   EXPECT_EQ(ask(above, VM_REGION_BASIC_INFO_COUNT_64 - 1), KERN_INVALID_ARGUMENT);
