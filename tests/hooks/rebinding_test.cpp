@@ -80,7 +80,7 @@ TEST_P(Rebinding, PassesOverLocalAndAbsoluteEntries) {
     for (const auto& slot : slotsOf(*image)) {
       if (slot.symbol != "_ring_bell") continue;
       openPage(slot.indirectEntry);
-      *slot.indirectEntry = mark;
+      *slot.indirectEntry |= mark;
     }
     rebindIn(*image,
              {{"ring_bell", address(replaceOne), nullptr}, {"open_door", address(replaceTwo), nullptr}});
