@@ -6,6 +6,7 @@
 
 const ANSWER_TIME = 10_000;
 const KEEPALIVE_TIME = 5_000;
+const FAREWELL_TIME = 5_000;
 
 /** An error that the server answered. `code` is Janus's; 0 when there was no answer at all. */
 export class JanusError extends Error {
@@ -26,6 +27,7 @@ export class Session {
   #id = 0;
   #socket = null;
   #keepalive = 0;
+  #closed = false;
   #handles = new Map();
   #waiting = new Map();
 
@@ -47,6 +49,10 @@ export class Session {
       socket.onopen = () => (clearTimeout(timer), resolve());
       socket.onclose = () => (clearTimeout(timer), fail());
     });
+    if (this.#closed) {
+      socket.close();
+      throw new JanusError(0, "The session was closed.");
+    }
     this.#socket = socket;
     socket.onclose = () => this.#lose(socket);
     socket.onmessage = ({ data }) => this.#receive(JSON.parse(data));
@@ -69,14 +75,31 @@ export class Session {
     return handle;
   }
 
-  detach(handle) {
+  // The server (Janus 1.1) may use what it has freed when a handle or a session goes while a plugin is at
+  // work for it. So both go once all is answered that was asked of them, or will not be any more.
+
+  async detach(handle) {
     this.#handles.delete(handle.id);
-    this.request({ janus: "detach", handle_id: handle.id }).catch(() => {});
+    if (this.#closed) return;
+    await this.#answered(handle.id);
+    await this.request({ janus: "detach", handle_id: handle.id }).catch(() => {});
   }
 
-  /** Ends the session at the server without waiting for its answer. */
-  close() {
-    if (this.#socket?.readyState === WebSocket.OPEN) {
+  /**
+   * Ends the session at the server and asks nothing more of it. A page that goes away cannot wait for
+   * answers: with `now` the server is left to find out by itself if it still owes one.
+   */
+  async close({ now = false } = {}) {
+    if (this.#closed) return;
+    this.#closed = true;
+    this.#handles.clear();
+    clearInterval(this.#keepalive);
+    const owes = this.#owed().length > 0;
+    if (owes && !now) {
+      const patience = new Promise((resolve) => setTimeout(resolve, FAREWELL_TIME));
+      await Promise.race([this.#answered(), patience]);
+    }
+    if (!(owes && now) && this.#id && this.#socket?.readyState === WebSocket.OPEN) {
       this.#socket.send(JSON.stringify({ janus: "destroy", session_id: this.#id, transaction: "bye" }));
     }
     this.#drop();
@@ -85,8 +108,8 @@ export class Session {
   /** Resolves with the whole answer. A bare "ack" answers nothing but a trickle and a keepalive. */
   request(message, time = ANSWER_TIME) {
     const transaction = crypto.getRandomValues(new Uint32Array(2)).join("-");
-    return new Promise((resolve, reject) => {
-      if (this.#socket?.readyState !== WebSocket.OPEN) {
+    const answer = new Promise((resolve, reject) => {
+      if (this.#closed || this.#socket?.readyState !== WebSocket.OPEN) {
         reject(new JanusError(0, "The connection to the server is lost."));
         return;
       }
@@ -94,9 +117,24 @@ export class Session {
         this.#waiting.delete(transaction);
         reject(new JanusError(0, "The server does not answer."));
       }, time);
-      this.#waiting.set(transaction, { resolve, reject, timer, verb: message.janus });
+      const { janus: verb, handle_id: handle } = message;
+      this.#waiting.set(transaction, { resolve, reject, timer, verb, handle });
       this.#socket.send(JSON.stringify({ ...message, session_id: this.#id || undefined, transaction }));
     });
+    const waiting = this.#waiting.get(transaction);
+    if (waiting) waiting.answer = answer;
+    return answer;
+  }
+
+  // What the server has still to answer, of one handle or of all; a keepalive sets no plugin to work.
+  #owed(handle) {
+    return [...this.#waiting.values()].filter((each) =>
+      handle === undefined ? each.verb !== "keepalive" : each.handle === handle,
+    );
+  }
+
+  #answered(handle) {
+    return Promise.allSettled(this.#owed(handle).map(({ answer }) => answer));
   }
 
   #receive(message) {
@@ -118,7 +156,7 @@ export class Session {
   #lose(socket) {
     if (!socket || socket !== this.#socket) return;
     this.#drop();
-    this.onlost();
+    if (!this.#closed) this.onlost();
   }
 
   // Lets go of the socket; whoever waits for an answer over it is told.
