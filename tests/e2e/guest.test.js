@@ -3,7 +3,16 @@
 import assert from "node:assert/strict";
 import { after, before, test } from "node:test";
 
-import { CAMERA_SIZE, comeIn, inState, launch, says, seesCamera, seriousFaults } from "./support/browser.js";
+import {
+  CAMERA_SIZE,
+  comeIn,
+  inState,
+  launch,
+  ringIn,
+  says,
+  seesCamera,
+  seriousFaults,
+} from "./support/browser.js";
 import { Cable } from "./support/cable.js";
 import { areCameras } from "./support/content.js";
 import { Studio, isHeard } from "./support/studio.js";
@@ -143,6 +152,106 @@ test("on air at desk and phone width, in light and dark, nothing is in anybody's
   const closed = studio.now;
   await page.context().close();
   await studio.report("dropped", { dropped: again }, closed);
+  await studio.clear();
+});
+
+test("on a phone the guest sees what matters without a search", async () => {
+  const page = await browser.open(studio.link, { name: "Ada", viewport: { width: 390, height: 844 } });
+  const inSight = (selector) =>
+    page.waitForFunction((selector) => {
+      const { top, bottom, height } = document.querySelector(selector).getBoundingClientRect();
+      return height > 0 && top >= 0 && bottom <= innerHeight;
+    }, selector);
+  await page.waitForSelector("#ring:enabled");
+  for (const selector of ["#name", "#ring"]) await inSight(selector);
+  await page.locator("#mono").scrollIntoViewIfNeeded();
+  const id = await ringIn(page, studio, "Ada");
+  for (const selector of ["#status", "#self", "#show-wait", "#mute", "#leave"]) await inSight(selector);
+  await page.focus("#chat-text");
+  await studio.admit(id);
+  for (const command of [`live ${id}`, "golive", `mute ${id}`]) studio.say(command);
+  await says(page, "#status", /On air, muted.*Everyone can see you. Nobody can hear you/s);
+  await inSight("#status");
+  const removed = studio.now;
+  for (const command of ["endshow", `remove ${id}`]) studio.say(command);
+  await says(page, "#notice", /taken you out/);
+  for (const selector of ["#notice", "#ring"]) await inSight(selector);
+  await studio.report("joining", {}, removed);
+  await page.context().close();
+});
+
+test("a guest is told what of them does not reach the show, and when the show is gone", async () => {
+  const picture = "videotestsrc is-live=true ! video/x-raw,width=320,height=180,framerate=10/1 ! identity";
+  assert.equal((await studio.ask(`show ${picture}`, "show")).state, "playing");
+  const page = await browser.open(studio.link, { name: "Ada" });
+  await page.waitForSelector("#ring:enabled");
+  // A browser that sends no pictures of the kind that the room takes.
+  await page.evaluate(() => {
+    const { addTransceiver } = RTCPeerConnection.prototype;
+    RTCPeerConnection.prototype.addTransceiver = function (track, init) {
+      const made = addTransceiver.call(this, track, init);
+      const { codecs } = RTCRtpSender.getCapabilities(track.kind);
+      made.setCodecPreferences(codecs.filter(({ mimeType }) => mimeType !== "video/VP8"));
+      return made;
+    };
+  });
+  const first = await ringIn(page, studio, "Ada");
+  await says(page, "#own", /cannot take your browser's pictures/);
+  for (const command of [`admit ${first}`, `live ${first}`, "golive"]) studio.say(command);
+  await inState(page, "on-air");
+  await says(page, "#status", /On air, no picture.*can hear you. Nobody can see you/s);
+  await page.reload();
+
+  const id = await ringIn(page, studio, "Ada");
+  assert.equal(await page.isVisible("#show"), false, "who only rings does not see the show");
+  await studio.admit(id);
+  await page.waitForFunction(() => document.querySelector("#show").videoWidth > 0);
+  studio.say(`live ${id}`);
+  await says(page, "#status", /On air.*Everyone can see and hear you/s);
+  const service = studio.child("zarvo-guest-service");
+  process.kill(service, "SIGSTOP");
+  await says(page, "#status", /Nothing comes from the studio.*Perhaps nobody can see/s);
+  process.kill(service, "SIGCONT");
+  await inState(page, "on-air");
+
+  // The camera is pulled out, and there is no other.
+  const gone = (track) => (track.stop(), track.dispatchEvent(new Event("ended")));
+  await page.evaluate(() => (navigator.mediaDevices.getUserMedia = () => Promise.reject(new Error("none"))));
+  await page.evaluate(`(${gone})(document.querySelector("#self").srcObject.getVideoTracks()[0])`);
+  await says(page, "#status", /On air, no picture/);
+  await says(page, "#own", /camera is switched off or has gone/);
+  for (const command of ["show off", "endshow"]) studio.say(command);
+  await page.context().close();
+  await studio.clear();
+});
+
+test("a guest who floods the chat keeps neither the host's mute nor others' lines from a page", async () => {
+  const [ada, bob] = await Promise.all(["Ada", "Bob"].map((name) => browser.open(studio.link, { name })));
+  await bob.waitForSelector("#ring:enabled");
+  await bob.evaluate(async () => {
+    const { Signals } = await import("./signals.js");
+    const { open } = Signals.prototype;
+    Signals.prototype.open = function (...where) {
+      window.signals = this;
+      return open.apply(this, where);
+    };
+  });
+  const id = await comeIn(ada, studio, "Ada");
+  await ringIn(bob, studio, "Bob");
+  await bob.evaluate(() => {
+    for (let line = 1; line <= 3000; line++) {
+      window.signals.send("chat", JSON.stringify({ name: "Bob", text: `Line ${line}`, uuid: `bob-${line}` }));
+      window.signals.send("fav", JSON.stringify({ uuid: `bob-${line}`, state: "yes" }));
+    }
+  });
+  await says(ada, "#chat", /Line 1.*some are left out/s);
+  studio.say(`mute ${id}`);
+  await says(ada, "#own", /host has switched your microphone off/);
+  const { uuid } = await studio.ask("chat Host: Calm, please", "chatSent");
+  await ada.waitForSelector(`#chat [data-uuid="${uuid}"]`);
+  const lines = await ada.locator("#chat .said").count();
+  assert.ok(lines < 200, `${lines} lines are shown`);
+  await Promise.all([ada, bob].map((page) => page.context().close()));
   await studio.clear();
 });
 

@@ -3,8 +3,11 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 
+import { Pulse } from "../../web/guest/flow.js";
 import { readLink } from "../../web/guest/link.js";
+import { Pace } from "../../web/guest/pace.js";
 import { readPreferences, readableOn } from "../../web/guest/preferences.js";
+import { Session } from "../../web/guest/session.js";
 import { parse } from "../../web/guest/signals.js";
 import * as show from "../../web/guest/state.js";
 
@@ -40,6 +43,36 @@ test("every place that a guest can be in has its own words", () => {
   assert.match(places[3].text, /Nobody can hear you/);
 });
 
+test("what a guest is told of being seen and heard is what leaves the page", () => {
+  const live = after(
+    inRoom(),
+    ["start", CAMERA],
+    ["audio_setting", setting([entry({ on: true })], { broadcastIsLive: true })],
+  );
+  const flows = (news) => ({ flows: { ...show.initial.flows, ...news } });
+  const rows = [
+    [{}, "On air", /^You are live. Everyone can see and hear you.$/, /^ $/],
+    [{ remoteMuted: true }, "On air, muted", /can see you. Nobody can hear/, /^The host has/],
+    [{ microphone: "silent" }, "On air, no sound", /can see you. Nobody can hear/, /^No sound comes/],
+    [{ microphone: "gone" }, "On air, no sound", /Nobody can hear/, /microphone .* gone/],
+    [flows({ audio: "refused" }), "On air, no sound", /Nobody can hear/, /browser's sound. Try another/],
+    [{ camera: "gone" }, "On air, no picture", /can hear you. Nobody can see/, /camera .* gone/],
+    [flows({ video: "refused" }), "On air, no picture", /Nobody can see/, /browser's pictures. Try another/],
+    [flows({ video: "stuck", audio: "stuck" }), "Not seen, not heard", /nobody can see or/, /sound .* picture/],
+    [flows({ show: false }), "Nothing comes from the studio", /Perhaps nobody can see or hear/, /^ $/],
+  ];
+  for (const [news, title, text, own] of rows) {
+    const state = show.seen(live, news);
+    assert.equal(show.describe(state).title, title);
+    assert.match(show.describe(state).text, text, title);
+    assert.match(`${show.describeMicrophone(state)} ${show.describeCamera(state)}`, own, title);
+  }
+  assert.equal(show.seen(live, flows({})), live);
+  const unseen = show.seen(live, { camera: "gone" });
+  assert.match(show.describe({ ...unseen, live: false, broadcastIsLive: false }).text, /host can hear you/);
+  assert.equal(show.entered(unseen, "new").camera, "gone");
+});
+
 test("a guest goes by the entries and signals that name it, and by no others", () => {
   const state = inRoom();
   assert.equal(show.signalled(state, "start", "another"), state);
@@ -50,7 +83,7 @@ test("a guest goes by the entries and signals that name it, and by no others", (
     "audio_setting",
     setting([{ ...entry({ on: true, remoteMuted: true }), id: "another" }]),
   ]);
-  assert.deepEqual(others, state);
+  assert.deepEqual({ ...others, studio: state.studio }, state);
   // The list names guests who still ring, too: only "start" or being live is being brought in.
   assert.equal(after(state, ["audio_setting", setting([entry()])]).admitted, false);
   assert.equal(after(state, ["audio_setting", setting([entry({ on: true })])]).admitted, true);
@@ -82,6 +115,125 @@ test("a studio that goes away leaves its guests ringing, and who leaves forgets 
   );
   assert.equal(show.describe(show.showEnded(live)).name, "ringing");
   assert.deepEqual(show.left({ ...live, broadcastIsLive: true, viewers: "5" }), show.initial);
+
+  // One that takes its place before it is known to be gone: what counts is whom that one brings in.
+  const brought = show.signalled(inRoom(), "start", CAMERA, "old");
+  const of = (state, from, on = false) =>
+    show.signalled(state, "audio_setting", setting([entry({ on })]), from);
+  assert.equal(of(brought, "old").admitted, true);
+  assert.equal(of(brought, "new").admitted, false);
+  assert.equal(of(brought, "new", true).admitted, true);
+  assert.equal(of(show.signalled(brought, "start", CAMERA, "new"), "new").admitted, true);
+});
+
+test("a flood is taken as far as people read it, others are still heard, and an ebb is noticed", () => {
+  const pace = new Pace();
+  const taken = { flood: 0, host: 0 };
+  for (let now = 0; now < 10_000; now++) {
+    if (pace.takes("flood", now)) taken.flood++;
+    if (now % 1000 === 999 && pace.takes("host", now)) taken.host++;
+  }
+  assert.ok(taken.flood >= 50 && taken.flood <= 60, `${taken.flood} lines of one sender in ten seconds`);
+  assert.equal(taken.host, 10);
+  let all = 0;
+  for (let now = 20_000; now < 30_000; now++) if (pace.takes(`sender ${now}`, now)) all++;
+  assert.ok(all > 100 && all <= 170, `${all} lines of all in ten seconds`);
+
+  const pulse = new Pulse(0);
+  const rows = [
+    [0, 2_999, true, false],
+    [0, 3_000, false, false],
+    [5, 4_000, true, true],
+    [5, 6_999, true, true],
+    [0, 7_000, false, true], // received anew: nothing yet
+    [1, 7_001, true, true],
+  ];
+  for (const [count, now, beats, begun] of rows) {
+    assert.equal(pulse.beats(count, now), beats, `${count} at ${now}`);
+    assert.equal(pulse.begun, begun);
+  }
+});
+
+/** A server that answers only what creates, attaches and detaches; `sent` is what it was sent. */
+function standIn(context) {
+  const server = { sent: [], closed: false };
+  const real = globalThis.WebSocket;
+  context.after(() => (globalThis.WebSocket = real));
+  globalThis.WebSocket = class {
+    static OPEN = 1;
+    readyState = 1;
+    constructor() {
+      server.say = (message) => this.onmessage?.({ data: JSON.stringify(message) });
+      queueMicrotask(() => this.onopen());
+    }
+    send(text) {
+      const { janus, transaction, body, handle_id: handle } = JSON.parse(text);
+      server.sent.push(body?.request ?? janus);
+      server.last = transaction;
+      const answered = ["create", "attach", "detach"].includes(janus);
+      const answer = { janus: "success", transaction, data: { id: handle ?? 7 } };
+      if (answered) queueMicrotask(() => server.say(answer));
+    }
+    close() {
+      server.closed = true;
+    }
+  };
+  return server;
+}
+
+test("a session ends once all is answered, and asks nothing more", async (context) => {
+  const server = standIn(context);
+  const opened = async () => {
+    server.closed = false;
+    server.sent.length = 0;
+    const session = new Session("ws://nowhere/");
+    await session.open();
+    return { session, handle: await session.attach("videoroom") };
+  };
+  const turn = () => new Promise(setImmediate);
+  const answer = (transaction) => server.say({ janus: "event", transaction, plugindata: { data: {} } });
+
+  const leaving = await opened();
+  const join = leaving.handle.request({ request: "join" });
+  const joining = server.last;
+  const ended = leaving.session.close();
+  await assert.rejects(leaving.handle.request({ request: "publish" }), /lost/);
+  leaving.handle.detach();
+  await turn();
+  assert.deepEqual([server.sent, server.closed], [["create", "attach", "join"], false]);
+  answer(joining);
+  await Promise.all([join, ended]);
+  assert.deepEqual([server.sent.at(-1), server.closed], ["destroy", true]);
+
+  // The deadline: a server that never answers is left all the same.
+  context.mock.timers.enable({ apis: ["setTimeout", "setInterval"] });
+  const hung = await opened();
+  hung.handle.request({ request: "join" }).catch(() => {});
+  const given = hung.session.close();
+  await turn();
+  assert.equal(server.closed, false);
+  context.mock.timers.tick(5_000);
+  await given;
+  assert.deepEqual([server.sent.at(-1), server.closed], ["destroy", true]);
+
+  // A handle waits likewise; a page that goes away cannot, and destroys only what owes nothing.
+  for (const owing of [false, true]) {
+    const { session, handle } = await opened();
+    if (owing) handle.request({ request: "configure" }).catch(() => {});
+    const asked = server.last;
+    handle.detach();
+    await turn();
+    assert.equal(server.sent.includes("detach"), !owing);
+    if (owing) {
+      session.close({ now: true });
+      assert.deepEqual([server.sent.includes("destroy"), server.closed], [false, true]);
+    } else {
+      await turn();
+      session.close({ now: true });
+      assert.deepEqual([server.sent.at(-1), server.closed], ["destroy", true]);
+    }
+    answer(asked);
+  }
 });
 
 test("signals of another shape change nothing", () => {

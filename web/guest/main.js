@@ -1,8 +1,10 @@
 // The guests' page: joins what the guest does, what the room tells and what the page shows.
 
 import { explain as explainLink, readConfig, readLink } from "./link.js";
+import { oncePerFrame } from "./frame.js";
 import {
   explain as explainMedia,
+  isThere,
   LevelMeter,
   listDevices,
   openCamera,
@@ -17,6 +19,7 @@ import * as show from "./state.js";
 import { Talk, sendLines } from "./talk.js";
 
 const LEVEL_TIME = 100;
+const LOOK_TIME = 1_000;
 const STORED = "guest";
 
 const page = new Proxy({}, { get: (_, id) => document.getElementById(id) });
@@ -26,6 +29,7 @@ const chat = new Talk(page.chat, (mark) => signal("fav", mark));
 const comments = new Talk(page.comments, (mark) => signal("fav", mark));
 
 let state = show.initial;
+let preferences = {}; // the studio's
 let name = "";
 let stream = null; // the guest's camera and microphone
 let room = null;
@@ -83,7 +87,15 @@ function adopt(track) {
   if (track.kind === "audio") meter.listen(track);
   // The device was pulled out: go on with another.
   track.onended = () => change(track.kind);
-  render();
+  track.onmute = track.onunmute = lookAtDevices;
+  lookAtDevices();
+  apply();
+}
+
+function lookAtDevices() {
+  if (!stream) return;
+  const microphone = !isThere(stream, "audio") ? "gone" : meter.silent ? "silent" : "on";
+  update(show.seen(state, { microphone, camera: isThere(stream, "video") ? "on" : "gone" }));
 }
 
 async function fillDevices() {
@@ -116,6 +128,7 @@ async function change(kind) {
     page.retry.hidden = false;
     page.ring.disabled = true;
   }
+  lookAtDevices();
   await fillDevices();
   store();
 }
@@ -126,6 +139,7 @@ async function ring() {
   name = page.name.value.trim();
   if (!name || state.phase !== "lobby") return;
   store();
+  meter.resume();
   fault("");
   notice("");
   update(show.connecting(state));
@@ -134,7 +148,7 @@ async function ring() {
     const config = await readConfig(location);
     if (attempt !== mine) return;
     room = new Room({ ...link, ...config }, name, events);
-    room.setAudio(show.microphoneOpen(state));
+    apply();
     room.enter(stream);
   } catch {
     if (attempt !== mine) return;
@@ -143,9 +157,9 @@ async function ring() {
   }
 }
 
-function leave(words = "") {
+function leave(words = "", now = false) {
   attempt++;
-  room?.close();
+  room?.close(now);
   room = null;
   page.show.srcObject = null;
   update(show.left(state));
@@ -158,25 +172,26 @@ const events = {
   lost: () => update(show.lost(state)),
   mended: () => update(show.mended(state)),
   showEnded: () => update(show.showEnded(state)),
+  flows: (flows) => update(show.seen(state, { flows })),
   show(picture) {
     page.show.srcObject = picture;
     if (picture) play();
-    render();
+    draw();
   },
   refused(error) {
     leave();
     fault(explainLink(error));
   },
-  signal(type, data) {
+  signal(type, data, from) {
     if (show.takesOut(state, type, data)) {
       leave("The host has taken you out of the show. Thank you for being there! You can ring again.");
       return;
     }
-    update(show.signalled(state, type, data));
+    update(show.signalled(state, type, data, from));
     if (type === "start") askForMono();
-    else if (type === "comment") comments.receive(parse(data));
-    else if (type === "chat") chat.receive(parse(data));
-    else if (type === "fav") for (const talk of [chat, comments]) talk.receiveMark(parse(data));
+    else if (type === "comment") comments.receive(data, from);
+    else if (type === "chat") chat.receive(data, from);
+    else if (type === "fav") for (const talk of [chat, comments]) talk.receiveMark(data);
     else if (type === "prefUpdate") prefer(readPreferences(parse(data)));
   },
 };
@@ -190,13 +205,9 @@ function askForMono() {
   if (page.mono.checked && state.admitted) signal("mono", { mono: "yes" });
 }
 
-function prefer({ title, notice: words, accent }) {
-  if (title !== undefined) page.title.textContent = title;
-  if (words !== undefined) notice(words);
-  if (accent !== undefined) {
-    document.documentElement.style.setProperty("--accent", accent);
-    document.documentElement.style.setProperty("--on-accent", readableOn(accent));
-  }
+function prefer(wishes) {
+  preferences = { ...preferences, ...wishes };
+  draw();
 }
 
 async function share() {
@@ -223,22 +234,33 @@ async function share() {
 function update(next) {
   if (next === state) return;
   state = next;
-  render();
+  apply();
+  draw();
 }
 
-function render() {
+// What others see and hear of the guest follows the state at once.
+function apply() {
+  // Switched off at its source; in the lobby the microphone is open for the level meter.
+  const open = show.microphoneOpen(state);
+  for (const track of stream?.getAudioTracks() ?? []) track.enabled = open || state.phase === "lobby";
+  room?.setSends("audio", open && state.microphone !== "gone");
+  room?.setSends("video", state.camera !== "gone");
+  room?.watch(state.admitted);
+}
+
+// What the guest sees follows with the next picture, however many signals come until then.
+const draw = oncePerFrame(() => {
   const inRoom = state.phase !== "lobby";
   const { name: word, title, text } = inRoom ? show.describe(state) : { name: "lobby", title: "", text: "" };
-  const screen = inRoom ? "room" : "lobby";
   document.body.dataset.state = word;
-  if (document.body.dataset.screen !== screen) {
-    document.body.dataset.screen = screen;
-    // What had the focus is gone; who uses the keyboard goes on here.
-    (inRoom ? page.mute : page.ring).focus();
-  }
+  turnTo(inRoom ? "room" : "lobby");
   say(page["status-title"], title);
   say(page["status-text"], text);
-  say(page.own, inRoom ? [show.describeMicrophone(state), show.describeScreen(state)].join(" ").trim() : "");
+  // The lobby has no button that would take the guest's own mute off.
+  const told = inRoom ? state : { ...state, selfMuted: false };
+  const own = [show.describeMicrophone, show.describeCamera, show.describeScreen].map((of) => of(told));
+  say(page.own, own.filter(Boolean).join(" "));
+  drawPreferences();
   document.title = title ? `${title} - ${page.title.textContent}` : page.title.textContent;
 
   page.show.hidden = !page.show.srcObject;
@@ -250,11 +272,26 @@ function render() {
   page.mute.setAttribute("aria-disabled", String(state.remoteMuted));
   say(page.share, state.screenId === null ? "Share screen" : "Stop sharing");
   page.share.disabled = state.phase !== "in" || !navigator.mediaDevices?.getDisplayMedia;
+});
 
-  // Switched off at its source; in the lobby the microphone is open for the level meter.
-  const open = show.microphoneOpen(state);
-  for (const track of stream?.getAudioTracks() ?? []) track.enabled = open || !inRoom;
-  room?.setAudio(open);
+// Another screen is read from its top, where the guest's state and the reason for it stand.
+function turnTo(screen) {
+  if (document.body.dataset.screen === screen) return;
+  document.body.dataset.screen = screen;
+  // What had the focus is gone; who uses the keyboard goes on here.
+  (screen === "room" ? page.mute : page.ring).focus({ preventScroll: true });
+  scrollTo(0, 0);
+}
+
+function drawPreferences() {
+  const { title, notice: words, accent } = preferences;
+  if (title !== undefined) say(page.title, title);
+  if (words !== undefined) notice(words);
+  if (accent !== undefined) {
+    document.documentElement.style.setProperty("--accent", accent);
+    document.documentElement.style.setProperty("--on-accent", readableOn(accent));
+  }
+  preferences = {};
 }
 
 // A live region speaks whenever it is written to, so it is written to only when it changes.
@@ -287,7 +324,7 @@ sendLines(page["chat-form"], (text) => {
   // Shown at once; the copy that the room sends back has the same uuid.
   const line = { name, text, uuid: crypto.randomUUID().toUpperCase() };
   if (!signal("chat", line)) return false;
-  chat.receive(line, true);
+  chat.showOwn(line);
   return true;
 });
 page.leave.addEventListener("click", () => leave("You have left the show. You can ring again."));
@@ -308,11 +345,12 @@ page.mono.addEventListener("change", () => {
 });
 navigator.mediaDevices?.addEventListener("devicechange", () => stream && fillDevices());
 for (const type of ["online", "offline"]) addEventListener(type, () => room?.checkNetwork());
-addEventListener("pagehide", () => leave());
+addEventListener("pagehide", () => leave("", true));
 
 const stored = readStored();
 page.name.value = stored.name ?? "";
 page.original.checked = stored.original === true;
 page.mono.checked = stored.mono === true;
 setInterval(() => (page.level.value = meter.level()), LEVEL_TIME);
+setInterval(lookAtDevices, LOOK_TIME);
 prepare();

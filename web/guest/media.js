@@ -52,8 +52,17 @@ export function explain(error) {
   }
 }
 
+/** Whether the stream's camera, or its microphone, is there and has not been switched off by the system. */
+export function isThere(stream, kind) {
+  const works = (track) => track.readyState === "live" && !track.muted;
+  return stream.getTracks().some((track) => track.kind === kind && works(track));
+}
+
+const SILENCE_TIME = 4_000;
+
 /** Measures how loud a microphone is. */
 export class LevelMeter {
+  #silentSince = null; // null once there was any sound
   #context = null;
   #analyser = null;
   #source = null;
@@ -67,14 +76,27 @@ export class LevelMeter {
     this.#source?.disconnect();
     this.#source = this.#context.createMediaStreamSource(new MediaStream([track]));
     this.#source.connect(this.#analyser);
-    this.#context.resume();
+    this.#silentSince = performance.now();
+    this.resume();
+  }
+
+  /** A browser may measure nothing before the guest has clicked somewhere. */
+  resume() {
+    this.#context?.resume();
+  }
+
+  /** Whether the microphone has given no sound at all since it was opened, not even a room's. */
+  get silent() {
+    return this.#silentSince !== null && performance.now() - this.#silentSince > SILENCE_TIME;
   }
 
   /** From 0 (silence, or below -60 dB) to 1 (full scale). */
   level() {
     if (!this.#analyser) return 0;
     this.#analyser.getFloatTimeDomainData(this.#samples);
+    if (this.#context.state !== "running") this.#silentSince &&= performance.now();
     const power = this.#samples.reduce((sum, sample) => sum + sample * sample, 0) / this.#samples.length;
+    if (power > 0) this.#silentSince = null;
     return power > 0 ? Math.min(1, Math.max(0, 1 + Math.log10(power) / 6)) : 0;
   }
 }

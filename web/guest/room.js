@@ -1,5 +1,6 @@
 // The guest's place in the session: the camera's stream, the screen's, the show's, and the signals.
 
+import { Pulse } from "./flow.js";
 import { NO_SUCH_SESSION, Session } from "./session.js";
 import { Signals } from "./signals.js";
 import { Publisher, Subscriber } from "./streams.js";
@@ -8,7 +9,8 @@ import { Publisher, Subscriber } from "./streams.js";
 const GUEST_PREFIX = "Guest - ";
 const SHOW_NAME = "ZarvoLive";
 
-const WATCH_AGAIN_TIME = 1_000;
+const LOOK_TIME = 1_000;
+const OPEN_AGAIN_TIME = 1_000;
 const RETRY_TIMES = [500, 1_000, 2_000, 4_000];
 const RINGS = 3; // how often a first ring is tried before the guest hears that it failed
 
@@ -18,7 +20,9 @@ const RINGS = 3; // how often a first ring is tried before the guest hears that 
  *   screenId(streamId|null)  the screen is published, or no longer
  *   show(MediaStream|null)   the show's picture and sound have come, or gone
  *   showEnded()              the studio has ended the show's stream
- *   signal(type, data)       a signal of the room, own ones included
+ *   signal(type, data, from) a signal of the room, own ones included, and its sender's id
+ *   flows({ audio, video, show })  once a second: how the own sound and pictures are doing, as
+ *                            Publisher.delivery tells, and whether the show comes as it should
  *   lost()                   the connection is lost and is being mended
  *   mended()                 the connection is back, and everything is as it was
  *   refused(Error)           the room cannot be entered; a JanusError's code tells why
@@ -35,7 +39,12 @@ export class Room {
   #showFeed = null;
   #stream = null;
   #screenStream = null;
-  #audioOn = true;
+  #sends = { audio: true, video: true };
+  #watching = false;
+  #pulse = new Pulse(); // the show's
+  #openAfter = 0;
+  #openTimer = 0;
+  #timer = 0;
   #closed = false;
   #connecting = false;
   #wake = () => {};
@@ -53,11 +62,11 @@ export class Room {
     await this.#connect({ attempts: RINGS });
   }
 
-  /** Leaves the room; nothing is told any more. */
-  close() {
+  /** Leaves the room; nothing is told any more. `now`: the page itself goes away. */
+  close(now = false) {
     this.#closed = true;
     this.#wake();
-    this.#leave();
+    this.#leave(now);
   }
 
   /** Sends a signal to the whole room; false when it could not be sent. */
@@ -67,18 +76,23 @@ export class Room {
 
   /** Sends another track of the same kind in place of the camera stream's. */
   async replaceTrack(track) {
-    const transceiver = this.#camera?.transceiver(track.kind);
-    if (!transceiver) return;
-    await transceiver.sender.replaceTrack(track);
-    if (track.kind === "video") this.#camera.describe(transceiver.mid, describeVideo("camera", track));
+    await this.#camera?.replaceTrack(track);
   }
 
-  /** Tells everybody whether this guest has sound. Whoever has none also switches the track off. */
-  setAudio(on) {
-    if (this.#audioOn === on) return;
-    this.#audioOn = on;
-    const transceiver = this.#camera?.transceiver("audio");
-    if (transceiver?.mid) this.#camera.describe(transceiver.mid, describeAudio(on));
+  /** Tells everybody whether this guest has "audio" or "video". Whoever has none also switches the track off. */
+  setSends(kind, on) {
+    if (this.#sends[kind] === on) return;
+    this.#sends[kind] = on;
+    this.#camera?.describeAgain();
+  }
+
+  /** Whether the show is to be received, as soon and as long as there is one. */
+  watch(on) {
+    if (this.#watching === on) return;
+    this.#watching = on;
+    this.#pulse = new Pulse();
+    if (on) this.#openSoon();
+    else this.#endShow();
   }
 
   /** Publishes a screen beside the camera, as a second stream of the same guest. */
@@ -117,21 +131,24 @@ export class Room {
     this.#camera = await this.#join();
     // The signals come before the stream: the host may answer the ring at once.
     this.#signals = new Signals();
-    this.#signals.onsignal = (type, data) => this.#on.signal(type, data);
+    this.#signals.onsignal = (...signal) => this.#on.signal(...signal);
     await this.#signals.open(this.#session, this.#link, this.#camera.id);
     this.#on.entered(this.#camera.id);
     await this.#publish(this.#camera, this.#stream, "camera");
     this.#signals.onfailed = this.#camera.onfailed = () => this.#mend(false);
+    this.#timer = setInterval(() => this.#look(), LOOK_TIME);
     if (this.#screenStream) await this.shareScreen(this.#screenStream);
   }
 
-  #leave() {
+  #leave(now = false) {
+    clearInterval(this.#timer);
+    this.#session?.close({ now });
     this.#endShow();
     this.#showFeed = null;
+    this.#watching = false;
     this.#screen?.close();
     this.#signals?.close();
     this.#camera?.close();
-    this.#session?.close();
     this.#session = this.#signals = this.#camera = this.#screen = null;
   }
 
@@ -146,9 +163,20 @@ export class Room {
   }
 
   #publish(publisher, stream, kind) {
+    const sends = (track) => kind === "screen" || this.#sends[track.kind];
     return publisher.publish(stream, (track) =>
-      track.kind === "video" ? describeVideo(kind, track) : describeAudio(this.#audioOn),
+      track.kind === "video" ? describeVideo(kind, track, sends(track)) : describeAudio(sends(track)),
     );
+  }
+
+  // A show that has sent nothing at all yet has no source: the host has none, or has not chosen it yet.
+  async #look() {
+    const camera = this.#camera;
+    const [delivery, received] = await Promise.all([camera?.delivery(), this.#show?.received()]);
+    if (!delivery || camera !== this.#camera) return;
+    const beats = this.#pulse.beats(received ?? 0);
+    const unbegun = this.#showFeed !== null && !this.#pulse.begun;
+    this.#on.flows({ ...delivery, show: !this.#watching || beats || unbegun });
   }
 
   // ---- The show ------------------------------------------------------------
@@ -156,8 +184,9 @@ export class Room {
   #participants({ publishers = [], leaving, unpublished }) {
     const show = publishers.findLast(({ display }) => display === SHOW_NAME);
     if (show) {
+      if (this.#showFeed !== show.id) this.#pulse = new Pulse();
       this.#showFeed = show.id;
-      this.#watch(show.id);
+      this.#openSoon();
     } else if (this.#showFeed !== null && [leaving, unpublished].includes(this.#showFeed)) {
       this.#showFeed = null;
       this.#endShow();
@@ -165,26 +194,34 @@ export class Room {
     }
   }
 
-  async #watch(feed) {
+  // At most once a second, whatever others in the room are up to.
+  #openSoon() {
+    clearTimeout(this.#openTimer);
+    const time = Math.max(0, this.#openAfter - performance.now());
+    this.#openTimer = setTimeout(() => {
+      if (this.#session && this.#watching && this.#showFeed !== null) this.#open(this.#showFeed);
+    }, time);
+  }
+
+  async #open(feed) {
     if (this.#show?.feed === feed) return;
     this.#endShow();
+    this.#openAfter = performance.now() + OPEN_AGAIN_TIME;
     const show = (this.#show = new Subscriber(feed));
-    show.onfailed = () => this.#watchAgain(show);
+    show.onfailed = () => this.#failShow(show);
     try {
       await show.open(this.#session, this.#link);
       if (this.#show === show) this.#on.show(show.stream);
     } catch {
-      this.#watchAgain(show);
+      this.#failShow(show);
     }
   }
 
   // The show goes on in the room; only this page's connection to it has failed.
-  #watchAgain(show) {
+  #failShow(show) {
     if (this.#show !== show) return;
     this.#endShow();
-    setTimeout(() => {
-      if (this.#session && !this.#show && this.#showFeed === show.feed) this.#watch(show.feed);
-    }, WATCH_AGAIN_TIME);
+    this.#openSoon();
   }
 
   #endShow() {
@@ -245,6 +282,7 @@ export class Room {
     const has = (publisher) => publishing.some(({ id }) => id === publisher.id);
     if (!has(this.#camera) || (this.#screen && !has(this.#screen))) return false;
     await Promise.all([this.#camera, this.#screen, this.#signals].map((each) => each?.restart()));
+    for (const each of [this.#camera, this.#screen]) each?.describeAgain();
     this.#show?.restart().catch(() => this.#show?.onfailed());
     // What happened to the show meanwhile, nobody has told.
     if (!publishing.some(({ id }) => id === this.#showFeed)) this.#participants({ leaving: this.#showFeed });
@@ -260,9 +298,10 @@ export class Room {
   }
 }
 
-function describeVideo(kind, track) {
+function describeVideo(kind, track, on) {
   const { width, height } = track.getSettings();
-  return width && height ? `${kind} ${width}x${height}` : kind;
+  const size = width && height ? ` ${width}x${height}` : "";
+  return kind + size + (on ? "" : " off");
 }
 
 function describeAudio(on) {

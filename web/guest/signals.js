@@ -6,7 +6,7 @@ import { Peer } from "./peer.js";
 const OPEN_TIME = 10_000;
 
 export class Signals {
-  /** Called with the type and the data, both strings, of every signal of the room. */
+  /** Called with the type, the data and the sender's id, all strings, of every signal of the room. */
   onsignal = () => {};
   /** Called once when the channel has ended other than by `close`. */
   onfailed = () => {};
@@ -83,7 +83,7 @@ export class Signals {
     const message = parse(text);
     if (message.textroom !== "message" || message.room !== this.#room) return;
     const { type, data } = parse(message.text);
-    if (typeof type === "string" && typeof data === "string") this.onsignal(type, data);
+    if (typeof type === "string" && typeof data === "string") this.onsignal(type, data, String(message.from));
   }
 }
 

@@ -17,33 +17,45 @@ export const initial = Object.freeze({
   broadcastIsLive: false,
   recordOnly: false,
   viewers: null,
+  studio: null, // the sender of the signals that brought the guest in
+  microphone: "on", // or "silent" or "gone"
+  camera: "on", // or "gone"
+  flows: Object.freeze({ audio: "sent", video: "sent", show: true }), // as Room tells
 });
 
+// What does not depend on the guest's place in a room.
+const own = ({ selfMuted, microphone, camera }) => ({ selfMuted, microphone, camera });
 const notAdmitted = { admitted: false, screenAdmitted: false, live: false, screenLive: false };
 
 export const connecting = (state) => ({ ...state, phase: "connecting" });
 /** In the room, also anew: what was known of an earlier place in it no longer holds. */
-export const entered = ({ selfMuted }, streamId) => ({ ...initial, selfMuted, phase: "in", streamId });
+export const entered = (state, streamId) => ({ ...initial, ...own(state), phase: "in", streamId });
 export const lost = (state) => ({ ...state, phase: "lost" });
 export const mended = (state) => ({ ...state, phase: "in" });
-export const left = ({ selfMuted }) => ({ ...initial, selfMuted });
+export const left = (state) => ({ ...initial, ...own(state) });
 /** The screen is published under the id, or, with null, no longer. */
 export const screen = (state, screenId) => ({ ...state, screenId, screenAdmitted: false, screenLive: false });
 /** The studio's own stream has ended: whoever takes its place has to bring the guests in anew. */
 export const showEnded = (state) => ({ ...state, ...notAdmitted });
 
-/** The state after a signal; the same object when the signal does not concern it. */
-export function signalled(state, type, data) {
+/** With what is known now of the devices or of the flow of media; the same object when it is nothing new. */
+export function seen(state, news) {
+  const isNew = ([key, value]) => JSON.stringify(state[key]) !== JSON.stringify(value);
+  return Object.entries(news).some(isNew) ? { ...state, ...news } : state;
+}
+
+/** The state after a signal, `from` its sender; the same object when the signal does not concern it. */
+export function signalled(state, type, data, from) {
   switch (type) {
     case "start":
-      if (data === state.streamId) return { ...state, admitted: true };
-      if (data === state.screenId) return { ...state, screenAdmitted: true };
+      if (data === state.streamId) return { ...ofStudio(state, from), admitted: true };
+      if (data === state.screenId) return { ...ofStudio(state, from), screenAdmitted: true };
       return state;
     case "stop":
       // The camera's own "stop" is `takesOut`.
       return data === state.screenId ? screen(state, state.screenId) : state;
     case "audio_setting":
-      return heardOfAudio(state, parse(data));
+      return heardOfAudio(state, parse(data), from);
     case "viewer_count": {
       const { viewer_count: viewers } = parse(data);
       return typeof viewers === "string" ? { ...state, viewers } : state;
@@ -58,9 +70,18 @@ export function takesOut(state, type, data) {
   return type === "stop" && state.streamId !== null && data === state.streamId;
 }
 
-function heardOfAudio(state, { subs, broadcastIsLive, recordOnly }) {
+// A studio that takes another's place knows nothing of whom that one brought in.
+function ofStudio(state, from) {
+  return state.studio === from ? state : { ...state, ...notAdmitted, studio: from };
+}
+
+function heardOfAudio(state, { subs, broadcastIsLive, recordOnly }, from) {
   if (!Array.isArray(subs)) return state;
-  const next = { ...state, broadcastIsLive: broadcastIsLive === true, recordOnly: recordOnly === true };
+  const next = {
+    ...ofStudio(state, from),
+    broadcastIsLive: broadcastIsLive === true,
+    recordOnly: recordOnly === true,
+  };
   const entry = (id) => id !== null && subs.find((sub) => sub?.id === id);
   const camera = entry(state.streamId);
   if (camera) {
@@ -80,6 +101,17 @@ function heardOfAudio(state, { subs, broadcastIsLive, recordOnly }) {
 /** Whether the microphone is to be open at its source. */
 export const microphoneOpen = ({ selfMuted, remoteMuted }) => !selfMuted && !remoteMuted;
 
+const hears = (state) => microphoneOpen(state) && state.microphone === "on" && state.flows.audio === "sent";
+const sees = (state) => state.camera === "on" && state.flows.video === "sent";
+
+// Who sees and hears the guest, by what really leaves the page.
+function reach(who, state) {
+  const [seen, heard] = [sees(state), hears(state)];
+  if (seen && heard) return `${who} can see and hear you.`;
+  if (seen) return `${who} can see you. Nobody can hear you.`;
+  return heard ? `${who} can hear you. Nobody can see you.` : "Nobody can see or hear you.";
+}
+
 /**
  * The state in words: `name` for the style sheet, `title` and `text` for the guest. A screen reader
  * says both whenever they change.
@@ -91,7 +123,7 @@ export function describe(state) {
     return {
       name: "lost",
       title: "Connection lost",
-      text: "Trying to get you back. Please stay on this page.",
+      text: "Nobody can see or hear you. Trying to get you back: please stay on this page.",
     };
   }
   if (!state.admitted) {
@@ -101,39 +133,44 @@ export function describe(state) {
       text: "The host can see that you are here and will bring you in.",
     };
   }
-  if (state.live) {
-    if (state.recordOnly) {
-      return {
-        name: "recorded",
-        title: "Recording",
-        text: "You are in the show. It is recorded, not broadcast.",
-      };
-    }
-    if (state.broadcastIsLive) {
-      return { name: "on-air", title: "On air", text: "You are live: everyone can see and hear you." };
-    }
+  if (!state.flows.show) {
     return {
-      name: "standby",
-      title: "In the show",
-      text: "The show is not on air yet. The host can see and hear you.",
+      name: "silent",
+      title: "Nothing comes from the studio",
+      text: "Perhaps nobody can see or hear you now. Please stay on this page.",
     };
   }
+  return state.live ? describeInShow(state) : describeGreenRoom(state);
+}
+
+function describeInShow(state) {
   if (!state.broadcastIsLive) {
-    return {
-      name: "green-room",
-      title: "Green room",
-      text: "The host can see and hear you. The show is not on air yet.",
-    };
+    const text = `The show is not on air yet. ${reach("The host", state)}`;
+    return { name: "standby", title: "In the show", text };
+  }
+  if (!sees(state) && !hears(state)) {
+    const text = "You are in the show, but nobody can see or hear you.";
+    return { name: "unseen", title: "Not seen, not heard", text };
+  }
+  const lack = !sees(state) ? ", no picture" : microphoneOpen(state) ? ", no sound" : ", muted";
+  const without = sees(state) && hears(state) ? "" : lack;
+  if (state.recordOnly) {
+    const text = `The show is recorded, not broadcast. ${reach("The recording", state)}`;
+    return { name: "recorded", title: `Recording${without}`, text };
+  }
+  return { name: "on-air", title: `On air${without}`, text: `You are live. ${reach("Everyone", state)}` };
+}
+
+function describeGreenRoom(state) {
+  if (!state.broadcastIsLive) {
+    const text = `The show is not on air yet. ${reach("The host", state)}`;
+    return { name: "green-room", title: "Green room", text };
   }
   const show = state.recordOnly ? "The show is being recorded" : "The show is on air";
-  if (state.offAirAudio) {
-    return {
-      name: "off-air",
-      title: "Green room, off-air talk",
-      text: `${show}. Only the studio can hear you.`,
-    };
-  }
-  return { name: "green-room", title: "Green room", text: `${show}. Nobody can hear you now.` };
+  if (!state.offAirAudio)
+    return { name: "green-room", title: "Green room", text: `${show}. Nobody can hear you now.` };
+  const heard = hears(state) ? "Only the studio can hear you." : "Nobody can hear you.";
+  return { name: "off-air", title: "Green room, off-air talk", text: `${show}. ${heard}` };
 }
 
 /** What there is to say of the guest's screen; empty when none is shared. */
@@ -144,7 +181,18 @@ export function describeScreen({ screenId, screenAdmitted, screenLive }) {
 }
 
 /** What there is to say of the guest's microphone; empty when it is simply open. */
-export function describeMicrophone({ remoteMuted, selfMuted }) {
+export function describeMicrophone({ remoteMuted, selfMuted, microphone, flows }) {
   if (remoteMuted) return "The host has switched your microphone off.";
-  return selfMuted ? "You have switched your microphone off." : "";
+  if (selfMuted) return "You have switched your microphone off.";
+  if (microphone === "gone") return "Your microphone is switched off or has gone. Choose another.";
+  if (microphone === "silent") return "No sound comes from your microphone. Switch it on, or choose another.";
+  if (flows.audio === "refused") return "The show cannot take your browser's sound. Try another browser.";
+  return flows.audio === "stuck" ? "Your sound does not get through at the moment." : "";
+}
+
+/** What there is to say of the guest's camera; empty when all is well with it. */
+export function describeCamera({ camera, flows }) {
+  if (camera === "gone") return "Your camera is switched off or has gone. Choose another.";
+  if (flows.video === "refused") return "The show cannot take your browser's pictures. Try another browser.";
+  return flows.video === "stuck" ? "Your picture does not get through at the moment." : "";
 }

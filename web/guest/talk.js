@@ -1,18 +1,27 @@
 // The chat and the show's comments. What others wrote is put into the page as text, never as markup.
 
-const LINES_KEPT = 500;
+import { oncePerFrame } from "./frame.js";
+import { Pace } from "./pace.js";
+import { parse } from "./signals.js";
+
+const LINES_KEPT = 200;
+const MARKS_KEPT = 500;
 const NAME_LENGTH = 100;
 const TEXT_LENGTH = 4000;
 
 /**
  * Lines in a "log" element, each shown once however often its uuid comes, and each with a favourite
- * mark that everybody in the room shares.
+ * mark that everybody in the room shares. Lines that come faster than anybody reads are left out.
  */
 export class Talk {
   #log;
   #sendMark;
-  #lines = new Map();
+  #pace = new Pace();
+  #lines = new Map(); // by uuid: the elements, those that wait to be shown included
   #marks = new Map();
+  #fresh = []; // elements for the next picture
+  #changed = new Set(); // uuids whose mark the next picture shows
+  #draw = oncePerFrame(() => this.#show());
 
   /** `sendMark({ uuid, state })` sends a mark, "yes" or "no", to the room; true when it could. */
   constructor(log, sendMark) {
@@ -20,29 +29,68 @@ export class Talk {
     this.#sendMark = sendMark;
   }
 
-  /** Shows a line, `{ name, text, uuid }` of unknown shape. The reader stays where they have scrolled to. */
-  receive(data, mine = false) {
-    const line = readLine(data);
-    if (!line || this.#lines.has(line.uuid)) return;
-    const log = this.#log;
-    log.querySelector(".empty")?.remove();
-    const atEnd = log.scrollHeight - log.scrollTop - log.clientHeight < 40;
-    const shown = this.#draw(line);
-    shown.classList.toggle("mine", mine);
-    log.append(shown);
-    remember(this.#lines, line.uuid, shown)?.remove();
-    if (atEnd) log.scrollTop = log.scrollHeight;
+  /** Shows what a sender has sent: JSON text of a line, `{ name, text, uuid }`, of unknown shape. */
+  receive(data, sender) {
+    if (!this.#pace.takes(sender)) {
+      if (!this.#fresh.at(-1)?.matches(".left-out")) this.#add(leftOut());
+      return;
+    }
+    const line = readLine(parse(data));
+    if (line && !this.#lines.has(line.uuid)) this.#addLine(line);
   }
 
-  /** A mark may come before its line. */
-  receiveMark({ uuid, state }) {
+  /** Shows what the guest has just written. */
+  showOwn(line) {
+    this.#addLine(line).classList.add("mine");
+  }
+
+  /** Takes a mark, JSON text of unknown shape. It may come before its line. */
+  receiveMark(data) {
+    const { uuid, state } = parse(data);
     if (typeof uuid !== "string" || typeof state !== "string") return;
-    remember(this.#marks, uuid, state);
-    const star = this.#lines.get(uuid)?.querySelector(".star");
-    if (star) draw(star, state);
+    this.#marks.delete(uuid);
+    this.#marks.set(uuid, state);
+    if (this.#marks.size > MARKS_KEPT) this.#marks.delete(this.#marks.keys().next().value);
+    if (!this.#lines.has(uuid)) return;
+    this.#changed.add(uuid);
+    this.#draw();
   }
 
-  #draw({ name, text, uuid }) {
+  #addLine(line) {
+    const made = this.#make(line);
+    this.#lines.set(line.uuid, made);
+    this.#add(made);
+    return made;
+  }
+
+  #add(element) {
+    this.#fresh.push(element);
+    this.#draw();
+  }
+
+  // The reader stays where they have scrolled to.
+  #show() {
+    const log = this.#log;
+    const atEnd = log.scrollHeight - log.scrollTop - log.clientHeight < 40;
+    if (this.#fresh.length) log.querySelector(".empty")?.remove();
+    for (const element of this.#fresh) {
+      const again = element.matches(".left-out") && log.lastElementChild?.matches(".left-out");
+      if (!again) log.append(element);
+    }
+    while (log.childElementCount > LINES_KEPT) {
+      this.#lines.delete(log.firstElementChild.dataset.uuid);
+      log.firstElementChild.remove();
+    }
+    for (const uuid of this.#changed) {
+      const star = this.#lines.get(uuid)?.querySelector(".star");
+      if (star) mark(star, this.#marks.get(uuid));
+    }
+    if (atEnd && this.#fresh.length) log.scrollTop = log.scrollHeight;
+    this.#fresh = [];
+    this.#changed.clear();
+  }
+
+  #make({ name, text, uuid }) {
     const now = new Date();
     const time = element("time", "when", now.toLocaleTimeString([], { hour: "2-digit", minute: "2-digit" }));
     time.dateTime = now.toISOString();
@@ -51,13 +99,13 @@ export class Talk {
     star.setAttribute("aria-label", `Favourite: ${name}, ${text.slice(0, 60)}`);
     star.addEventListener("click", () => {
       const state = isSet(star) ? "no" : "yes";
-      if (this.#sendMark({ uuid, state })) draw(star, state);
+      if (this.#sendMark({ uuid, state })) mark(star, state);
     });
-    draw(star, this.#marks.get(uuid) ?? "no");
-    const shown = element("article", "said");
-    shown.dataset.uuid = uuid;
-    shown.append(element("strong", "who", name), time, star, element("p", "what", text));
-    return shown;
+    mark(star, this.#marks.get(uuid) ?? "no");
+    const made = element("article", "said");
+    made.dataset.uuid = uuid;
+    made.append(element("strong", "who", name), time, star, element("p", "what", text));
+    return made;
   }
 }
 
@@ -80,19 +128,12 @@ export function sendLines(form, send) {
 
 const isSet = (star) => star.getAttribute("aria-pressed") === "true";
 
-function draw(star, state) {
+function mark(star, state) {
   star.setAttribute("aria-pressed", String(state === "yes"));
   star.textContent = state === "yes" ? "★" : "☆";
 }
 
-// Keeps the newest; returns the value that had to go, if any.
-function remember(map, key, value) {
-  map.set(key, value);
-  if (map.size <= LINES_KEPT) return undefined;
-  const [oldest, its] = map.entries().next().value;
-  map.delete(oldest);
-  return its;
-}
+const leftOut = () => element("p", "left-out", "Lines came faster than anybody reads: some are left out.");
 
 function readLine({ name, text, uuid }) {
   if (typeof text !== "string" || !text) return null;
