@@ -1,5 +1,7 @@
 // The guest's own cameras, microphones and screen.
 
+const SILENCE_TIME = 4_000;
+
 /** Whether the browser lets this page have a camera at all. */
 export const secure = () => Boolean(navigator.mediaDevices?.getUserMedia);
 
@@ -57,8 +59,6 @@ export function isThere(stream, kind) {
   const works = (track) => track.readyState === "live" && !track.muted;
   return stream.getTracks().some((track) => track.kind === kind && works(track));
 }
-
-const SILENCE_TIME = 4_000;
 
 /** Measures how loud a microphone is. */
 export class LevelMeter {

@@ -136,7 +136,8 @@ export class Room {
     this.#on.entered(this.#camera.id);
     await this.#publish(this.#camera, this.#stream, "camera");
     this.#signals.onfailed = this.#camera.onfailed = () => this.#mend(false);
-    this.#timer = setInterval(() => this.#look(), LOOK_TIME);
+    // A connection that is being closed need not tell any more.
+    this.#timer = setInterval(() => this.#look().catch(() => {}), LOOK_TIME);
     if (this.#screenStream) await this.shareScreen(this.#screenStream);
   }
 
