@@ -220,6 +220,7 @@ std::string waitingLine(std::vector<GuestRow> rows) {
   if (rows.empty()) return {};
   std::sort(rows.begin(), rows.end(), [](const auto& a, const auto& b) { return a.since < b.since; });
   std::vector<std::string> waiting;
+  waiting.reserve(rows.size());
   for (const GuestRow& row : rows) {
     waiting.push_back(fmt::format("#{} {} {}", row.number, shortened(std::string(ownName(row.name)), 24),
                                   waitingTime(row)));

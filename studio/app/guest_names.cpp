@@ -65,6 +65,7 @@ std::variant<GuestRow, NoGuest> findGuest(const std::vector<GuestRow>& rows, std
     return NoGuest{fmt::format("no guest is called \"{}\"; \"guests\" lists them", printable(words))};
   }
   std::vector<std::string> numbers;
+  numbers.reserve(found.size());
   for (const GuestRow& row : found) numbers.push_back(fmt::format("#{}", row.number));
   return NoGuest{
       fmt::format("\"{}\" may be any of {}; say which", printable(words), fmt::join(numbers, ", "))};
