@@ -17,6 +17,8 @@ import { Cable } from "./support/cable.js";
 import { areCameras } from "./support/content.js";
 import { Studio, isHeard } from "./support/studio.js";
 
+const PICTURE = "videotestsrc is-live=true ! video/x-raw,width=320,height=180,framerate=10/1 ! identity";
+
 let studio, browser;
 
 before(async () => {
@@ -27,6 +29,8 @@ after(async () => {
   await browser?.close();
   await studio?.close();
 });
+
+const showComes = (page) => page.waitForFunction(() => document.querySelector("#show").videoWidth > 0);
 
 test("a guest who cannot ring is told why, and a ring that fails on the way is tried again", async () => {
   const [page, words] = studio.link.split("#");
@@ -181,8 +185,7 @@ test("on a phone the guest sees what matters without a search", async () => {
 });
 
 test("a guest is told what of them does not reach the show, and when the show is gone", async () => {
-  const picture = "videotestsrc is-live=true ! video/x-raw,width=320,height=180,framerate=10/1 ! identity";
-  assert.equal((await studio.ask(`show ${picture}`, "show")).state, "playing");
+  assert.equal((await studio.ask(`show ${PICTURE}`, "show")).state, "playing");
   const page = await browser.open(studio.link, { name: "Ada" });
   await page.waitForSelector("#ring:enabled");
   // A browser that sends no pictures of the kind that the room takes.
@@ -205,7 +208,7 @@ test("a guest is told what of them does not reach the show, and when the show is
   const id = await ringIn(page, studio, "Ada");
   assert.equal(await page.isVisible("#show"), false, "who only rings does not see the show");
   await studio.admit(id);
-  await page.waitForFunction(() => document.querySelector("#show").videoWidth > 0);
+  await showComes(page);
   studio.say(`live ${id}`);
   await says(page, "#status", /On air.*Everyone can see and hear you/s);
   const service = studio.child("zarvo-guest-service");
@@ -302,4 +305,9 @@ test("a guest with a screen outlives the service", async () => {
   await studio.report("dropped", { dropped: screen }, stopped);
   await page.click("#leave");
   await studio.report("dropped", { dropped: camera }, stopped);
+
+  // The service that was killed may still be listed: what the page receives is the show of the other one.
+  assert.equal((await studio.ask(`show ${PICTURE}`, "show")).state, "playing");
+  await comeIn(page, studio, "Bob");
+  await showComes(page);
 });

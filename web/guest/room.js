@@ -36,7 +36,8 @@ export class Room {
   #camera = null;
   #screen = null;
   #show = null;
-  #showFeed = null;
+  #shows = new Set(); // the ids of all streams of that name, in the order in which they came
+  #showFeed = null; // the newest of them
   #stream = null;
   #screenStream = null;
   #sends = { audio: true, video: true };
@@ -145,6 +146,7 @@ export class Room {
     clearInterval(this.#timer);
     this.#session?.close({ now });
     this.#endShow();
+    this.#shows.clear();
     this.#showFeed = null;
     this.#watching = false;
     this.#screen?.close();
@@ -182,14 +184,17 @@ export class Room {
 
   // ---- The show ------------------------------------------------------------
 
+  // A studio that is gone may stay listed for a while beside the one that took its place.
   #participants({ publishers = [], leaving, unpublished }) {
-    const show = publishers.findLast(({ display }) => display === SHOW_NAME);
-    if (show) {
-      if (this.#showFeed !== show.id) this.#pulse = new Pulse();
-      this.#showFeed = show.id;
+    for (const { id, display } of publishers) if (display === SHOW_NAME) this.#shows.add(id);
+    for (const gone of [leaving, unpublished]) this.#shows.delete(gone);
+    const feed = [...this.#shows].at(-1) ?? null;
+    if (feed === this.#showFeed) return;
+    this.#showFeed = feed;
+    this.#pulse = new Pulse();
+    if (feed !== null) {
       this.#openSoon();
-    } else if (this.#showFeed !== null && [leaving, unpublished].includes(this.#showFeed)) {
-      this.#showFeed = null;
+    } else {
       this.#endShow();
       this.#on.showEnded();
     }
@@ -286,7 +291,7 @@ export class Room {
     for (const each of [this.#camera, this.#screen]) each?.describeAgain();
     this.#show?.restart().catch(() => this.#show?.onfailed());
     // What happened to the show meanwhile, nobody has told.
-    if (!publishing.some(({ id }) => id === this.#showFeed)) this.#participants({ leaving: this.#showFeed });
+    for (const id of this.#shows) if (!has({ id })) this.#participants({ leaving: id });
     this.#participants({ publishers: publishing });
     return true;
   }
