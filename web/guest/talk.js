@@ -6,6 +6,7 @@ import { parse } from "./signals.js";
 
 const LINES_KEPT = 200;
 const MARKS_KEPT = 500;
+const UUID_LENGTH = 100;
 const NAME_LENGTH = 100;
 const TEXT_LENGTH = 4000;
 
@@ -47,9 +48,9 @@ export class Talk {
   /** Takes a mark, JSON text of unknown shape. It may come before its line. */
   receiveMark(data) {
     const { uuid, state } = parse(data);
-    if (typeof uuid !== "string" || typeof state !== "string") return;
+    if (!isUuid(uuid) || typeof state !== "string") return;
     this.#marks.delete(uuid);
-    this.#marks.set(uuid, state);
+    this.#marks.set(uuid, state === "yes" ? "yes" : "no");
     if (this.#marks.size > MARKS_KEPT) this.#marks.delete(this.#marks.keys().next().value);
     if (!this.#lines.has(uuid)) return;
     this.#changed.add(uuid);
@@ -126,6 +127,7 @@ export function sendLines(form, send) {
   input.addEventListener("input", () => input.setCustomValidity(""));
 }
 
+const isUuid = (uuid) => typeof uuid === "string" && uuid.length > 0 && uuid.length <= UUID_LENGTH;
 const isSet = (star) => star.getAttribute("aria-pressed") === "true";
 
 function mark(star, state) {
@@ -140,7 +142,7 @@ function readLine({ name, text, uuid }) {
   return {
     name: typeof name === "string" && name ? name.slice(0, NAME_LENGTH) : "Somebody",
     text: text.slice(0, TEXT_LENGTH),
-    uuid: typeof uuid === "string" && uuid ? uuid : crypto.randomUUID(),
+    uuid: isUuid(uuid) ? uuid : crypto.randomUUID(),
   };
 }
 
