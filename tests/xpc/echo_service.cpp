@@ -4,9 +4,9 @@
 static void handle(xpc_object_t event) {
   if (xpc_dictionary_get_value(event, "begin")) xpc_transaction_begin();
   if (xpc_dictionary_get_value(event, "end")) xpc_transaction_end();
+  echo(event);
   if (xpc_dictionary_get_value(event, "hang"))
     for (;;) pause();
-  echo(event);
 }
 
 int main() {

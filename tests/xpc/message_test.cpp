@@ -81,6 +81,7 @@ TEST_F(MessageTest, RepliesComeOnceOnTheirQueueOrAsAnError) {
 
 TEST_F(MessageTest, EventsComeOneAtATimeAndInOrderOnAConcurrentQueue) {
   constexpr int kCount = 2000;
+  const std::string large(100'000, 'x');
   Events handled;
   static std::atomic<int> inside;  // outlives the last event's handler
   dispatch_queue_t queue = dispatch_queue_create("events", DISPATCH_QUEUE_CONCURRENT);
@@ -97,6 +98,7 @@ TEST_F(MessageTest, EventsComeOneAtATimeAndInOrderOnAConcurrentQueue) {
     for (int i = 0; i < kCount; i++) {
       Object numbered(xpc_dictionary_create_empty());
       xpc_dictionary_set_int64(numbered, "n", i);
+      if (i % 100 == 50) xpc_dictionary_set_data(numbered, "large", large.data(), large.size());
       xpc_connection_send_message(connection, numbered);
     }
     for (int i = 0; i < kCount; i++) ASSERT_EQ(xpc_dictionary_get_int64(handled.next(), "n"), i);

@@ -95,8 +95,7 @@ TEST_F(ServiceTest, AskedToEndItTellsItsClientsAndEnds) {
   // A handler that does not return has five seconds.
   Child& stuck = startService();
   Connection other(client(kName));
-  ask(other, "there");
-  xpc_connection_send_message(other, message("hang", "yes"));
+  ask(other, "hang");
   stuck.sendSignal(SIGTERM);
   EXPECT_EQ(stuck.waitForEnd(std::chrono::seconds(3)), Child::kRuns);
   EXPECT_EQ(stuck.waitForEnd(), 0);
