@@ -60,8 +60,23 @@ std::string uniqueName() {
 
 }  // namespace
 
+void Signal::give() {
+  {
+    const std::lock_guard guard(mutex_);
+    given_ = true;
+  }
+  changed_.notify_one();
+}
+
+bool Signal::take() {
+  std::unique_lock lock(mutex_);
+  if (!changed_.wait_for(lock, kPatience, [this] { return given_; })) return false;
+  given_ = false;
+  return true;
+}
+
 std::optional<int64_t> Studio::waitForArrival() {
-  if (!arrived_.try_acquire_for(kPatience)) throw std::runtime_error("the service does not answer");
+  if (!arrived_.take()) throw std::runtime_error("the service does not answer");
   return std::exchange(duration_, std::nullopt);
 }
 
@@ -72,12 +87,12 @@ int64_t Studio::roundTrip() {
 }
 
 void Studio::waitForRing() {
-  if (!rang_.try_acquire_for(kPatience)) throw std::runtime_error("the guest does not ring");
+  if (!rang_.take()) throw std::runtime_error("the guest does not ring");
 }
 
 void Studio::onRing(const studio::Ring& ring) {
   lastRing = ring.id;
-  rang_.release();
+  rang_.give();
 }
 
 void Studio::onFrame(studio::Frame frame) {
@@ -104,7 +119,7 @@ void Studio::onRefused(std::string_view reason) {
 
 void Studio::arrive(std::optional<int64_t> duration) {
   duration_ = duration;
-  arrived_.release();
+  arrived_.give();
 }
 
 Surroundings::Surroundings() {
