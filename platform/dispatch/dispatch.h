@@ -12,10 +12,9 @@
  */
 #pragma once
 
+#include <dispatch/closure.h>
 #include <stddef.h>
 #include <stdint.h>
-
-#include <functional>
 
 /* ---- Objects ---- */
 
@@ -32,7 +31,7 @@ typedef struct dispatch_queue_s : dispatch_object_s{} * dispatch_queue_t;
 typedef struct dispatch_queue_attr_s : dispatch_object_s{} * dispatch_queue_attr_t;
 typedef struct dispatch_source_s : dispatch_object_s{} * dispatch_source_t;
 
-typedef std::function<void()> dispatch_block_t;
+typedef platform::Closure<void()> dispatch_block_t;
 
 extern "C" {
 

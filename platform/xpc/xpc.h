@@ -20,7 +20,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 
 #define XPC_NORETURN __attribute__((__noreturn__))
 #define XPC_DECL(name) typedef struct _##name##_s* name##_t
@@ -31,9 +30,9 @@ typedef void* xpc_object_t;
 typedef const struct _xpc_type_s* xpc_type_t;
 XPC_DECL(xpc_connection);
 
-// What macOS declares as blocks. A null handler is an empty function.
-typedef std::function<void(xpc_object_t object)> xpc_handler_t;
-typedef std::function<bool(const char* key, xpc_object_t value)> xpc_dictionary_applier_t;
+// What macOS declares as blocks. A null handler is an empty one.
+typedef platform::Closure<void(xpc_object_t object)> xpc_handler_t;
+typedef platform::Closure<bool(const char* key, xpc_object_t value)> xpc_dictionary_applier_t;
 typedef void (*xpc_connection_handler_t)(xpc_connection_t connection);
 
 extern "C" {

@@ -1,6 +1,7 @@
 #include <dispatch/dispatch.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <fstream>
 #include <latch>
 #include <memory>
@@ -22,6 +23,28 @@ std::size_t threadCount() {
 }
 
 }  // namespace
+
+TEST(Block, KeepsWhatItCapturesWhateverItsSize) {
+  auto token = std::make_shared<int>(0);
+  const std::array<char, 100> large{};
+  const auto check = [&](dispatch_block_t block) {
+    ASSERT_EQ(token.use_count(), 2);
+    dispatch_block_t copy = block;
+    dispatch_block_t moved = std::move(block);
+    EXPECT_FALSE(block);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(token.use_count(), 3);
+    copy();
+    copy = moved;
+    copy();
+    copy = nullptr;
+    EXPECT_EQ(token.use_count(), 2);
+    moved();
+  };
+  check([token] { ++*token; });
+  check([token, large] { *token += 1 + large[0]; });
+  EXPECT_EQ(token.use_count(), 1);
+  EXPECT_EQ(*token, 6);
+}
 
 TEST(SerialQueue, RunsEachThreadsBlocksInOrderAndOneAtATimeAndMayBeReleasedByThem) {
   constexpr int kThreads = 4;
