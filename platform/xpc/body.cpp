@@ -30,10 +30,15 @@ constexpr size_t totalSize(size_t contents, size_t offsets) {
   return contents + offsets * 4;
 }
 
+// Of the containers of a usual message, those within each other.
+constexpr size_t kUsualEnds = 24;
+
 class Writer {
  public:
-  Writer(Bytes& bytes, std::vector<Ref<Descriptor>>& descriptors)
-      : bytes_(bytes), descriptors_(descriptors) {}
+  Writer(Bytes& bytes, Descriptors& descriptors)
+      : bytes_(bytes), descriptors_(descriptors), ends_(bytes.get_allocator()) {
+    ends_.reserve(kUsualEnds);
+  }
 
   void dictionary(const Dictionary& dictionary) {
     const size_t start = bytes_.size();
@@ -68,7 +73,7 @@ class Writer {
   void variant(const Object& object) {
     std::string_view type;
     if (object.type == XPC_TYPE_STRING) {
-      text(value<std::string>(object));
+      text(value<Text>(object));
       type = "s";
     } else if (object.type == XPC_TYPE_INT64) {
       append(value<int64_t>(object));
@@ -83,8 +88,7 @@ class Writer {
       append(static_cast<uint8_t>(value<bool>(object)));
       type = "b";
     } else if (object.type == XPC_TYPE_DATA) {
-      const Bytes& data = value<Bytes>(object);
-      bytes_.insert(bytes_.end(), data.begin(), data.end());
+      copy(value<Data>(object).bytes);
       type = "ay";
     } else if (object.type == XPC_TYPE_FD) {
       append(static_cast<int32_t>(descriptors_.size()));
@@ -114,9 +118,11 @@ class Writer {
     return static_cast<const Box<T>&>(object).value;
   }
 
-  void text(const std::string& text) {
-    auto* first = reinterpret_cast<const uint8_t*>(text.c_str());
-    bytes_.insert(bytes_.end(), first, first + text.size() + 1);
+  void text(const Text& text) { copy({text.c_str(), text.size() + 1}); }
+
+  void copy(std::string_view bytes) {
+    auto* first = reinterpret_cast<const uint8_t*>(bytes.data());
+    bytes_.insert(bytes_.end(), first, first + bytes.size());
   }
 
   template <class T>
@@ -142,19 +148,24 @@ class Writer {
   }
 
   Bytes& bytes_;
-  std::vector<Ref<Descriptor>>& descriptors_;
-  std::vector<uint32_t> ends_;  // of the containers that are being written, the innermost last
+  Descriptors& descriptors_;
+  std::pmr::vector<uint32_t> ends_;  // of the containers that are being written, the innermost last
   unsigned depth_ = 0;
 };
+
+constexpr size_t kLeastRoom = 64;
+constexpr size_t kMostOfSmallValues = 1024;
+constexpr size_t kLeastElement = 8;  // bytes that an element of a container takes at least, but for the last
 
 // Every position is checked against the span that it lies in; every container begins at a multiple of 8.
 class Reader {
  public:
   explicit Reader(std::span<FileDescriptor> descriptors) : descriptors_(descriptors) {}
 
-  Ref<Dictionary> dictionary(std::span<const uint8_t> bytes) {
-    auto result = make<Dictionary>();
-    forEachElement(bytes, [&](std::span<const uint8_t> entry) { return this->entry(entry, *result); });
+  Ref<Dictionary> message(std::span<const uint8_t> body) {
+    Ref<Dictionary> result = Dictionary::create(roomFor(body.size()));
+    arena_ = result->arena;
+    read(body, *result);
     return result;
   }
 
@@ -163,13 +174,24 @@ class Reader {
   const char* problem = nullptr;
 
  private:
+  // Numbers and short texts take up to four times what they take on the wire, long texts and data as much as
+  // there.
+  static size_t roomFor(size_t length) {
+    return kLeastRoom + length + 3 * std::min(length, kMostOfSmallValues);
+  }
+
+  void read(std::span<const uint8_t> bytes, Dictionary& result) {
+    const auto entry = [&](std::span<const uint8_t> entry) { return this->entry(entry, result); };
+    forEachElement(bytes, result.entries, entry);
+  }
+
   bool fail(const char* what) {
     if (!problem) problem = what;
     return false;
   }
 
-  template <class Each>
-  bool forEachElement(std::span<const uint8_t> bytes, Each each) {
+  template <class Elements, class Each>
+  bool forEachElement(std::span<const uint8_t> bytes, Elements& elements, Each each) {
     if (bytes.empty()) return true;
     const size_t size = offsetSize(bytes.size());
     if (bytes.size() < size) return fail("a container without its offsets");
@@ -178,6 +200,8 @@ class Reader {
       return fail("a container's offsets point outside it");
     const size_t count = (bytes.size() - contents) / size;
     if (totalSize(contents, count) != bytes.size()) return fail("offsets of the wrong size");
+    // No more than what can be there: the count is the peer's word.
+    elements.reserve(std::min(count, contents / kLeastElement + 1));
     size_t end = 0;
     for (size_t i = 0; i < count; i++) {
       const size_t start = aligned(end);
@@ -205,7 +229,7 @@ class Reader {
     // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the analyzer loses count of references
     Ref<> value = variant(bytes.subspan(valueStart, valueEnd - valueStart));
     if (!value) return false;
-    dictionary.entries.push_back({std::string(key), std::move(value)});
+    dictionary.add(key, std::move(value));
     return true;
   }
 
@@ -219,16 +243,16 @@ class Reader {
     const std::span<const uint8_t> value = bytes.first(length);
     if (type == "s") {
       std::string_view string;
-      return text(value, string) ? Ref<>(make<Box<std::string>>(string)) : Ref<>();
+      return text(value, string) ? Ref<>(makeIn<Box<Text>>(arena_, string)) : Ref<>();
     }
     if (type == "x") return fixed<int64_t>(value);
     if (type == "t") return fixed<uint64_t>(value);
     if (type == "d") return fixed<double>(value);
     if (type == "b") {
       if (length != 1 || value[0] > 1) return failed("a boolean that is neither 0 nor 1");
-      return make<Box<bool>>(value[0] == 1);
+      return makeIn<Box<bool>>(arena_, value[0] == 1);
     }
-    if (type == "ay") return make<Box<Bytes>>(value.begin(), value.end());
+    if (type == "ay") return makeIn<Box<Data>>(arena_, value.data(), value.size());
     if (type == "h") return descriptor(value);
     if (type == "a{sv}" || type == "av") return container(value, type == "av");
     return failed("a value of a type that is not known");
@@ -239,7 +263,7 @@ class Reader {
     T value;
     if (bytes.size() != sizeof value) return failed("a number of the wrong size");
     memcpy(&value, bytes.data(), sizeof value);
-    return make<Box<T>>(value);
+    return makeIn<Box<T>>(arena_, value);
   }
 
   Ref<> descriptor(std::span<const uint8_t> bytes) {
@@ -249,15 +273,15 @@ class Reader {
     // In the order of the body, so each descriptor has exactly one place.
     if (taken_ == descriptors_.size() || index != static_cast<int32_t>(taken_))
       return failed("a descriptor that is missing or out of order");
-    return make<Descriptor>(std::move(descriptors_[taken_++]));
+    return makeIn<Descriptor>(arena_, std::move(descriptors_[taken_++]));
   }
 
   Ref<> container(std::span<const uint8_t> bytes, bool isArray) {
     if (++depth_ == kDeepest) return failed("containers nested too deeply");
     Ref<> result;
     if (isArray) {
-      auto array = make<Array>();
-      forEachElement(bytes, [&](std::span<const uint8_t> element) {
+      auto array = makeIn<Array>(arena_);
+      forEachElement(bytes, array->values, [&](std::span<const uint8_t> element) {
         // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the analyzer loses count of references
         Ref<> value = variant(element);
         if (value) array->values.push_back(std::move(value));
@@ -265,7 +289,9 @@ class Reader {
       });
       result = std::move(array);
     } else {
-      result = dictionary(bytes);
+      auto dictionary = makeIn<Dictionary>(arena_);
+      read(bytes, *dictionary);
+      result = std::move(dictionary);
     }
     depth_--;
     return problem ? Ref<>() : result;
@@ -293,6 +319,7 @@ class Reader {
     return std::all_of(bytes.data() + from, bytes.data() + to, [](uint8_t byte) { return byte == 0; });
   }
 
+  Arena* arena_ = nullptr;  // the message's
   std::span<FileDescriptor> descriptors_;
   size_t taken_ = 0;
   unsigned depth_ = 0;
@@ -300,7 +327,7 @@ class Reader {
 
 }  // namespace
 
-const char* writeBody(const Dictionary& dictionary, Bytes& bytes, std::vector<Ref<Descriptor>>& descriptors) {
+const char* writeBody(const Dictionary& dictionary, Bytes& bytes, Descriptors& descriptors) {
   Writer writer(bytes, descriptors);
   writer.dictionary(dictionary);
   return writer.problem;
@@ -309,7 +336,7 @@ const char* writeBody(const Dictionary& dictionary, Bytes& bytes, std::vector<Re
 Ref<Dictionary> readBody(std::span<const uint8_t> body, std::span<FileDescriptor> descriptors,
                          const char*& problem) {
   Reader reader(descriptors);
-  Ref<Dictionary> dictionary = reader.dictionary(body);
+  Ref<Dictionary> dictionary = reader.message(body);
   problem = reader.problem;
   if (!problem && !reader.allDescriptorsTaken()) problem = "a descriptor that no value names";
   return problem ? Ref<Dictionary>() : dictionary;

@@ -8,15 +8,17 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <vector>
 
 #include "object.h"
 
 namespace platform::xpc {
 
+using Descriptors = std::pmr::vector<Ref<Descriptor>>;
+
 // Appends the body to bytes, whose length is a multiple of 8, and the descriptors of its values to
-// descriptors. Answers what is wrong with the dictionary, or null.
-const char* writeBody(const Dictionary& dictionary, Bytes& bytes, std::vector<Ref<Descriptor>>& descriptors);
+// descriptors. What it needs meanwhile it takes from the memory of bytes. Answers what is wrong with the
+// dictionary, or null.
+const char* writeBody(const Dictionary& dictionary, Bytes& bytes, Descriptors& descriptors);
 
 // Reads a body, which is not trusted. Every descriptor of the span is moved into the value that names it.
 // Answers null and sets problem if the body is not what it should be.

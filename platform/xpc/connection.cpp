@@ -28,7 +28,7 @@ QueueRef queueOrDefault(dispatch_queue_t queue) {
 
 void addReply(const QueueRef& queue, xpc_handler_t handler, Ref<> reply, Work& work) {
   if (!queue) return handler(reply.get());
-  work.add(queue, [handler = std::move(handler), reply = std::move(reply)] { handler(reply.get()); });
+  work.add(queue, std::move(handler), std::move(reply));
 }
 
 }  // namespace
@@ -153,7 +153,7 @@ void _xpc_connection_s::post(const Dictionary& message, Pending pending) {
   } else {
     std::lock_guard lock(mutex_);
     if (!active_ && !ended_) {
-      held_.push_back({std::move(datagram), std::move(pending)});
+      held_.push_back({datagram, std::move(pending)});
       return;
     }
     link = prepare(datagram, std::move(pending), work);
@@ -173,7 +173,13 @@ std::shared_ptr<Link> _xpc_connection_s::prepare(Outgoing& datagram, Pending pen
     do ++lastSerial_;
     while (lastSerial_ == 0 || pending_.contains(lastSerial_));
     setKind(datagram, Kind::messageAwaitingReply, lastSerial_);
-    pending_.emplace(lastSerial_, std::move(pending));
+    if (sparePending_.empty()) {
+      pending_.emplace(lastSerial_, std::move(pending));
+    } else {
+      sparePending_.key() = lastSerial_;
+      sparePending_.mapped() = std::move(pending);
+      pending_.insert(std::move(sparePending_));
+    }
   }
   return link_;
 }
@@ -228,8 +234,8 @@ void _xpc_connection_s::linkReceived(const std::shared_ptr<Link>& link, Incoming
   if (message.kind == Kind::reply) {
     const auto found = pending_.find(message.serial);
     if (found == pending_.end()) return link->refuse("a reply that nobody awaits");
-    Pending pending = std::move(found->second);
-    pending_.erase(found);
+    sparePending_ = pending_.extract(found);
+    Pending pending = std::exchange(sparePending_.mapped(), {});
     return addReply(pending.queue, std::move(pending.handler), std::move(message.dictionary), work);
   }
   message.dictionary->connection = Ref<_xpc_connection_s>::retained(this);
@@ -288,7 +294,8 @@ void _xpc_connection_s::enqueue(Event event, Work& work) {
 void _xpc_connection_s::startDraining(Work& work) {
   if (draining_ || !active_ || suspensions_ || inbox_.empty()) return;
   draining_ = true;
-  work.add(target_, [self = Ref<_xpc_connection_s>::retained(this)] { self->drain(); });
+  const auto drain = [](xpc_object_t self) { static_cast<_xpc_connection_s*>(self)->drain(); };
+  work.add(target_, drain, Ref<Object>::retained(this));
 }
 
 // On the target queue. Only one thread at a time is here.

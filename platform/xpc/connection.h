@@ -4,11 +4,11 @@
 #include <xpc/xpc.h>
 
 #include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 #include "link.h"
 #include "listener.h"
@@ -64,6 +64,8 @@ struct _xpc_connection_s : platform::xpc::Object {
     xpc_handler_t handler;
   };
 
+  using PendingReplies = std::unordered_map<uint32_t, Pending>;
+
   // What was sent before the activation.
   struct Held {
     platform::xpc::Outgoing datagram;
@@ -101,7 +103,8 @@ struct _xpc_connection_s : platform::xpc::Object {
   std::shared_ptr<Link> link_;
   std::shared_ptr<platform::xpc::Listener> listener_;
   ucred peer_;
-  std::vector<Held> held_;
-  std::unordered_map<uint32_t, Pending> pending_;
+  std::list<Held> held_;
+  PendingReplies pending_;
+  PendingReplies::node_type sparePending_;  // the one that was answered last, to be used again
   uint32_t lastSerial_ = 0;
 };

@@ -7,14 +7,11 @@
 
 #include <cstring>
 
-#include "body.h"
-
 namespace platform::xpc {
 namespace {
 
 constexpr uint8_t kVersion = 1;
-constexpr uint8_t kLargeBody = 1;    // of the flags
-constexpr size_t kUsualSize = 1024;  // a frame's message takes some 500 bytes
+constexpr uint8_t kLargeBody = 1;  // of the flags
 constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
 
 struct Header {
@@ -37,7 +34,7 @@ Ref<Descriptor> sealed(std::span<const uint8_t> body) {
     body = body.subspan(static_cast<size_t>(count));
   }
   if (!file || fcntl(file.get(), F_ADD_SEALS, kSeals) < 0) return {};
-  return make<Descriptor>(std::move(file));
+  return makeIn<Descriptor>(nullptr, std::move(file));
 }
 
 // A large body, copied out of its memfd: a mapping could be made to fault. The seals say that it is a memfd,
@@ -74,7 +71,6 @@ const char* problemOf(const Header& header, size_t inlineLength, size_t descript
 }  // namespace
 
 const char* encode(const Dictionary& message, Outgoing& datagram) {
-  datagram.bytes.reserve(kUsualSize);
   datagram.bytes.resize(kHeaderSize);
   if (const char* problem = writeBody(message, datagram.bytes, datagram.descriptors)) return problem;
 

@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <vector>
 
+#include "body.h"
 #include "object.h"
 
 namespace platform::xpc {
@@ -19,10 +19,23 @@ constexpr unsigned kDeepest = 32;        // containers within containers
 
 enum class Kind : uint8_t { message = 0, messageAwaitingReply = 1, reply = 2 };
 
-// A message as it goes out.
-struct Outgoing {
-  Bytes bytes;  // header, and the body unless it is large
-  std::vector<Ref<Descriptor>> descriptors;
+// A message as it goes out. Unless it is long, all its memory is inside it.
+class Outgoing {
+  static constexpr size_t kUsualSize = 4608;  // 20 ms of sound, and what comes with it
+  static constexpr size_t kRoom = kUsualSize + 1024;
+
+  alignas(std::max_align_t) std::array<std::byte, kRoom> room_;
+  std::pmr::monotonic_buffer_resource memory_{room_.data(), room_.size()};
+
+ public:
+  Outgoing() { bytes.reserve(kUsualSize); }
+  Outgoing(const Outgoing& other)
+      : bytes(other.bytes, &memory_),
+        descriptors(other.descriptors, &memory_),
+        bodyLength(other.bodyLength) {}
+
+  Bytes bytes{&memory_};  // header, and the body unless it is large
+  Descriptors descriptors{&memory_};
   size_t bodyLength = 0;
 };
 

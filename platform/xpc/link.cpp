@@ -182,10 +182,13 @@ Link::Received Link::receive(Incoming& incoming, size_t& charge) {
   while (length < 0 && (errno == EINTR || errno == ECONNRESET));
   if (length < 0) return errno == EAGAIN ? Received::nothing : Received::end;
 
-  std::vector<FileDescriptor> descriptors;
+  std::array<std::byte, kMostDescriptorsOfTheSystem * sizeof(FileDescriptor)> room;
+  std::pmr::monotonic_buffer_resource memory(room.data(), room.size());
+  std::pmr::vector<FileDescriptor> descriptors(&memory);
   for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
     if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
     const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    descriptors.reserve(descriptors.size() + count);
     for (size_t i = 0; i < count; i++) {
       int fd;
       memcpy(&fd, CMSG_DATA(header) + i * sizeof fd, sizeof fd);
@@ -203,7 +206,9 @@ Link::Received Link::receive(Incoming& incoming, size_t& charge) {
     incoming.problem = "descriptors that could not be taken";
   } else if (const std::span datagram(bytes.data(), static_cast<size_t>(length)); hasLargeBody(datagram)) {
     takingIn_ = true;
-    auto large = std::make_shared<Large>(Bytes(datagram.begin(), datagram.end()), std::move(descriptors));
+    auto large = std::make_shared<Large>(Bytes(datagram.begin(), datagram.end()),
+                                         std::vector(std::make_move_iterator(descriptors.begin()),
+                                                     std::make_move_iterator(descriptors.end())));
     dispatch_async(largeBodies(), [self = shared_from_this(), large] { self->takeIn(*large); });
     return Received::nothing;
   } else {

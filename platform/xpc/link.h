@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -44,10 +44,10 @@ class Link final : public Reactor::Source, public std::enable_shared_from_this<L
   // A datagram that waits for room in the socket.
   struct Waiting {
     Bytes bytes;
-    std::vector<Ref<Descriptor>> descriptors;
+    Descriptors descriptors;
     size_t charge = 0;
   };
-  using Outbox = std::deque<Waiting>;
+  using Outbox = std::list<Waiting>;  // which is mostly empty, and then takes no memory
   // A datagram whose body is read apart.
   struct Large {
     Bytes bytes;

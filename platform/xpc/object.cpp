@@ -9,9 +9,20 @@ using namespace platform::xpc;
 
 namespace {
 
+// What a message or a reply of a few values takes. With the dictionary and its arena it stays within what the
+// C library's quickest way of allocating serves.
+constexpr size_t kUsualRoom = 904;
+constexpr size_t kUsualEntries = 8;
+
 template <class T>
 void destroy(Object* object) {
-  delete static_cast<T*>(object);
+  T* const whole = static_cast<T*>(object);
+  if (Arena* const arena = object->arena) {
+    whole->~T();
+    arena->letGo();
+  } else {
+    delete whole;
+  }
 }
 
 }  // namespace
@@ -26,8 +37,8 @@ XPC_TYPE(_xpc_type_bool) = {destroy<Box<bool>>};
 XPC_TYPE(_xpc_type_int64) = {destroy<Box<int64_t>>};
 XPC_TYPE(_xpc_type_uint64) = {destroy<Box<uint64_t>>};
 XPC_TYPE(_xpc_type_double) = {destroy<Box<double>>};
-XPC_TYPE(_xpc_type_string) = {destroy<Box<std::string>>};
-XPC_TYPE(_xpc_type_data) = {destroy<Box<Bytes>>};
+XPC_TYPE(_xpc_type_string) = {destroy<Box<Text>>};
+XPC_TYPE(_xpc_type_data) = {destroy<Box<Data>>};
 XPC_TYPE(_xpc_type_fd) = {destroy<Descriptor>};
 
 constinit _xpc_error_s _xpc_error_connection_interrupted;
@@ -43,12 +54,22 @@ void retain(Object* object) {
 }
 
 void release(Object* object) {
-  if (object->type->destroy && object->references.fetch_sub(1, std::memory_order_acq_rel) == 1)
+  if (!object->type->destroy) return;
+  // The only reference is not shared with anybody: there is nobody to agree with.
+  if (object->references.load(std::memory_order_acquire) == 1 ||
+      object->references.fetch_sub(1, std::memory_order_acq_rel) == 1)
     object->type->destroy(object);
 }
 
-Dictionary::Dictionary() : Object(XPC_TYPE_DICTIONARY) {}
+Dictionary::Dictionary(Memory& memory) : Object(XPC_TYPE_DICTIONARY), entries(&memory) {}
 Dictionary::~Dictionary() = default;
+
+Ref<Dictionary> Dictionary::create(size_t room) {
+  Arena* const arena = Arena::create(sizeof(Dictionary) + room);
+  Ref<Dictionary> dictionary = makeIn<Dictionary>(arena);
+  arena->letGo();
+  return dictionary;
+}
 
 Object* Dictionary::find(std::string_view key) const {
   for (const Entry& entry : entries)
@@ -56,36 +77,47 @@ Object* Dictionary::find(std::string_view key) const {
   return nullptr;
 }
 
-std::string validText(const char* text) {
-  std::string result = text;
-  if (!g_utf8_validate(text, -1, nullptr)) {
-    char* valid = g_utf8_make_valid(text, -1);
-    result = valid;
-    g_free(valid);
-  }
-  return result;
+void Dictionary::add(std::string_view key, Ref<> value) {
+  entries.push_back({Text(key, entries.get_allocator()), std::move(value)});
 }
 
 }  // namespace platform::xpc
 
 namespace {
 
-void set(xpc_object_t xdict, const char* key, Ref<> value) {
-  auto* dictionary = cast<Dictionary>(xdict, XPC_TYPE_DICTIONARY);
-  if (!dictionary || !key || !value) return;
-  std::string text = validText(key);
-  for (Dictionary::Entry& entry : dictionary->entries) {
-    if (entry.key == text) {
+// A text for objects: itself if it is UTF-8, else with U+FFFD in place of what is not.
+class ValidText {
+ public:
+  explicit ValidText(const char* text) : view_(text) {
+    if (g_utf8_validate_len(view_.data(), view_.size(), nullptr)) return;
+    made_.reset(g_utf8_make_valid(text, -1));
+    view_ = made_.get();
+  }
+  operator std::string_view() const { return view_; }
+
+ private:
+  std::unique_ptr<char, decltype(&g_free)> made_{nullptr, g_free};
+  std::string_view view_;
+};
+
+void set(Dictionary& dictionary, const char* key, Ref<> value) {
+  const ValidText text(key);
+  for (Dictionary::Entry& entry : dictionary.entries) {
+    if (entry.key == std::string_view(text)) {
       entry.value = std::move(value);
       return;
     }
   }
-  dictionary->entries.push_back({std::move(text), std::move(value)});
+  if (dictionary.entries.empty()) dictionary.entries.reserve(kUsualEntries);
+  dictionary.add(text, std::move(value));
 }
 
-void remove(xpc_object_t xdict, const char* key) {
-  if (auto* dictionary = cast<Dictionary>(xdict, XPC_TYPE_DICTIONARY); dictionary && key)
-    std::erase_if(dictionary->entries, [&](const Dictionary::Entry& entry) { return entry.key == key; });
+// Sets a new value of that type.
+template <class T, class... Args>
+void setNew(xpc_object_t xdict, const char* key, Args&&... args) {
+  auto* dictionary = cast<Dictionary>(xdict, XPC_TYPE_DICTIONARY);
+  if (dictionary && key)
+    set(*dictionary, key, makeIn<Box<T>>(dictionary->arena, std::forward<Args>(args)...));
 }
 
 template <class T>
@@ -112,19 +144,18 @@ xpc_type_t xpc_get_type(xpc_object_t object) {
 }
 
 xpc_object_t xpc_int64_create(int64_t value) {
-  return new Box<int64_t>(value);
+  return makeIn<Box<int64_t>>(nullptr, value).leak();
 }
 xpc_object_t xpc_uint64_create(uint64_t value) {
-  return new Box<uint64_t>(value);
+  return makeIn<Box<uint64_t>>(nullptr, value).leak();
 }
 
 xpc_object_t xpc_string_create(const char* string) {
-  return string ? new Box<std::string>(validText(string)) : nullptr;
+  return string ? makeIn<Box<Text>>(nullptr, ValidText(string)).leak() : nullptr;
 }
 
 xpc_object_t xpc_data_create(const void* bytes, size_t length) {
-  auto* first = static_cast<const uint8_t*>(bytes);
-  return bytes ? new Box<Bytes>(first, first + length) : new Box<Bytes>(length);
+  return makeIn<Box<Data>>(nullptr, bytes, length).leak();
 }
 
 bool xpc_bool_get_value(xpc_object_t xbool) {
@@ -138,28 +169,28 @@ uint64_t xpc_uint64_get_value(xpc_object_t xuint) {
 }
 
 const char* xpc_string_get_string_ptr(xpc_object_t xstring) {
-  auto* box = cast<Box<std::string>>(xstring, XPC_TYPE_STRING);
+  auto* box = cast<Box<Text>>(xstring, XPC_TYPE_STRING);
   return box ? box->value.c_str() : nullptr;
 }
 
 const void* xpc_data_get_bytes_ptr(xpc_object_t xdata) {
-  auto* box = cast<Box<Bytes>>(xdata, XPC_TYPE_DATA);
-  return box && !box->value.empty() ? box->value.data() : nullptr;
+  auto* box = cast<Box<Data>>(xdata, XPC_TYPE_DATA);
+  return box && !box->value.bytes.empty() ? box->value.bytes.data() : nullptr;
 }
 
 size_t xpc_data_get_length(xpc_object_t xdata) {
-  auto* box = cast<Box<Bytes>>(xdata, XPC_TYPE_DATA);
-  return box ? box->value.size() : 0;
+  auto* box = cast<Box<Data>>(xdata, XPC_TYPE_DATA);
+  return box ? box->value.bytes.size() : 0;
 }
 
 xpc_object_t xpc_dictionary_create(const char* const* keys, const xpc_object_t* values, size_t count) {
-  auto dictionary = make<Dictionary>();
+  auto dictionary = Dictionary::create(kUsualRoom);
   for (size_t i = 0; i < count; i++) xpc_dictionary_set_value(dictionary.get(), keys[i], values[i]);
   return dictionary.leak();
 }
 
 xpc_object_t xpc_dictionary_create_empty(void) {
-  return new Dictionary;
+  return Dictionary::create(kUsualRoom).leak();
 }
 
 xpc_object_t xpc_dictionary_create_reply(xpc_object_t original) {
@@ -167,7 +198,7 @@ xpc_object_t xpc_dictionary_create_reply(xpc_object_t original) {
   if (!message || message->isReply) return nullptr;
   uint32_t serial = message->serial.exchange(0);
   if (!serial) return nullptr;
-  auto reply = make<Dictionary>();
+  auto reply = Dictionary::create(kUsualRoom);
   reply->connection = message->connection;
   reply->link = message->link;
   reply->serial = serial;
@@ -189,35 +220,37 @@ bool xpc_dictionary_apply(xpc_object_t xdict, xpc_dictionary_applier_t applier) 
 }
 
 void xpc_dictionary_set_value(xpc_object_t xdict, const char* key, xpc_object_t value) {
+  auto* dictionary = cast<Dictionary>(xdict, XPC_TYPE_DICTIONARY);
+  if (!dictionary || !key) return;
   if (value)
-    set(xdict, key, Ref<>::retained(static_cast<Object*>(value)));
+    set(*dictionary, key, Ref<>::retained(static_cast<Object*>(value)));
   else
-    remove(xdict, key);
+    std::erase_if(dictionary->entries, [&](const Dictionary::Entry& entry) { return entry.key == key; });
 }
 
 void xpc_dictionary_set_bool(xpc_object_t xdict, const char* key, bool value) {
-  set(xdict, key, make<Box<bool>>(value));
+  setNew<bool>(xdict, key, value);
 }
 
 void xpc_dictionary_set_int64(xpc_object_t xdict, const char* key, int64_t value) {
-  set(xdict, key, make<Box<int64_t>>(value));
+  setNew<int64_t>(xdict, key, value);
 }
 
 void xpc_dictionary_set_uint64(xpc_object_t xdict, const char* key, uint64_t value) {
-  set(xdict, key, make<Box<uint64_t>>(value));
+  setNew<uint64_t>(xdict, key, value);
 }
 
 void xpc_dictionary_set_string(xpc_object_t xdict, const char* key, const char* string) {
-  set(xdict, key, Ref<>::adopted(static_cast<Object*>(xpc_string_create(string))));
+  if (string) setNew<Text>(xdict, key, ValidText(string));
 }
 
 void xpc_dictionary_set_data(xpc_object_t xdict, const char* key, const void* bytes, size_t length) {
-  set(xdict, key, Ref<>::adopted(static_cast<Object*>(xpc_data_create(bytes, length))));
+  setNew<Data>(xdict, key, bytes, length);
 }
 
 void xpc_dictionary_set_fd(xpc_object_t xdict, const char* key, int fd) {
   FileDescriptor copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
-  if (copy) set(xdict, key, make<Descriptor>(std::move(copy)));
+  if (copy) setNew<FileDescriptor>(xdict, key, std::move(copy));
 }
 
 xpc_object_t xpc_dictionary_get_value(xpc_object_t xdict, const char* key) {

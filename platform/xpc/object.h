@@ -5,12 +5,15 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <memory>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "arena.h"
 #include "file_descriptor.h"
 
 namespace platform::xpc {
@@ -23,6 +26,7 @@ struct Object {
 
   const xpc_type_t type;
   std::atomic<uint32_t> references{1};
+  Arena* arena = nullptr;  // that the object lives in and holds; null for one with memory of its own
 };
 
 void retain(Object* object);
@@ -69,16 +73,33 @@ class Ref {
 template <class T>
 extern const xpc_type_t typeOf;
 
-// An object that holds one value.
+using Memory = std::pmr::memory_resource;
+using Text = std::pmr::string;
+using Bytes = std::pmr::vector<uint8_t>;
+
+// What a data object holds. A string copies its bytes as a block, which a vector with this allocator does
+// not.
+struct Data {
+  using allocator_type = Text::allocator_type;
+
+  Data(const void* first, size_t length, const allocator_type& allocator) : bytes(length, '\0', allocator) {
+    if (first) memcpy(bytes.data(), first, length);
+  }
+
+  Text bytes;
+};
+
+// An object that holds one value, whose own memory, if it needs any, is taken from `memory`.
 template <class T>
 struct Box : Object {
   template <class... Args>
-  explicit Box(Args&&... args) : Object(typeOf<T>), value(std::forward<Args>(args)...) {}
+  explicit Box(Memory& memory, Args&&... args)
+      : Object(typeOf<T>),
+        value(std::make_obj_using_allocator<T>(std::pmr::polymorphic_allocator<>(&memory),
+                                               std::forward<Args>(args)...)) {}
 
   T value;
 };
-
-using Bytes = std::vector<uint8_t>;
 
 template <>
 inline const xpc_type_t typeOf<bool> = XPC_TYPE_BOOL;
@@ -89,33 +110,37 @@ inline const xpc_type_t typeOf<uint64_t> = XPC_TYPE_UINT64;
 template <>
 inline const xpc_type_t typeOf<double> = XPC_TYPE_DOUBLE;
 template <>
-inline const xpc_type_t typeOf<std::string> = XPC_TYPE_STRING;
+inline const xpc_type_t typeOf<Text> = XPC_TYPE_STRING;
 template <>
-inline const xpc_type_t typeOf<Bytes> = XPC_TYPE_DATA;
+inline const xpc_type_t typeOf<Data> = XPC_TYPE_DATA;
 template <>
 inline const xpc_type_t typeOf<FileDescriptor> = XPC_TYPE_FD;
 
 using Descriptor = Box<FileDescriptor>;
 
 struct Array : Object {
-  Array() : Object(XPC_TYPE_ARRAY) {}
+  explicit Array(Memory& memory) : Object(XPC_TYPE_ARRAY), values(&memory) {}
 
-  std::vector<Ref<>> values;
+  std::pmr::vector<Ref<>> values;
 };
 
 struct Dictionary : Object {
   struct Entry {
-    std::string key;
+    Text key;
     Ref<> value;
   };
 
-  Dictionary();
+  explicit Dictionary(Memory& memory);
   ~Dictionary();
 
+  // A dictionary with an arena of its own, which has that many bytes for what the dictionary will hold.
+  static Ref<Dictionary> create(size_t room);
+
   Object* find(std::string_view key) const;
+  void add(std::string_view key, Ref<> value);
 
   // In the order of setting. Messages have a handful of keys, among which a search in line is fastest.
-  std::vector<Entry> entries;
+  std::pmr::vector<Entry> entries;
 
   // A received message, or a reply to one: the connection and its link, and the serial of the reply that the
   // message's sender awaits. A serial is taken (set to 0) when it is used, so that none is answered twice.
@@ -130,15 +155,23 @@ Ref<T> make(Args&&... args) {
   return Ref<T>::adopted(new T(std::forward<Args>(args)...));
 }
 
+// A value in the arena, or with memory of its own if there is no arena or no room left in it.
+template <class T, class... Args>
+Ref<T> makeIn(Arena* arena, Args&&... args) {
+  void* const place = arena ? arena->take(sizeof(T)) : nullptr;
+  if (!place) return make<T>(*std::pmr::new_delete_resource(), std::forward<Args>(args)...);
+  T* const object = new (place) T(*arena, std::forward<Args>(args)...);
+  object->arena = arena;
+  arena->hold();
+  return Ref<T>::adopted(object);
+}
+
 // The object if it is of the wanted type, else null.
 template <class T>
 T* cast(xpc_object_t object, xpc_type_t type) {
   auto* head = static_cast<Object*>(object);
   return head && head->type == type ? static_cast<T*>(head) : nullptr;
 }
-
-// The text itself if it is UTF-8, else with U+FFFD in place of what is not.
-std::string validText(const char* text);
 
 }  // namespace platform::xpc
 

@@ -10,8 +10,14 @@
 namespace platform::xpc {
 
 void Work::submit() {
-  for (Item& item : items) dispatch_async(item.queue.get(), std::move(item.block));
-  items.clear();
+  const auto submit = [](Item& item) {
+    const QueueRef queue = item.queue;
+    dispatch_async(queue.get(), std::move(item));
+  };
+  for (Item& item : before) submit(item);
+  before.clear();
+  if (last) submit(*last);
+  last.reset();
 }
 
 Reactor& Reactor::shared() {
@@ -54,12 +60,11 @@ void Reactor::remove(uint64_t id, int fd) {
 }
 
 void Reactor::run(Work& work) {
-  if (work.items.empty()) return;
+  if (!work.last) return;
   if (!lendable_.try_acquire()) return work.submit();
-  Work::Item last = std::move(work.items.back());
-  work.items.pop_back();
+  const Work::Item last = *std::exchange(work.last, std::nullopt);
   work.submit();
-  dispatch_sync(last.queue.get(), last.block);
+  dispatch_sync(last.queue.get(), [&last] { last(); });
   lendable_.release();
 }
 

@@ -6,16 +6,19 @@
 // wait for a reply.
 #pragma once
 
-#include <dispatch/dispatch.h>
+#include <xpc/xpc.h>
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <semaphore>
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include "object.h"
 
 namespace platform::xpc {
 
@@ -43,17 +46,24 @@ class QueueRef {
   dispatch_queue_t queue_ = nullptr;
 };
 
-// Blocks and the queues to run them on.
+// Handlers, what they are called with, and the queues to call them on. Mostly there is one.
 struct Work {
   struct Item {
+    void operator()() const { handler(object.get()); }
+
     QueueRef queue;
-    dispatch_block_t block;
+    xpc_handler_t handler;
+    Ref<> object;
   };
 
-  void add(QueueRef queue, dispatch_block_t block) { items.push_back({std::move(queue), std::move(block)}); }
+  void add(QueueRef queue, xpc_handler_t handler, Ref<> object) {
+    if (last) before.push_back(std::move(*last));
+    last = {std::move(queue), std::move(handler), std::move(object)};
+  }
   void submit();
 
-  std::vector<Item> items;
+  std::vector<Item> before;
+  std::optional<Item> last;
 };
 
 class Reactor {

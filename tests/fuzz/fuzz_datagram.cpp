@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // A body has one form only: what was taken is written the same again.
   xpc::Bytes bytes;
-  std::vector<xpc::Ref<xpc::Descriptor>> again;
+  xpc::Descriptors again;
   const auto body = datagram.subspan(xpc::kHeaderSize);
   if (xpc::writeBody(*incoming.dictionary, bytes, again) || again.size() != descriptors.size() ||
       !std::equal(bytes.begin(), bytes.end(), body.begin(), body.end()))

@@ -20,6 +20,23 @@ TEST_F(MessageTest, TextIsMadeUtf8) {
   EXPECT_EQ(textsOf(connection.ask(message("a", "G\xc3\xa4ste \xff"))), (Texts{{"a", "Gäste \uFFFD"}}));
 }
 
+TEST_F(MessageTest, AValueOutlivesItsMessage) {
+  Connection service(listener(kName), acceptingEcho());
+  Connection connection(client(kName));
+  const std::string text(100, 'x');
+  const std::string longText(5000, 'y');
+  Object kept;
+  {
+    Object outer(xpc_dictionary_create_empty());
+    xpc_dictionary_set_value(outer, "inner", message({{"short", "s"}, {"text", text}}));
+    const Object reply = connection.ask(outer);
+    kept = Object(xpc_retain(xpc_dictionary_get_value(reply, "inner")));
+  }
+  for (const char* key : {"more", "more", "and more"}) xpc_dictionary_set_string(kept, key, longText.c_str());
+  EXPECT_EQ(textsOf(kept),
+            (Texts{{"short", "s"}, {"text", text}, {"more", longText}, {"and more", longText}}));
+}
+
 TEST_F(MessageTest, RepliesComeOnceOnTheirQueueOrAsAnError) {
   Events received;
   Events peers;
