@@ -1,67 +1,33 @@
 #include <IOKit/system_power.h>
-#include <gio/gunixconnection.h>
-#include <gio/gunixcredentialsmessage.h>
-#include <gio/gunixfdlist.h>
-#include <gio/gunixfdmessage.h>
-#include <gio/gunixsocketaddress.h>
+#include <fcntl.h>
+#include <glib-unix.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 
 namespace platform {
 
 namespace {
 
-constexpr int kReplyTimeout = 5000;  // milliseconds
+constexpr uint64_t kReplyTimeout = 5'000'000;  // microseconds
 constexpr char kLogind[] = "org.freedesktop.login1";
 constexpr char kManagerPath[] = "/org/freedesktop/login1";
 constexpr char kManager[] = "org.freedesktop.login1.Manager";
 
-struct VariantUnref {
-  void operator()(GVariant* variant) const { g_variant_unref(variant); }
+struct MessageUnref {
+  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
 };
-using Variant = std::unique_ptr<GVariant, VariantUnref>;
-
-// In GLib a thread that makes a type waits for one that makes a class, and that one, where its class names
-// the type, for the first: both for ever. The bus is sought on a thread of its own while others may connect
-// to somewhere, so all that a connection with it takes is made before there are threads.
-[[gnu::constructor]] void makeTypesOfConnections() {
-  for (const GType type : {G_TYPE_DBUS_CONNECTION,
-                           G_TYPE_DBUS_MESSAGE,
-                           G_TYPE_DBUS_AUTH_OBSERVER,
-                           G_TYPE_SOCKET_CLIENT,
-                           G_TYPE_SOCKET,
-                           G_TYPE_UNIX_CONNECTION,
-                           G_TYPE_TCP_CONNECTION,
-                           G_TYPE_UNIX_SOCKET_ADDRESS,
-                           G_TYPE_INET_SOCKET_ADDRESS,
-                           G_TYPE_PROXY_ADDRESS,
-                           G_TYPE_PROXY_ADDRESS_ENUMERATOR,
-                           G_TYPE_UNIX_FD_LIST,
-                           G_TYPE_UNIX_FD_MESSAGE,
-                           G_TYPE_UNIX_CREDENTIALS_MESSAGE,
-                           G_TYPE_CREDENTIALS,
-                           G_TYPE_CANCELLABLE,
-                           G_TYPE_TASK,
-                           G_TYPE_DATA_INPUT_STREAM,
-                           G_TYPE_DATA_OUTPUT_STREAM,
-                           G_TYPE_MEMORY_INPUT_STREAM,
-                           G_TYPE_MEMORY_OUTPUT_STREAM}) {
-    g_type_class_ref(type);
-  }
-}
+using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
 }  // namespace
 
 SystemPower* SystemPower::connect(IOServiceInterestCallback callback, void* refcon) {
-  g_autofree char* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-  if (!address) return nullptr;
-  // Not the shared connection: that one ends the process when the bus goes.
-  const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                       G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-  Bus bus(g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, nullptr));
-  if (!bus) return nullptr;
+  sd_bus* opened = nullptr;
+  if (sd_bus_open_system(&opened) < 0) return nullptr;
+  Bus bus(opened);
+  sd_bus_set_method_call_timeout(opened, kReplyTimeout);
 
   auto* power = new SystemPower(std::move(bus), callback, refcon);
   if (power->takeLock()) return power;
@@ -71,18 +37,21 @@ SystemPower* SystemPower::connect(IOServiceInterestCallback callback, void* refc
 
 // The lock is held as long as the descriptor is open.
 bool SystemPower::takeLock() {
-  GUnixFDList* descriptors = nullptr;
-  const Variant reply(g_dbus_connection_call_with_unix_fd_list_sync(
-      bus_.get(), kLogind, kManagerPath, kManager, "Inhibit",
-      g_variant_new("(ssss)", "sleep", program_invocation_short_name, "To be told before the system sleeps",
-                    "delay"),
-      G_VARIANT_TYPE("(h)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, kReplyTimeout, nullptr, &descriptors, nullptr,
-      nullptr));
-  if (!reply) return false;
-  g_autoptr(GUnixFDList) list = descriptors;
-  gint32 index = 0;
-  g_variant_get(reply.get(), "(h)", &index);
-  const int lock = list ? g_unix_fd_list_get(list, index, nullptr) : -1;
+  sd_bus_message* made = nullptr;
+  if (sd_bus_message_new_method_call(bus_.get(), &made, kLogind, kManagerPath, kManager, "Inhibit") < 0)
+    return false;
+  const Message call(made);
+  sd_bus_message* answer = nullptr;
+  // Where logind does not run, it is not to be started for this.
+  if (sd_bus_message_set_auto_start(made, 0) < 0 ||
+      sd_bus_message_append(made, "ssss", "sleep", program_invocation_short_name,
+                            "To be told before the system sleeps", "delay") < 0 ||
+      sd_bus_call(bus_.get(), made, 0, nullptr, &answer) < 0)
+    return false;
+  const Message reply(answer);
+  int theirs = -1;  // the message's
+  if (sd_bus_message_read(answer, "h", &theirs) < 0) return false;
+  const int lock = fcntl(theirs, F_DUPFD_CLOEXEC, 0);
   if (lock < 0) return false;
 
   const std::lock_guard guard(guard_);
@@ -91,26 +60,32 @@ bool SystemPower::takeLock() {
 }
 
 void SystemPower::schedule(GMainContext* context) {
-  g_main_context_push_thread_default(context);
-  g_dbus_connection_signal_subscribe(
-      bus_.get(), kLogind, kManager, "PrepareForSleep", kManagerPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-      [](GDBusConnection*, const char*, const char*, const char*, const char*, GVariant* parameters,
-         gpointer self) {
-        if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(b)"))) return;
-        gboolean sleeping = FALSE;
-        g_variant_get(parameters, "(b)", &sleeping);
-        static_cast<SystemPower*>(self)->prepareForSleep(sleeping != FALSE);
+  sd_bus_match_signal(
+      bus_.get(), nullptr, kLogind, kManagerPath, kManager, "PrepareForSleep",
+      [](sd_bus_message* signal, void* self, sd_bus_error*) {
+        int sleeping = 0;
+        if (sd_bus_message_read(signal, "b", &sleeping) >= 0)
+          static_cast<SystemPower*>(self)->prepareForSleep(sleeping != 0);
+        return 0;
       },
-      this, nullptr);
-  g_main_context_pop_thread_default(context);
+      this);
 
-  // A sleep that was announced between the registration and here.
-  if (!isPreparing()) return;
+  GSource* messages = g_unix_fd_source_new(sd_bus_get_fd(bus_.get()), G_IO_IN);
+  const GUnixFDSourceFunc arrived = [](int, GIOCondition, gpointer self) -> gboolean {
+    return static_cast<SystemPower*>(self)->listen();
+  };
+  g_source_set_callback(messages, G_SOURCE_FUNC(arrived), this, nullptr);
+  g_source_attach(messages, context);
+  g_source_unref(messages);
+
+  // A sleep that was announced between the registration and here, and what came with the answers so far.
   GSource* announced = g_idle_source_new();
   g_source_set_callback(
       announced,
-      [](gpointer self) -> gboolean {
-        static_cast<SystemPower*>(self)->prepareForSleep(true);
+      [](gpointer data) -> gboolean {
+        auto* self = static_cast<SystemPower*>(data);
+        if (self->isPreparing()) self->prepareForSleep(true);
+        self->listen();
         return G_SOURCE_REMOVE;
       },
       this, nullptr);
@@ -119,15 +94,18 @@ void SystemPower::schedule(GMainContext* context) {
 }
 
 bool SystemPower::isPreparing() const {
-  const Variant reply(
-      g_dbus_connection_call_sync(bus_.get(), kLogind, kManagerPath, "org.freedesktop.DBus.Properties", "Get",
-                                  g_variant_new("(ss)", kManager, "PreparingForSleep"), G_VARIANT_TYPE("(v)"),
-                                  G_DBUS_CALL_FLAGS_NO_AUTO_START, kReplyTimeout, nullptr, nullptr));
-  if (!reply) return false;
-  GVariant* inner = nullptr;
-  g_variant_get(reply.get(), "(v)", &inner);
-  const Variant value(inner);
-  return g_variant_is_of_type(inner, G_VARIANT_TYPE_BOOLEAN) && g_variant_get_boolean(inner);
+  int preparing = 0;
+  return sd_bus_get_property_trivial(bus_.get(), kLogind, kManagerPath, kManager, "PreparingForSleep",
+                                     nullptr, 'b', &preparing) >= 0 &&
+         preparing != 0;
+}
+
+// Handles what has come; false when the bus has gone.
+bool SystemPower::listen() {
+  int handled;
+  do handled = sd_bus_process(bus_.get(), nullptr);
+  while (handled > 0);
+  return handled == 0;
 }
 
 void SystemPower::prepareForSleep(bool sleeping) {

@@ -2,14 +2,15 @@
 
 #include <CoreFoundation/cf_run_loop_source.h>
 #include <IOKit/pwr_mgt/IOPMLib.h>
-#include <gio/gio.h>
+#include <systemd/sd-bus.h>
 
 #include <memory>
 #include <mutex>
 
 namespace platform {
 
-// One registration for sleep and wake: a connection to the system bus of its own, and the delay lock.
+// One registration for sleep and wake: a connection to the system bus of its own, and the delay lock. All but
+// allow is called on the run loop's thread.
 class SystemPower final : public __CFRunLoopSource {
  public:
   // Null without a system bus or logind.
@@ -20,9 +21,9 @@ class SystemPower final : public __CFRunLoopSource {
 
  private:
   struct Unref {
-    void operator()(GDBusConnection* bus) const { g_object_unref(bus); }
+    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
   };
-  using Bus = std::unique_ptr<GDBusConnection, Unref>;
+  using Bus = std::unique_ptr<sd_bus, Unref>;
 
   SystemPower(Bus bus, IOServiceInterestCallback callback, void* refcon)
       : bus_(std::move(bus)), callback_(callback), refcon_(refcon) {}
@@ -30,6 +31,7 @@ class SystemPower final : public __CFRunLoopSource {
 
   bool takeLock();
   bool isPreparing() const;
+  bool listen();
   void prepareForSleep(bool sleeping);
   void setPending(intptr_t notification);
 
