@@ -74,7 +74,7 @@ int64_t frame(Service& service, int width, int height, int guest) {
 void measureFrames(Service& service, Report& report, const std::string& where, int width, int height) {
   service.ask(frameMessage(Order::prepare, width, height));
   measureRoad(
-      report, fmt::format("frame road {}p", height), where, height == 1080 ? 1.15 : 0,
+      report, fmt::format("frame road {}p", height), where, 1.1,
       [&] { return frame(service, width, height); }, [&] { return frameFloor(service, width, height); });
 }
 
@@ -128,7 +128,7 @@ void measureShowFrames(Service& service, Report& report, const std::string& wher
     receivePlain(service.controlSocket(), &message, sizeof message);
     return now() - begin;
   };
-  measureRoad(report, "show frame, send to the SDK's provide call", where, 1.5, showFrame, echo);
+  measureRoad(report, "show frame, send to the SDK's provide call", where, 1.4, showFrame, echo);
   close(descriptor);
 }
 

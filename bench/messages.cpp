@@ -46,8 +46,8 @@ void measureMessages(Service& service, Report& report, const std::string& where)
 
     stamps.add(service.ask({.order = Order::stamp, .sent = now()}).nanoseconds);
   }
-  report.add("host-link message and reply, " + where, replies, echoes);
-  report.add("sound message of 3,840 bytes, one way, " + where, sounds, datagrams);
+  report.add("host-link message and reply, " + where, replies, echoes, 1.4);
+  report.add("sound message of 3,840 bytes, one way, " + where, sounds, datagrams, 1.4);
   report.add("studio command to the session's call, " + where, commands, stamps);
 }
 

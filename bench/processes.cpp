@@ -56,7 +56,7 @@ void measureStart(Report& report) {
     floor.add(startFloor());
   }
   report.add("process start to the first accepted \"Init\", median", starts.microseconds(0.5), "us",
-             floor.microseconds(0.5));
+             floor.microseconds(0.5), 3);
 }
 
 void measureMemory(Report& report) {
