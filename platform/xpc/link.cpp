@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "connection.h"
 #include "log.h"
@@ -206,9 +207,9 @@ Link::Received Link::receive(Incoming& incoming, size_t& charge) {
     incoming.problem = "descriptors that could not be taken";
   } else if (const std::span datagram(bytes.data(), static_cast<size_t>(length)); hasLargeBody(datagram)) {
     takingIn_ = true;
-    auto large = std::make_shared<Large>(Bytes(datagram.begin(), datagram.end()),
-                                         std::vector(std::make_move_iterator(descriptors.begin()),
-                                                     std::make_move_iterator(descriptors.end())));
+    auto large = std::make_shared<Large>(
+        Large{{datagram.begin(), datagram.end()},
+              {std::make_move_iterator(descriptors.begin()), std::make_move_iterator(descriptors.end())}});
     dispatch_async(largeBodies(), [self = shared_from_this(), large] { self->takeIn(*large); });
     return Received::nothing;
   } else {

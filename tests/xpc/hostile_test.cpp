@@ -66,11 +66,14 @@ std::string large(int64_t length, const std::string& body = "") {
   return datagram(body, {.flags = 1, .descriptors = 1, .length = length});
 }
 
-int memory(off_t size, int seals) {
+int memory(const std::string& bytes, int seals) {
   const int fd = memfd_create("body", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-  EXPECT_EQ(ftruncate(fd, size), 0);
+  EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
   EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
   return fd;
+}
+int memory(size_t size, int seals) {
+  return memory(std::string(size, '\0'), seals);
 }
 
 bool sendBare(int socket, const std::string& bytes, const std::vector<int>& descriptors) {
@@ -115,6 +118,8 @@ class HostileTest : public testing::Test {
 TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
   const std::string good = dictionary(entry(value(number(1, 8), "x")));
   const std::string whole = datagram(good);
+  const std::string goodLarge = dictionary(entry(value(std::string(70'000, 'x'), "ay")));
+  const auto goodLength = static_cast<int64_t>(goodLarge.size());
   const auto file = [] { return memory(4096, 0); };
   struct Case {
     const char* name;
@@ -125,6 +130,10 @@ TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
   const std::vector<Case> cases = {
       {"a good one", datagram(good, {.kind = 1, .serial = 1}), {}, true},
       {"a good descriptor", datagram(handle(0), {.kind = 1, .descriptors = 1, .serial = 1}), {file()}, true},
+      {"a good large one",
+       datagram("", {.kind = 1, .flags = 1, .descriptors = 1, .length = goodLength, .serial = 1}),
+       {memory(goodLarge, kSealed)},
+       true},
       {"31 containers deep", datagram(deep(31), {.kind = 1, .serial = 1}), {}, true},
       {"32 containers deep", datagram(deep(32))},
       {"empty", ""},
@@ -149,7 +158,7 @@ TEST_F(HostileTest, ABadDatagramCostsItsSenderTheConnectionAndNothingElse) {
       {"large body without its memory", datagram("", {.flags = 1, .length = 70'000})},
       {"large body that is small", large(100), {memory(100, kSealed)}},
       {"large body above the limit", large(9 << 20), {memory(9 << 20, kSealed)}},
-      {"large body not sealed", large(70'000), {memory(70'000, F_SEAL_SHRINK | F_SEAL_GROW)}},
+      {"large body not sealed", large(goodLength), {memory(goodLarge, F_SEAL_SHRINK | F_SEAL_GROW)}},
       {"large body of another size", large(70'000), {memory(69'999, kSealed)}},
       {"large body in no memfd", large(70'000), {open("/dev/null", O_RDONLY | O_CLOEXEC)}},
       {"large body of nonsense", large(70'000), {memory(70'000, kSealed)}},
@@ -205,9 +214,7 @@ TEST_F(HostileTest, LargeBodiesDelayNobodyElse) {
   EXPECT_EQ(textsOf(witness.ask(message("first", "one"))), (Texts{{"first", "one"}}));
 
   const std::string body = dictionary(entry(value(std::string(4 << 20, 'x'), "ay")));
-  const int file = memory(0, 0);
-  ASSERT_EQ(write(file, body.data(), body.size()), static_cast<ssize_t>(body.size()));
-  ASSERT_EQ(fcntl(file, F_ADD_SEALS, kSealed), 0);
+  const int file = memory(body, kSealed);
   std::vector<int> sockets(kPeers);
   for (int& socket : sockets) {
     ASSERT_GE(socket = bareClient(folder_ / "large"), 0);
@@ -219,6 +226,33 @@ TEST_F(HostileTest, LargeBodiesDelayNobodyElse) {
   EXPECT_TRUE(eventually([&] { return handled == kPeers * kEach; }));
   for (const int socket : sockets) close(socket);
   close(file);
+}
+
+TEST_F(HostileTest, WhatIsNotHandledWaitsAtItsSenderAndIsReadThoughThatHasGone) {
+  Events peers, ends;
+  std::atomic<int> handled{0};
+  Connection service(listener("slow"), accepting([&](xpc_connection_t peer) {
+                       xpc_connection_set_event_handler(peer, [&](xpc_object_t event) {
+                         xpc_get_type(event) == XPC_TYPE_ERROR ? ends.put(event) : void(handled++);
+                       });
+                       xpc_connection_suspend(peer);
+                       peers.put(peer);
+                     }));
+  int eager = -1;
+  ASSERT_TRUE(eventually([&] { return (eager = bareClient(folder_ / "slow")) >= 0; }));
+  const Object peer = peers.next();
+  timeval second{1, 0};
+  setsockopt(eager, SOL_SOCKET, SO_SNDTIMEO, &second, sizeof second);
+  const std::string whole = datagram(dictionary(entry(value(std::string(60'000, 'x'), "ay"))));
+  int sent = 0;
+  while (sent < 300 && sendBare(eager, whole, {})) sent++;
+  EXPECT_GE(sent, (8 << 20) / 60'000);
+  EXPECT_LT(sent, 200);
+  xpc_connection_send_message(asConnection(peer), message("never", "read"));
+  close(eager);
+  xpc_connection_resume(asConnection(peer));
+  EXPECT_EQ(ends.next(), XPC_ERROR_CONNECTION_INVALID);
+  EXPECT_EQ(handled, sent);
 }
 
 TEST_F(HostileTest, ClientsThatDescriptorsWereMissingForAreServedLater) {
