@@ -73,8 +73,8 @@ export async function publish({ as, type, width, height }) {
   oscillator.connect(sink);
   oscillator.start();
   media.addTrack(sink.stream.getAudioTracks()[0]);
-  const descriptions = { video: `${type} ${width}x${height}`, audio: "on" };
-  await me.publisher.publish(media, ({ kind }) => descriptions[kind]);
+  me.descriptions = { video: `${type} ${width}x${height}`, audio: "on" };
+  await me.publisher.publish(media, ({ kind }) => me.descriptions[kind]);
 }
 
 // Something has to change, else no frames are captured.
@@ -90,8 +90,9 @@ export function change({ as, width, height }) {
 }
 
 export function describe({ as, kind, description }) {
-  const { publisher } = participants.get(as);
-  publisher.describe(publisher.transceiver(kind).mid, description);
+  const me = participants.get(as);
+  me.descriptions[kind] = description;
+  return me.publisher.describeAgain();
 }
 
 export async function unpublish({ as }) {
