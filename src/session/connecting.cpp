@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 #include <cstdlib>
+#include <memory>
 
 #include "session/guest_session.h"
 #include "session/log.h"
@@ -56,14 +57,15 @@ void on_stream_received(otc_session*, void* userData, const otc_stream* stream) 
   const std::optional<std::string> streamId = stringWithUTF8String(id);
   if (!streamId) return;
 
-  // The record outlives the subscriber's last callback, whenever that is: it is never freed.
-  auto* subscriberInfo = new SubscriberInfo{*guestName, *streamId, type};
-  const otc_subscriber_callbacks callbacks = subscriberCallbacks(subscriberInfo);
+  auto subscriberInfo = std::make_unique<SubscriberInfo>(SubscriberInfo{*guestName, *streamId, type});
+  const otc_subscriber_callbacks callbacks = subscriberCallbacks(subscriberInfo.get());
   otc_subscriber* subscriber = otc_subscriber_new(stream, &callbacks);
 
   sessionOf(userData).streamReceived(*streamId);
   sessionOf(userData).pixelBufferReceived(nullptr, subscriberInfo->name, subscriberInfo->subid, subscriber,
                                           otc_stream_get_connection(stream), type, 0);
+  // It outlives the subscriber's last callback, whenever that is: it is never freed.
+  if (subscriber) static_cast<void>(subscriberInfo.release());
 }
 
 void on_stream_dropped(otc_session*, void* userData, const otc_stream* stream) {
