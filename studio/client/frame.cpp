@@ -21,7 +21,9 @@ void MessageRelease::operator()(void* message) const {
   xpc_release(static_cast<xpc_object_t>(message));
 }
 
-Frame::Frame(Message message, Surface surface) : message_(std::move(message)), surface_(std::move(surface)) {
+Frame::Frame(Message message, Surface surface, Held held)
+    : message_(std::move(message)), surface_(std::move(surface)), held_(std::move(held)) {
+  held_->fetch_add(1, std::memory_order_relaxed);
   IOSurfaceIncrementUseCount(surface_.get());
   IOSurfaceLock(surface_.get(), kIOSurfaceLockReadOnly, nullptr);
 }
@@ -31,6 +33,7 @@ Frame& Frame::operator=(Frame&& other) noexcept {
     letGo();
     message_ = std::move(other.message_);
     surface_ = std::move(other.surface_);
+    held_ = std::move(other.held_);
   }
   return *this;
 }
@@ -44,10 +47,8 @@ void Frame::letGo() {
   IOSurfaceUnlock(surface_.get(), kIOSurfaceLockReadOnly, nullptr);
   IOSurfaceDecrementUseCount(surface_.get());
   surface_.reset();
-  const XpcObject reply(xpc_dictionary_create_reply(dictionary(message_)));
-  if (reply)
-    xpc_connection_send_message(xpc_dictionary_get_remote_connection(dictionary(message_)), reply.get());
   message_.reset();
+  held_->fetch_sub(1, std::memory_order_release);
 }
 
 std::string_view Frame::id() const {

@@ -11,6 +11,9 @@ namespace studio {
 
 namespace {
 
+// From here on, streams of which nothing is held are forgotten.
+constexpr std::size_t manyStreams = 32;
+
 // Reads a dictionary's entries and remembers the first that is missing or of another type.
 class Reader {
  public:
@@ -139,7 +142,23 @@ void ReportParser::frame(xpc_object_t message) {
     answer(message);
     return;
   }
-  listener_.onFrame(Frame(Message(xpc_retain(message)), std::move(surface)));
+  const Frame::Held held = heldOf(read.text("id"));
+  if (held->load(std::memory_order_acquire) < Frame::maxHeld) {
+    Frame frame(Message(xpc_retain(message)), std::move(surface), held);
+    answer(message);  // after the use has been counted, by which the surface stays out of its pool
+    listener_.onFrame(std::move(frame));
+  } else {
+    answer(message);
+  }
+}
+
+Frame::Held ReportParser::heldOf(std::string_view stream) {
+  const auto found = held_.find(stream);
+  if (found != held_.end()) return found->second;
+  if (held_.size() >= manyStreams) {
+    std::erase_if(held_, [](const auto& each) { return each.second->load(std::memory_order_acquire) == 0; });
+  }
+  return held_.emplace(stream, std::make_shared<std::atomic<int>>(0)).first->second;
 }
 
 void ReportParser::sound(xpc_object_t message) {

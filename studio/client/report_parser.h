@@ -4,6 +4,10 @@
 #include <xpc/xpc.h>
 
 #include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "client/session_watch.h"
@@ -23,9 +27,11 @@ class ReportParser {
   void report(xpc_object_t message);
   void frame(xpc_object_t message);
   void sound(xpc_object_t message);
+  Frame::Held heldOf(std::string_view stream);
 
   Client::Listener& listener_;
   SessionWatch& watch_;
+  std::map<std::string, Frame::Held, std::less<>> held_;  // by stream
   // Sound is copied to here, since nothing aligns it inside a message.
   std::vector<std::int16_t> samples_;
 };

@@ -1,8 +1,10 @@
 // What the guest service reports. Texts are UTF-8 as the guests sent them, and untrusted.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -65,13 +67,17 @@ struct Plane {
 
 /// A guest's picture, in memory that the service and the studio share. Nothing was copied.
 ///
-/// The service lends at most two frames at a time, all guests together, and drops what comes
-/// meanwhile: let go soon. Letting go (the destructor) answers the service, which then reuses the
-/// memory. May be moved to, read and let go on any thread.
+/// The service has been answered by the time the listener gets it, and writes to the memory again only when
+/// nobody holds the frame any more. Whoever holds maxHeld frames of a stream gets no more of it until they
+/// let go of one (the destructor); all other streams go on. May be moved to, read and let go on any thread.
 class Frame {
  public:
+  static constexpr int maxHeld = 4;
+  /// How many frames of a stream are held.
+  using Held = std::shared_ptr<std::atomic<int>>;
+
   /// Takes over the message, and the surface that it carries. Use Client's listener instead.
-  Frame(Message message, Surface surface);
+  Frame(Message message, Surface surface, Held held);
   Frame(Frame&& other) noexcept = default;
   Frame& operator=(Frame&& other) noexcept;
   ~Frame();
@@ -93,6 +99,7 @@ class Frame {
 
   Message message_;
   Surface surface_;
+  Held held_;
 };
 
 }  // namespace studio
