@@ -20,11 +20,12 @@
 #include <utility>
 #include <vector>
 
-#include "app/janus_server.h"
-#include "app/main_loop.h"
-#include "app/private_directory.h"
 #include "app/show.h"
-#include "app/web_server.h"
+#include "stage/janus_server.h"
+#include "stage/loop.h"
+#include "stage/private_directory.h"
+#include "stage/rooms.h"
+#include "stage/web_server.h"
 #include "time_code.h"
 
 namespace bench {
@@ -39,14 +40,16 @@ void say(const json& line) {
 
 class MediaStudio final : public studio::Client::Listener,
                           public studio::JanusServer::Listener,
+                          public studio::WebServer::Listener,
                           public studio::Show::Sink {
  public:
   MediaStudio()
-      : room_{studio::unguessable(), studio::unguessable(), {studio::unguessable(), studio::unguessable()}},
-        janus_({"janus", 0, room_}, *this),
-        web_({"127.0.0.1", 0, WEB_DIRECTORY, janus_.url(), {}, {}}),
+      : room_(studio::Room::unguessable(2)),
+        janus_({"janus", 0}, *this),
+        web_({"127.0.0.1", 0, WEB_DIRECTORY, janus_.url(), {}, {}}, *this),
         show_({}, *this, [](const std::string&, const std::string& text) { std::cerr << text << '\n'; }) {
     setenv("XDG_RUNTIME_DIR", directory_.path().c_str(), 1);
+    room_.publishers = kMostStreams;
     janus_.start();
   }
 
@@ -54,7 +57,10 @@ class MediaStudio final : public studio::Client::Listener,
   void leave() { client_->stop(); }
 
  private:
-  void onRoomReady() override {
+  void onServing(studio::Rooms& rooms) override {
+    rooms.make(room_, [this](const std::string& fault) { fault.empty() ? start() : onJanusFailed(fault); });
+  }
+  void start() {
     service_ = std::make_unique<studio::ServiceProcess>(
         studio::ServiceProcess::Settings{studio::besideThisProgram("zarvo-guest-service"),
                                          kServiceName,
@@ -74,6 +80,10 @@ class MediaStudio final : public studio::Client::Listener,
     std::cerr << "zarvo-bench-studio: " << reason << '\n';
     std::exit(1);
   }
+
+  // All guests are in one room, and each of their connections is as good as a seat.
+  std::optional<std::uint32_t> seatOf(std::string_view) override { return ++connections_; }
+  void onPage(SoupWebsocketConnection*, const std::string&) override {}
 
   bool showWanted() override { return client_ != nullptr; }
   bool showPicture(IOSurfaceRef surface) override {
@@ -108,9 +118,11 @@ class MediaStudio final : public studio::Client::Listener,
   }
 
   static constexpr char kServiceName[] = "bench";
+  static constexpr int kMostStreams = 64;
 
   studio::PrivateDirectory directory_;
   studio::Room room_;
+  std::uint32_t connections_ = 0;
   std::mutex frames_;
   int frameCount_ = 0;
   std::vector<double> ages_;
@@ -122,12 +134,12 @@ class MediaStudio final : public studio::Client::Listener,
   studio::Show show_;  // last: it plays to the client
 };
 
-void obeyInput(MediaStudio& studio, GMainLoop* loop) {
+void obeyInput(MediaStudio& studio, const studio::Loop& main, GMainLoop* loop) {
   for (std::string line; std::getline(std::cin, line);) {
-    if (line == "join") studio::onMainLoop([&] { studio.join(); });
-    if (line == "leave") studio::onMainLoop([&] { studio.leave(); });
+    if (line == "join") main.post([&] { studio.join(); });
+    if (line == "leave") main.post([&] { studio.leave(); });
   }
-  studio::onMainLoop([loop] { g_main_loop_quit(loop); });
+  main.post([loop] { g_main_loop_quit(loop); });
 }
 
 }  // namespace
@@ -139,7 +151,8 @@ int main() {
   GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
   try {
     bench::MediaStudio studio;
-    std::thread input(bench::obeyInput, std::ref(studio), loop);
+    const studio::Loop main;
+    std::thread input(bench::obeyInput, std::ref(studio), std::cref(main), loop);
     g_main_loop_run(loop);
     input.join();
   } catch (const std::exception& error) {

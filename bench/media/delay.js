@@ -68,7 +68,7 @@ async function watch(timeCode) {
   window.ages = await Promise.all(
     [/^ZarvoLive$/, /^Guest - /].map(async (name) => {
       const { id } = data.publishers.findLast(({ display }) => name.test(display));
-      const stream = new Subscriber(id);
+      const stream = new Subscriber(id, ["audio", "video"]);
       await stream.open(session, { room, token, iceServers: [] });
       const ages = [];
       tellAges(stream.stream.getVideoTracks()[0], (age) => ages.push(age));

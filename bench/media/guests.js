@@ -103,7 +103,7 @@ export class Guests {
       const session = new Session(`ws://${location.host}/janus`);
       await session.open();
       for (const id of ids) {
-        const guest = new Subscriber(id);
+        const guest = new Subscriber(id, ["audio", "video"]);
         await guest.open(session, { room, token, iceServers: [] });
         const video = Object.assign(document.createElement("video"), { srcObject: guest.stream, width: 320 });
         document.body.prepend(video);

@@ -12,7 +12,7 @@ namespace {
 
 // Each name in `arguments` is understood by `fill`, below; a bracket makes it optional.
 constexpr CommandHelp table[] = {
-    {Verb::guests, "guests", "", "list all guests: state, picture, frames a second, sound"},
+    {Verb::guests, "guests", "", "list all guests: state, picture, frames a second, loudness"},
     {Verb::admit, "admit", "ID", "bring a guest who rings into the green room"},
     {Verb::live, "live", "ID", "put a guest on air"},
     {Verb::greenroom, "greenroom", "ID", "take a guest off air, back into the green room"},
@@ -23,6 +23,9 @@ constexpr CommandHelp table[] = {
     {Verb::record, "record", "", "the show runs, and is only recorded"},
     {Verb::endshow, "endshow", "", "the show is over"},
     {Verb::offair, "offair", "on|off", "hear the green room while the show is on air, or not"},
+    {Verb::talk, "talk", "ID|all|off", "talk to one guest, or to all in the green room, and nobody else"},
+    {Verb::alone, "alone", "ID|off", "hear one guest alone"},
+    {Verb::fade, "fade", "ID DECIBELS", "how loud a guest is in the program: 0 as they come, -60 not at all"},
     {Verb::viewers, "viewers", "NUMBER", "tell the guests how many watch"},
     {Verb::comment, "comment", "NAME: TEXT", "show a viewer's comment to the guests"},
     {Verb::chat, "chat", "NAME: TEXT", "write to the guests"},
@@ -32,12 +35,10 @@ constexpr CommandHelp table[] = {
     {Verb::snapshot, "snapshot", "ID FILE", "write a guest's next picture to a PNG file"},
     {Verb::recordAudio, "record-audio", "ID SECONDS FILE", "write a guest's sound to a WAV file"},
     {Verb::link, "link", "", "print the guests' link again"},
-    {Verb::stop, "stop", "", "leave the session; \"rejoin\" comes back"},
-    {Verb::rejoin, "rejoin", "", "join the session anew; who is there rings"},
-    {Verb::there, "there", "", "ask the service for a sign of life"},
-    {Verb::log, "log", "on|off", "print the service's log lines, or not"},
+    {Verb::invite, "invite", "[NAME]", "make a new link, which turns the old one off; or one for one guest"},
+    {Verb::log, "log", "on|off", "print the services' log lines, or not"},
     {Verb::help, "help", "[COMMAND]", "explain the commands"},
-    {Verb::exit, "exit", "", "end the service and the studio"},
+    {Verb::exit, "exit", "", "end the show and the studio"},
 };
 
 constexpr std::string_view blanks = " \t\r\n";
@@ -58,7 +59,7 @@ std::string_view takeWord(std::string_view& text) {
 // Each of these fills in one argument from the text that is left, and answers what is wrong with it.
 using Fault = std::string;
 
-constexpr char whichGuest[] = "which guest? Say #NUMBER, a name or an ID; \"guests\" lists them";
+constexpr char whichGuest[] = "which guest? Say #NUMBER or a name; \"guests\" lists them";
 
 // All that is left, since a name may be several words.
 Fault takeGuest(Command& command, std::string_view& text) {
@@ -116,6 +117,14 @@ Fault takeSeconds(Command& command, std::string_view& text) {
   return good ? "" : "for how many seconds? Give a number up to 3600";
 }
 
+Fault takeDecibels(Command& command, std::string_view& text) {
+  const std::string_view word = takeWord(text);
+  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), command.decibels);
+  const bool good = error == std::errc() && end == word.data() + word.size() && command.decibels >= -60 &&
+                    command.decibels <= 12;
+  return good ? "" : "how loud? Give decibels from -60 to 12";
+}
+
 // A file name is the rest of the line, blanks and all.
 Fault takeFile(Command& command, std::string_view& text, std::string_view ending) {
   command.file = text;
@@ -138,7 +147,13 @@ Fault fill(Command& command, std::string_view& text) {
     case Verb::mute:
     case Verb::unmute:
     case Verb::remove:
+    case Verb::talk:
+    case Verb::alone:
       return takeGuest(command, text);
+    case Verb::fade: {
+      Fault fault = takeGuestBefore(command, text);
+      return fault.empty() ? takeDecibels(command, text) : fault;
+    }
     case Verb::offair:
     case Verb::log:
       return takeSwitch(command, text, "");
@@ -154,6 +169,7 @@ Fault fill(Command& command, std::string_view& text) {
     case Verb::pref:
       return takeText(command, text, true);
     case Verb::show:
+    case Verb::invite:
     case Verb::help:
       return takeText(command, text, false);
     case Verb::snapshot: {
@@ -168,9 +184,6 @@ Fault fill(Command& command, std::string_view& text) {
     case Verb::golive:
     case Verb::record:
     case Verb::endshow:
-    case Verb::stop:
-    case Verb::rejoin:
-    case Verb::there:
     case Verb::guests:
     case Verb::link:
     case Verb::exit:
@@ -221,7 +234,7 @@ std::string helpText(std::string_view name) {
   std::string text;
   for (const CommandHelp& row : table) text += fmt::format("  {:<29} {}\n", usage(row), row.effect);
   text +=
-      "A guest (ID) is named by #NUMBER as \"guests\" numbers them, by name, or by ID or its beginning; "
+      "A guest (ID) is named by number as \"guests\" numbers them, or by name; "
       "before more words, a name of several stands in \"quotation marks\".";
   return text;
 }

@@ -24,9 +24,10 @@ enum class Verb {
   chat,
   fav,
   pref,
-  stop,
-  rejoin,
-  there,
+  talk,
+  alone,
+  fade,
+  invite,
   guests,
   snapshot,
   recordAudio,
@@ -46,6 +47,7 @@ struct Command {
   std::string uuid;   ///< of `fav`
   std::string file;
   double seconds = 0;
+  double decibels = 0;  ///< of `fade`
   bool on = false;
 };
 

@@ -6,7 +6,7 @@
 #include <variant>
 #include <vector>
 
-#include "app/guest_board.h"
+#include "studio/stage.h"
 
 namespace studio {
 
@@ -15,13 +15,10 @@ struct NoGuest {
   std::string text;
 };
 
-/// The one guest that the words name: by "#NUMBER" or NUMBER, by the whole name, or by an id or its
-/// beginning. Ids and names are chosen by strangers: an id counts only where the words are no number of a
-/// guest's, and words that fit two guests name neither. Who has gone is named only by what fits nobody who is
-/// there.
-std::variant<GuestRow, NoGuest> findGuest(const std::vector<GuestRow>& rows, std::string_view words);
-
-/// The name without what the session puts before it.
-std::string_view ownName(std::string_view name);
+/// The one guest that the words name: by "#NUMBER" or NUMBER, or by the whole name. Names are chosen by
+/// strangers: one counts only where the words are no number of a guest's, and words that fit two guests name
+/// neither.
+std::variant<Stage::Number, NoGuest> findGuest(const std::vector<Stage::Guest>& guests,
+                                               std::string_view words);
 
 }  // namespace studio

@@ -1,5 +1,6 @@
 #include "app/options.h"
 
+#include <glib.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -16,6 +17,11 @@ std::filesystem::path usualPage() {
   return std::filesystem::is_directory(installed) ? installed : std::filesystem::path(ZARVO_WEB_DIRECTORY);
 }
 
+std::filesystem::path usualLedger() {
+  g_autofree char* path = g_build_filename(g_get_user_state_dir(), "zarvo", "lobby.json", nullptr);
+  return path;
+}
+
 }  // namespace
 
 Parsed parseOptions(int argc, char** argv) {
@@ -23,6 +29,7 @@ Parsed parseOptions(int argc, char** argv) {
   Options& options = parsed.options;
   options.web = usualPage();
   options.service = besideThisProgram("zarvo-guest-service");
+  options.ledger = usualLedger();
   options.log = isatty(STDOUT_FILENO) != 1;
 
   CLI::App app(
@@ -44,6 +51,16 @@ Parsed parseOptions(int argc, char** argv) {
       ->check(CLI::Range(1, 120))
       ->capture_default_str();
 
+  app.option_defaults()->group("Host");
+  app.add_option("--microphone", options.microphone,
+                 "The host's voice: \"auto\" for the machine's microphone, a file, or a GStreamer source")
+      ->capture_default_str();
+  app.add_option(
+         "--monitor", options.monitor,
+         "Where the host hears the guests: \"auto\" for the machine's headphones, a .wav or .flac file, "
+         "or a GStreamer sink")
+      ->capture_default_str();
+
   app.option_defaults()->group("Guests' page");
   app.add_option("--listen", options.listen,
                  "Address at which the page is served; 0.0.0.0 for all of this machine's")
@@ -62,26 +79,31 @@ Parsed parseOptions(int argc, char** argv) {
   app.option_defaults()->group("Session server");
   app.add_option("--janus", options.janus, "Janus's program")->capture_default_str();
   app.add_option("--janus-port", options.janusPort,
-                 "Port of Janus's WebSocket on 127.0.0.1; otherwise a free one, or 8188 with --use-service");
+                 "Port of Janus's WebSocket on 127.0.0.1; otherwise a free one");
 
   app.option_defaults()->group("Guest service");
-  CLI::Option* service =
-      app.add_option("--service", options.service, "The guest service's program, if not the one beside this");
-  app.add_option("--use-service", options.running,
-                 "Use the running service of this name; it has to know the session server by itself, from "
-                 "ZARVO_SESSION_SERVER")
-      ->excludes(service);
-  bool stayOut = false;
-  app.add_flag("--no-rejoin", stayOut,
-               "When the last guest has been removed, which ends the session, do not join it anew");
+  app.add_option("--service", options.service, "The guest service's program, if not the one beside this");
+
+  app.option_defaults()->group("Seats");
+  app.add_option("--seats", options.seats, "Guests at once, those who are away included")
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str();
+  app.add_option("--away", options.awaySeconds, "Seconds for which the seat of a guest who is away is kept")
+      ->check(CLI::Range(1, 86'400))
+      ->capture_default_str();
+  app.add_option("--requests", options.requestsAMinute,
+                 "Requests for a seat that one address may make a minute")
+      ->check(CLI::Range(1, 10'000))
+      ->capture_default_str();
+  app.add_option("--state", options.ledger,
+                 "File that keeps invitations and seats over a restart; \"\" keeps nothing")
+      ->capture_default_str();
 
   app.option_defaults()->group("Reports");
   app.add_flag("--frames", options.everyFrame,
                "Print every frame, not only a guest's first and those of a new size");
-  app.add_flag("--sounds", options.everySound,
-               "Print every piece of sound, not only the first after silence");
   bool quiet = false;
-  CLI::Option* log = app.add_flag("--log", options.log, "Print the service's log lines, at a terminal too");
+  CLI::Option* log = app.add_flag("--log", options.log, "Print the services' log lines, at a terminal too");
   app.add_flag("--no-log", quiet, "Do not print them, where the output is no terminal either")->excludes(log);
 
   try {
@@ -89,9 +111,7 @@ Parsed parseOptions(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     parsed.end = app.exit(error);
   }
-  options.autoRejoin = !stayOut;
   options.log = options.log && !quiet;
-  if (!options.running.empty() && options.janusPort == 0) options.janusPort = 8188;
   return parsed;
 }
 

@@ -17,15 +17,18 @@ struct Options {
   std::string janus = "janus";
   std::uint16_t janusPort = 0;
   std::filesystem::path service;  ///< the executable to start
-  std::string running;            ///< the name of a running service, to be used instead
+  std::filesystem::path ledger;   ///< what survives the studio; empty: nothing does
+  std::size_t seats = 16;
+  std::size_t requestsAMinute = 30;
+  int awaySeconds = 300;
   std::string show = "test";
+  std::string microphone = "off";
+  std::string monitor = "off";
   int width = 1024;
   int height = 576;
   int framesPerSecond = 30;
   bool everyFrame = false;
-  bool everySound = false;
   bool log = true;
-  bool autoRejoin = true;
 };
 
 /// The options, or the status to end with after help was printed or something was wrong.

@@ -207,7 +207,7 @@ void Show::append(GstPad* pad, const std::string& branch, GstFlowReturn (*onSamp
   gst_element_sync_state_with_parent(bin);
   GstPad* entry = gst_element_get_static_pad(bin, "sink");
   if (GST_PAD_LINK_FAILED(gst_pad_link(pad, entry))) {
-    onMainLoop([news = news_] {
+    loop_.post([news = news_] {
       news("failed", "the source is in a form that cannot be read; decode or convert it");
     });
   }

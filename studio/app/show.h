@@ -13,8 +13,8 @@
 #include <span>
 #include <string>
 
-#include "app/main_loop.h"
 #include "app/picture.h"
+#include "stage/loop.h"
 #include "studio/surface_pool.h"
 
 namespace studio {
@@ -73,6 +73,7 @@ class Show {
   std::string source_ = "off";
   GstElement* pipeline_ = nullptr;
   guint busWatch_ = 0;
+  Loop loop_;
   Timer stallWatch_;
   bool stalled_ = false;
   bool over_ = false;  // the source has ended or failed

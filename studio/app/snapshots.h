@@ -8,8 +8,9 @@
 #include <string>
 #include <thread>
 
-#include "app/main_loop.h"
 #include "app/picture.h"
+#include "stage/loop.h"
+#include "studio/stage.h"
 
 namespace studio {
 
@@ -24,15 +25,15 @@ class Snapshots {
   using Done = std::function<void(const Outcome& outcome)>;
 
   /// Main loop's thread; so is the call of `done`.
-  void request(const std::string& guest, const std::string& file, Done done);
+  void request(Stage::Number guest, const std::string& file, Done done);
   bool pending() const { return !jobs_.empty(); }
 
   /// Any thread. Copies the picture if somebody waits for it.
-  void offer(const Frame& frame);
+  void offer(Stage::Number guest, const Frame& frame);
 
  private:
   struct Job {
-    std::string guest;
+    Stage::Number guest = 0;
     std::string file;
     Done done;
     Timer limit;
@@ -43,6 +44,7 @@ class Snapshots {
   void write(const JobPointer& job, std::shared_ptr<PictureCopy> picture);
   void finish(const JobPointer& job, const Outcome& outcome);
 
+  Loop loop_;
   std::list<JobPointer> jobs_;
   std::mutex mutex_;  // guards what follows
   std::list<JobPointer> waiting_;

@@ -1,37 +1,32 @@
-// The reference studio: conducts the session server, the service, the show and the host's commands.
+// The reference studio: the host's commands to the stage, and its reports to the host.
 #pragma once
 
 #include <glib.h>
 
 #include <atomic>
-#include <deque>
-#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
 #include "app/commands.h"
 #include "app/guest_board.h"
-#include "app/janus_server.h"
-#include "app/main_loop.h"
+#include "app/host_audio.h"
 #include "app/options.h"
 #include "app/output.h"
 #include "app/prompt.h"
-#include "app/restart_pause.h"
 #include "app/service_output.h"
 #include "app/show.h"
 #include "app/snapshots.h"
-#include "app/talk_limit.h"
 #include "app/wav_recorder.h"
-#include "app/web_server.h"
-#include "studio/client.h"
-#include "studio/service_process.h"
+#include "stage/loop.h"
+#include "studio/stage.h"
 
 namespace studio {
 
-class Studio : public Client::Listener, public JanusServer::Listener, public Show::Sink {
+class Studio : public Stage::Listener, public Show::Sink {
  public:
   explicit Studio(Options options);
   ~Studio() override;
@@ -41,67 +36,54 @@ class Studio : public Client::Listener, public JanusServer::Listener, public Sho
 
  private:
   using Json = nlohmann::ordered_json;
+  using Number = Stage::Number;
   struct Recording {
-    std::string guest;
+    Number guest = 0;
     std::string file;
-    bool spoiled = false;  // somebody else was heard, too
     std::shared_ptr<WavRecorder> recorder;
   };
 
-  // On the client's queue.
-  void onRing(const Ring& ring) override;
-  void onAudioChanged(const AudioChanged& change) override;
-  void onDropped(const Dropped& dropped) override;
-  void onChat(const Chat& chat) override;
-  void onFavourite(const Favourite& favourite) override;
-  void onFrame(Frame frame) override;
-  void onSound(const Sound& sound) override;
-  void onLogLine(std::string_view line) override;
-  void onFatalError(std::string_view text) override;
-  void onRefused(std::string_view reason) override;
-  void onLost(Client::Loss loss) override;
+  // The stage's reports, on the main loop.
+  void onReady(const std::string& link) override;
+  void onRing(const Stage::Guest& guest) override;
+  void onChanged(const Stage::Guest& guest) override;
+  void onGone(Number guest, const std::string& name) override;
+  void onChat(Number guest, const std::string& name, const std::string& text,
+              const std::string& uuid) override;
+  void onFavourite(Number guest, const std::string& uuid, const std::string& state) override;
+  void onTalkLeftOut(std::size_t lines) override;
+  void onServiceLost(Number guest, const std::string& reason) override;
+  void onServiceBack(Number guest) override;
+  void onSessionServerLost(const std::string& reason) override;
+  void onSessionServerBack() override;
+  void onLog(Number guest, std::string_view line) override;
+  void onFailed(const std::string& reason) override;
+
+  // The stage's pictures and sound, on threads of its own.
+  void onFrame(Number guest, Stage::Kind kind, Frame frame) override;
+  void onSound(Number guest, std::span<const std::int16_t> block) override;
+  void onProgramSound(std::span<const std::int16_t>) override {}
+  void onHostSound(std::span<const std::int16_t> block) override { monitor_.play(block); }
+  void onLevels(std::span<const Stage::Level> levels) override;
 
   // On the show's threads.
   bool showWanted() override;
   bool showPicture(IOSurfaceRef surface) override;
   void showSound(std::span<const std::int16_t> samples) override;
 
-  // On the main loop, as is all that follows.
-  void onRoomReady() override;
-  void onJanusEnded(const std::string& reason) override;
-  void onJanusFailed(const std::string& reason) override;
-
-  // The service's life.
-  void startService();
-  void connect();
-  void join();
-  void sendInit();
-  void onServiceLost(Client::Loss loss, const Client* from);
-  void onServiceEnded(ServiceProcess::End end);
-  void serviceGone();
-  void setClient(std::shared_ptr<Client> client);
-  std::shared_ptr<Client> client() const;
-
-  // The host's commands.
+  // The host's commands, on the main loop.
   void openPrompt();
   void onLine(const std::string& line);
   void run(const Command& command);
-  void runForGuest(Verb verb, const GuestRow& row);
-  void remove(const GuestRow& row);
-  bool bringIn(const std::string& id);
-  void putBack(const std::string& id, const GuestPlace& place);
-  void announce(const std::string& id);
-  void forgetGuests();
-  bool passOn(std::string_view name);
-  void tellOfTalk();
+  void runForGuest(const Command& command);
+  void runForGuest(Verb verb, const Stage::Guest& guest, const Command& command);
   void say(Verb verb, const Command& command);
-  void snapshot(const std::string& id, const std::string& file);
-  void recordAudio(const std::string& id, double seconds, const std::string& file);
-  void guestsChanged();
-  void setShowState(bool onAir, bool recordOnly);
+  void talk(const Command& command);
+  void snapshot(Number guest, const std::string& file);
+  void recordAudio(Number guest, double seconds, const std::string& file);
   void playShow(const std::string& source);
   void printGuests();
-  void printLink();
+  void printLink(const std::string& link);
 
   void event(const char* name, const Json& fields);
   void fail(const std::string& reason);
@@ -112,49 +94,27 @@ class Studio : public Client::Listener, public JanusServer::Listener, public Sho
   const Options options_;
   Output output_;
   GMainLoop* loop_;
+  Loop mainLoop_;
   guint signals_[2] = {0, 0};
   int status_ = 0;
   bool quitting_ = false;
   bool inputEnded_ = false;
-
-  const Room room_;
-  std::string guestLink_;
-  PrivateDirectory directory_;
-  std::unique_ptr<JanusServer> janus_;
-  std::unique_ptr<WebServer> web_;
-
-  std::string serviceName_;
-  ServiceOutput serviceOutput_;
-  std::unique_ptr<ServiceProcess> service_;
-  std::optional<ServiceProcess::End> serviceEnd_;
-  bool serviceLost_ = false;
-  std::string lossReason_;
-  Timer serviceTimer_;  // what follows when the service is gone
-  RestartPause pause_;
-  std::string lastLog_;
-  mutable std::mutex clientMutex_;
-  std::shared_ptr<Client> client_;
-
-  GuestBoard board_;
+  bool printLog_;
   bool onAir_ = false;
-  bool recordOnly_ = false;
-  bool offAirAudio_ = false;
-  std::optional<std::string> rejoinAfter_;  // the last guest, who is being removed
-  Timer rejoinTimer_;                       // from their removal to the next join
-  std::atomic<bool> anybodyIn_{false};
-  std::atomic<bool> printLog_;
-  std::deque<std::string> ownLines_;
-  Timer forgetTimer_;
-  TalkLimit talk_;                            // used on the client's queue
-  std::atomic<std::size_t> linesLeftOut_{0};  // since the host was told
-  std::size_t linesSeen_ = 0;                 // of these, when last looked at
-  Timer talkTimer_;
 
-  std::unique_ptr<Show> show_;
+  ServiceOutput serviceOutput_;
+  GuestBoard board_;
   Snapshots snapshots_;
   std::mutex recordingsMutex_;
   std::list<Recording> recordings_;
+  std::unique_ptr<Show> show_;
   std::unique_ptr<Prompt> prompt_;
+  Monitor monitor_;
+  Microphone microphone_{[this](std::span<const std::int16_t> samples) {
+    if (Stage* const stage = playing_) stage->hostSound(samples);
+  }};
+  std::atomic<Stage*> playing_{nullptr};  // for the show's threads, which end before it
+  std::unique_ptr<Stage> stage_;
 };
 
 }  // namespace studio

@@ -87,7 +87,7 @@ void WavRecorder::report(std::string fault) {
   const auto done = std::exchange(done_, nullptr);
   if (!done) return;
   const double seconds = static_cast<double>(taken_) / samplesPerSecond;
-  onMainLoop([done, outcome = Outcome{std::move(fault), seconds}] { done(outcome); });
+  loop_.post([done, outcome = Outcome{std::move(fault), seconds}] { done(outcome); });
 }
 
 }  // namespace studio

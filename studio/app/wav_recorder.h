@@ -10,7 +10,7 @@
 #include <span>
 #include <string>
 
-#include "app/main_loop.h"
+#include "stage/loop.h"
 
 namespace studio {
 
@@ -43,6 +43,7 @@ class WavRecorder {
   GstElement* pipeline_ = nullptr;
   GstElement* source_ = nullptr;
   guint watch_ = 0;
+  Loop loop_;
   Timer limit_;
 };
 

@@ -3,17 +3,18 @@
 import assert from "node:assert/strict";
 import { after, before, test } from "node:test";
 
-import { TONES, comeIn, inState, launch, ringIn, says } from "./support/browser.js";
+import { TONES, comeIn, inState, launch, listenIn, says } from "./support/browser.js";
 import { Studio, isHeard, isSilent } from "./support/studio.js";
 
 let studio, browser;
-let ada, id;
+let ada, guest; // the page, and the guest's number
+let id; // what the seat's own signals call the guest
 
 before(async () => {
   [studio, browser] = await Promise.all([Studio.start("--show", "off"), launch()]);
   ada = await browser.open(studio.link, { name: "Ada" });
   await listenIn(ada);
-  id = await comeIn(ada, studio, "Ada");
+  id = await next("start", async () => (guest = await comeIn(ada, studio, "Ada")));
 });
 
 after(async () => {
@@ -21,22 +22,7 @@ after(async () => {
   await studio?.close();
 });
 
-/** Has the page, which has not rung yet, write down every signal of the room as it comes. */
-async function listenIn(page) {
-  await page.evaluate(async () => {
-    const { Signals } = await import("./signals.js");
-    const { open } = Signals.prototype;
-    window.heard = [];
-    Signals.prototype.open = function (...where) {
-      const { onsignal } = this;
-      this.onsignal = (type, data) => (window.heard.push({ type, data }), onsignal(type, data));
-      window.signals = this;
-      return open.apply(this, where);
-    };
-  });
-}
-
-/** Sends a signal to the room, as it is. */
+/** Sends a signal to Ada's room, as it is. */
 const send = (type, data) => ada.evaluate(([type, data]) => window.signals.send(type, data), [type, data]);
 
 /** Forgets what came, has `act` done, and resolves with the data of the next signal of the type. */
@@ -50,12 +36,10 @@ async function next(type, act) {
 const nextJson = async (type, act) => JSON.parse(await next(type, act));
 
 test("a guest whom the host mutes is silent at the source and told so", async () => {
-  const muted = studio.now;
-  studio.say(`mute ${id}`);
+  studio.say(`mute ${guest}`);
   await says(ada, "#own", /host has switched your microphone off/);
   await says(ada, "#mute", /by the host/);
-  await studio.report("hasAudioChanged", { hasAudio: false }, muted);
-  await studio.guests("a muted guest is silent", isSilent);
+  await studio.guest(guest, "a muted guest is silent", (row) => row.muted && isSilent(row));
   assert.equal(
     await ada.evaluate(() => document.querySelector("#self").srcObject.getAudioTracks()[0].enabled),
     false,
@@ -64,26 +48,25 @@ test("a guest whom the host mutes is silent at the source and told so", async ()
   // The guest cannot take the host's mute off, and the host does not take off the guest's own.
   await ada.click("#mute", { force: true });
   await says(ada, "#mute", /by the host/);
-  const unmuted = studio.now;
-  studio.say(`unmute ${id}`);
+  studio.say(`unmute ${guest}`);
   await says(ada, "#own", /^$/);
-  await studio.report("hasAudioChanged", { hasAudio: true }, unmuted);
-  await studio.guests("a guest is heard again", isHeard);
+  await studio.guest(guest, "a guest is heard again", (row) => row.microphone === "on" && isHeard(row));
   await ada.click("#mute");
   await says(ada, "#own", /You have switched/);
-  await studio.guests("a guest who muted is silent", isSilent);
+  const isOff = (row) => row.microphone === "off" && !row.muted && isSilent(row);
+  await studio.guest(guest, "a guest who muted is silent", isOff);
   await ada.click("#mute");
 });
 
 test("the green room, the air and off-air audio decide what guests are told and who is heard", async () => {
   const recorded = { broadcastIsLive: true, recordOnly: true };
   const rows = [
-    [`live ${id}`, "standby", isHeard, { on: true }, {}],
+    [`live ${guest}`, "standby", isHeard, { on: true }, {}],
     ["golive", "on-air", isHeard, { on: true }, { broadcastIsLive: true }],
     ["record", "recorded", isHeard, { on: true }, recorded],
     ["offair on", "recorded", isHeard, { on: true, offAirAudio: true }, recorded],
-    [`greenroom ${id}`, "off-air", isHeard, { offAirAudio: true }, recorded],
-    ["offair off", "green-room", ({ level }) => level === null, {}, recorded],
+    [`greenroom ${guest}`, "off-air", isHeard, { offAirAudio: true }, recorded],
+    ["offair off", "green-room", isSilent, {}, recorded],
     ["endshow", "green-room", isHeard, {}, {}],
   ];
   for (const [command, state, fits, flags, show] of rows) {
@@ -91,28 +74,19 @@ test("the green room, the air and off-air audio decide what guests are told and 
     const entry = { id, on: false, remoteMuted: false, offAirAudio: false, ...flags };
     assert.deepEqual(told, { broadcastIsLive: false, recordOnly: false, ...show, subs: [entry] }, command);
     await inState(ada, state);
-    await studio.guests(`the level after "${command}"`, fits);
+    await studio.guest(guest, `the level after "${command}"`, fits);
   }
-
-  const bob = await browser.open(studio.link, { name: "Bob" });
-  const bobId = await ringIn(bob, studio, "Bob");
-  assert.equal(await next("start", () => studio.say(`admit ${bobId}`)), bobId);
-  await inState(bob, "green-room");
-  assert.equal(await next("stop", () => studio.say(`remove ${bobId}`)), bobId);
-  await inState(bob, "lobby");
-  await inState(ada, "green-room");
-  await bob.context().close();
 });
 
 test("a guest's sound is folded to mono when the guest asks for it", async () => {
-  await studio.guests("the guest is heard", isHeard);
-  const [left, right] = await studio.listen(id, TONES);
+  await studio.guest(guest, "is heard", isHeard);
+  const [left, right] = await studio.listen(guest, TONES);
   assert.ok(left[0] > 0.8 && left[1] < 0.05 && right[1] > 0.8, `stereo: ${left}; ${right}`);
   await ada.click("#settings");
   assert.deepEqual(await nextJson("mono", () => ada.check("#mono")), { mono: "yes" });
   for (let tries = 0; ; tries++) {
     // The wish takes its time to arrive.
-    const [mixed] = await studio.listen(id, TONES);
+    const [mixed] = await studio.listen(guest, TONES);
     if (mixed.every((part) => part > 0.35)) break;
     assert.ok(tries < 5, `mono: ${mixed}`);
   }
@@ -151,30 +125,41 @@ test("viewer counts, comments, favourites and preferences reach the page", async
   await says(ada, "#title", /^Friday night$/);
 });
 
-test("chat goes both ways, and nobody reads a line twice", async () => {
+test("chat goes round under the seats' names, to latecomers too, and nobody reads a line twice", async () => {
+  const shows = (page, { uuid }, line) => says(page, `#chat [data-uuid="${uuid}"]`, line);
   const told = await nextJson("chat", () => studio.say("chat Host: Welcome: <b>all</b>"));
   assert.deepEqual(told, { name: "Host", text: "Welcome: <b>all</b>", uuid: told.uuid });
   await studio.report("chatSent", { uuid: told.uuid });
-  await says(ada, `#chat [data-uuid="${told.uuid}"] .what`, /^Welcome: <b>all<\/b>$/);
+  await shows(ada, told, /^Host\d.*Welcome: <b>all<\/b>$/);
 
-  const before = studio.now;
+  // Bob's room is another one: of what he is told nothing reaches Ada's.
+  await ada.evaluate(() => (window.heard.length = 0));
+  const bob = await browser.open(studio.link, { name: "Bob" });
+  await comeIn(bob, studio, "Bob");
+  await shows(bob, told, /^Host\d.*Welcome/);
+  assert.deepEqual(await ada.evaluate(() => window.heard), []);
+
   const own = await nextJson("chat", async () => {
     await ada.fill("#chat-text", "Hello „studio“ <b>");
     await ada.press("#chat-text", "Enter");
   });
   assert.match(own.uuid, /^[0-9A-F-]{36}$/);
-  const { message, name, uuid } = await studio.report("chat", { uuid: own.uuid }, before);
+  const { message, name, uuid } = await studio.report("chat", { guest, uuid: own.uuid });
   assert.deepEqual({ text: message, name, uuid }, own);
   assert.deepEqual(own, { text: "Hello „studio“ <b>", name: "Ada", uuid });
+  await shows(bob, own, /^Ada\d.*Hello „studio“ <b>$/);
 
-  // A page that sends no uuid has its line given one by the service.
-  await send("chat", '{"name": "Ada", "text": "No uuid"}');
-  const given = await studio.report("chat", { message: "No uuid" });
-  assert.match(given.uuid, /^GUEST_[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$/);
+  // Whatever the signal says: another's name, and another line's uuid or none.
+  for (const line of [{ text: "Not the host", uuid: told.uuid }, { text: "No uuid" }]) {
+    await send("chat", JSON.stringify({ name: "Host", ...line }));
+    const given = await studio.report("chat", { guest, message: line.text, name: "Ada" });
+    assert.match(given.uuid, /^(GUEST_)?[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$/);
+    await shows(bob, given, new RegExp(`^Ada\\d.*${line.text}$`));
+  }
+  await shows(bob, told, /^Host\d.*Welcome/);
 
   // By the time that this line has come back, so has the guest's own.
-  const last = await studio.ask("chat Host: Last", "chatSent");
-  await ada.waitForSelector(`#chat [data-uuid="${last.uuid}"]`);
+  await shows(ada, await studio.ask("chat Host: Last", "chatSent"), /Last$/);
   const lines = await ada.locator("#chat .said .what").allTextContents();
   assert.equal(lines.filter((line) => line.startsWith("Hello")).length, 1);
 });

@@ -74,7 +74,7 @@ export async function publish({ as, type, width, height }) {
   oscillator.start();
   media.addTrack(sink.stream.getAudioTracks()[0]);
   me.descriptions = { video: `${type} ${width}x${height}`, audio: "on" };
-  await me.publisher.publish(media, ({ kind }) => me.descriptions[kind]);
+  await me.publisher.publish(media, ["video", "audio"], (kind) => me.descriptions[kind]);
 }
 
 // Something has to change, else no frames are captured.
@@ -129,7 +129,7 @@ export function sendText({ as, text }) {
 export async function watch({ as }) {
   const me = participants.get(as);
   while (me.others.size !== 1) await new Promise((resolve) => (me.changed = resolve));
-  const subscriber = new Subscriber(...me.others);
+  const subscriber = new Subscriber(...me.others, ["audio", "video"]);
   await subscriber.open(me.session, me.link);
   me.video = Object.assign(document.createElement("video"), { srcObject: subscriber.stream, muted: true });
   me.video.play(); // begins with the first picture

@@ -1,5 +1,5 @@
 // What a browser, and whoever is no browser, gets from the guests' port.
-#include "app/web_server.h"
+#include "stage/web_server.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,8 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -17,17 +19,20 @@
 #include <vector>
 
 #include "run_until.h"
+#include "stage/lobby_socket.h"
+#include "stage/relay_rules.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using studio::LobbySocket;
 using studio::WebServer;
 using testing::HasSubstr;
 
 constexpr char address[] = "127.0.0.1";
 const char* protocols[] = {"janus-protocol", nullptr};
 
-class WebServerTest : public testing::Test {
+class WebServerTest : public testing::Test, public WebServer::Listener, public LobbySocket::Listener {
  protected:
   WebServerTest() : session_(soup_session_new()), janus_(soup_server_new(nullptr, nullptr)) {
     fs::create_directories(directory_ / "page/parts");
@@ -49,11 +54,13 @@ class WebServerTest : public testing::Test {
     const int port = g_uri_get_port(static_cast<GUri*>(uris->data));
     g_slist_free_full(uris, reinterpret_cast<GDestroyNotify>(g_uri_unref));
     server_.emplace(WebServer::Settings{address, 0, directory_ / "page",
-                                        "ws://127.0.0.1:" + std::to_string(port), "", ""});
+                                        "ws://127.0.0.1:" + std::to_string(port), "", ""},
+                    *this);
     url_ = server_->pageUrl();
   }
   ~WebServerTest() override {
     server_.reset();
+    pages_.clear();
     g_object_unref(janus_);
     g_object_unref(session_);
   }
@@ -81,18 +88,51 @@ class WebServerTest : public testing::Test {
     return {static_cast<int>(soup_message_get_status(message)), policy ? policy : ""};
   }
 
-  // Connects to /janus; null when that is refused.
-  SoupWebsocketConnection* connect(const char* origin) {
-    g_autoptr(SoupMessage) message = soup_message_new("GET", ("ws" + url_.substr(4) + "janus").c_str());
-    g_autoptr(GAsyncResult) result = nullptr;
-    soup_session_websocket_connect_async(session_, message, origin, const_cast<char**>(protocols),
-                                         G_PRIORITY_DEFAULT, nullptr, finish, &result);
-    EXPECT_TRUE(runUntil([&] { return result != nullptr; }));
+  // Connects to /janus with a seat's key, or to /lobby; null when that is refused.
+  SoupWebsocketConnection* connect(const char* origin, const std::string& key = "good") {
+    return connected(asked(origin, key.empty() ? "lobby" : "janus", key));
+  }
+  struct Request {
+    GAsyncResult* result = nullptr;
+  };
+  std::unique_ptr<Request> asked(const char* origin, const std::string& path, const std::string& key) {
+    g_autoptr(SoupMessage) message = soup_message_new("GET", ("ws" + url_.substr(4) + path).c_str());
+    const std::string seat = "seat." + key;
+    const char* names[] = {key.empty() ? "zarvo-lobby" : protocols[0], key.empty() ? nullptr : seat.c_str(),
+                           nullptr};
+    auto request = std::make_unique<Request>();
+    soup_session_websocket_connect_async(session_, message, origin, const_cast<char**>(names),
+                                         G_PRIORITY_DEFAULT, nullptr, finish, &request->result);
+    return request;
+  }
+  SoupWebsocketConnection* connected(const std::unique_ptr<Request>& request) {
+    EXPECT_TRUE(runUntil([&] { return request->result != nullptr; }));
+    g_autoptr(GAsyncResult) result = request->result;
     return soup_session_websocket_connect_finish(session_, result, nullptr);
   }
   static bool untilClosed(SoupWebsocketConnection* end) {
     return runUntil([&] { return soup_websocket_connection_get_state(end) == SOUP_WEBSOCKET_STATE_CLOSED; });
   }
+
+  std::optional<std::uint32_t> seatOf(std::string_view key) override {
+    if (key == "good") return 1;
+    if (key == "bare") return ++lastBare_;  // each has a seat of its own
+    return key == "other" ? std::optional<std::uint32_t>(2) : std::nullopt;
+  }
+  void onPage(SoupWebsocketConnection* connection, const std::string& from) override {
+    pages_.push_back(std::make_unique<LobbySocket>(connection, from, *this));
+  }
+  void onAsk(LobbySocket& page, const std::string& invitation, const std::string& name) override {
+    heard_.push_back("ask " + invitation + " " + name + " from " + page.address());
+  }
+  void onReturn(LobbySocket&, const std::string& key) override { heard_.push_back("return " + key); }
+  void onPageState(LobbySocket&, const studio::PageState& state) override {
+    const auto flag = [](std::optional<bool> set) { return !set ? "-" : *set ? "yes" : "no"; };
+    heard_.push_back(std::string("state ") + flag(state.hidden) + " " + state.camera.value_or("-") + " " +
+                     state.microphone.value_or("-") + " " + flag(state.echo));
+  }
+  void onLeave(LobbySocket&) override { heard_.push_back("leave"); }
+  void onClosed(LobbySocket&) override { heard_.push_back("closed"); }
 
   int port() const { return std::stoi(url_.substr(url_.rfind(':') + 1)); }
 
@@ -100,6 +140,9 @@ class WebServerTest : public testing::Test {
   SoupSession* session_;
   SoupServer* janus_;
   std::vector<SoupWebsocketConnection*> atJanus_;
+  std::vector<std::unique_ptr<LobbySocket>> pages_;
+  std::vector<std::string> heard_;
+  std::uint32_t lastBare_ = 100;
   std::optional<WebServer> server_;
   std::string url_;
 };
@@ -131,11 +174,137 @@ TEST_F(WebServerTest, EitherEndOfTheRelayClosesTheOther) {
   }
 }
 
-TEST_F(WebServerTest, PagesFromElsewhereDoNotReachTheSession) {
+TEST_F(WebServerTest, OnlyWhoHasASeatReachesTheSession) {
   for (const char* origin : {"http://evil.example", "http://127.0.0.1:1", "null"}) {
     EXPECT_FALSE(connect(origin)) << origin;
+    EXPECT_FALSE(connect(origin, "")) << origin;
   }
+  for (const char* key : {"bad", "good2", "goo", " good"}) EXPECT_FALSE(connect(nullptr, key)) << key;
   EXPECT_TRUE(atJanus_.empty());
+  EXPECT_TRUE(pages_.empty());
+
+  // Four connections a seat, also where many are asked for at once.
+  std::vector<std::unique_ptr<Request>> requests;
+  for (int each = 0; each < 20; ++each) requests.push_back(asked(nullptr, "janus", "good"));
+  std::vector<SoupWebsocketConnection*> open;
+  for (const auto& request : requests) {
+    if (SoupWebsocketConnection* const guest = connected(request)) open.push_back(guest);
+  }
+  const auto stillOpen = [&] {
+    return std::count_if(open.begin(), open.end(), [](auto* guest) {
+      return soup_websocket_connection_get_state(guest) == SOUP_WEBSOCKET_STATE_OPEN;
+    });
+  };
+  EXPECT_TRUE(runUntil([&] { return stillOpen() == 4 && atJanus_.size() == 4; }));
+  g_autoptr(SoupWebsocketConnection) other = connect(nullptr, "other");
+  EXPECT_TRUE(other) << "one seat's guest takes nothing from another's";
+  server_->closeSeat(1);
+  EXPECT_TRUE(runUntil([&] { return stillOpen() == 0; }));
+  EXPECT_EQ(soup_websocket_connection_get_state(other), SOUP_WEBSOCKET_STATE_OPEN);
+  for (SoupWebsocketConnection* guest : open) g_object_unref(guest);
+}
+
+TEST_F(WebServerTest, ThePageTalksWithTheLobbyWithinBounds) {
+  const auto page = [&] {
+    SoupWebsocketConnection* const made = connect(nullptr, "");
+    EXPECT_TRUE(made);
+    heard_.clear();
+    return made;
+  };
+  const auto heard = [&](std::size_t count) {
+    EXPECT_TRUE(runUntil([&] { return heard_.size() >= count; }));
+    return std::exchange(heard_, {});
+  };
+  const auto say = soup_websocket_connection_send_text;
+  {
+    g_autoptr(SoupWebsocketConnection) guest = page();
+    say(guest, R"({"ask":{"invite":"i","name":"Ann"}})");
+    say(guest, R"({"ask":5,"name":[],"news":{}})");
+    say(guest, R"({"ask":{"invite":{},"name":7}})");
+    say(guest, R"({"return":{"key":"k"}})");
+    say(guest, R"({"state":{"hidden":true,"camera":"lost","microphone":"<b>","echo":"yes"}})");
+    say(guest, R"({"leave":{}})");
+    EXPECT_THAT(heard(5), testing::ElementsAre("ask i Ann from 127.0.0.1", "ask   from 127.0.0.1", "return k",
+                                               "state yes lost - -", "leave"));
+  }
+  const std::string deep(4000, '[');
+  const std::string large = R"({"ask":{"name":")" + std::string(5000, 'x') + "\"}}";
+  for (const std::string& broken : {std::string("no JSON"), std::string("[]"), deep, large}) {
+    g_autoptr(SoupWebsocketConnection) guest = page();
+    say(guest, broken.c_str());
+    EXPECT_THAT(heard(1), testing::ElementsAre("closed")) << broken.substr(0, 20);
+  }
+  g_autoptr(SoupWebsocketConnection) fast = page();
+  for (int each = 0; each < 50; ++each) say(fast, R"({"return":{"key":"k"}})");
+  EXPECT_TRUE(untilClosed(fast));
+  EXPECT_LE(std::count(heard_.begin(), heard_.end(), "return k"), 20);
+}
+
+TEST(RelayRules, AGuestHasOneSessionAConnectionAndFewHandles) {
+  using studio::RelayRules;
+  using studio::SeatSessions;
+  RelayRules::Time now{std::chrono::hours(1)};
+  const auto seat = std::make_shared<SeatSessions>();
+  const auto with = [](const char* verb, const std::string& more = {}) {
+    return std::string(R"({"janus":")") + verb + "\"" + more + "}";
+  };
+  const std::string own = R"(,"session_id":7)";
+  const std::string attach = own + R"(,"plugin":"janus.plugin.videoroom")";
+  RelayRules rules(seat);
+  EXPECT_FALSE(RelayRules(seat).allows(with("claim", own), now)) << "no session of this seat's";
+  EXPECT_FALSE(rules.allows(with("keepalive"), now));
+  EXPECT_TRUE(rules.allows(with("create"), now));
+  EXPECT_FALSE(rules.allows(with("create"), now));
+  rules.answered(R"({"janus":"success","transaction":"x","data":{"id":7}})");
+  EXPECT_EQ(rules.session(), 7u);
+
+  for (const char* verb : {"keepalive", "message", "trickle", "hangup", "detach"}) {
+    EXPECT_TRUE(rules.allows(with(verb, own), now)) << verb;
+    EXPECT_FALSE(rules.allows(with(verb, R"(,"session_id":8)"), now)) << verb;
+    EXPECT_FALSE(rules.allows(with(verb, R"(,"session_id":"7")"), now)) << verb;
+  }
+  for (const char* verb : {"info", "ping", "create", "claim", "list_sessions", "CREATE", ""}) {
+    EXPECT_FALSE(rules.allows(with(verb, own), now)) << verb;
+  }
+  EXPECT_FALSE(rules.allows(with("attach", own + R"(,"plugin":"janus.plugin.echotest")"), now));
+  for (const std::string& broken : {std::string("null"), std::string("7"), std::string(R"({"janus":{}})"),
+                                    std::string(65'536, '['), R"({"janus":)" + std::string(60'000, '[')}) {
+    EXPECT_FALSE(rules.allows(broken, now)) << broken.substr(0, 20);
+    rules.answered(broken);
+  }
+
+  for (int handle = 0; handle < SeatSessions::mostHandles; ++handle) {
+    EXPECT_TRUE(rules.allows(with("attach", attach), now));
+  }
+  EXPECT_TRUE(rules.allows(with("detach", own + R"(,"handle_id":99)"), now));
+  EXPECT_FALSE(rules.allows(with("attach", attach), now)) << "nothing says that the handle was one";
+  rules.answered(R"({"janus":"event","note":"\"detached\"","session_id":7})");
+  EXPECT_FALSE(rules.allows(with("attach", attach), now));
+  rules.answered(R"({"janus":"detached","session_id":7,"sender":99})");
+  EXPECT_TRUE(rules.allows(with("attach", attach), now));
+
+  // What lost its connection is claimed by the next, handles and all, and counts while the server keeps it.
+  rules.leave(now);
+  RelayRules next(seat);
+  EXPECT_TRUE(next.allows(with("claim", own), now));
+  EXPECT_FALSE(next.allows(with("create"), now));
+  EXPECT_FALSE(next.allows(with("attach", attach), now));
+  const auto sessions = [&](int first) {
+    int made = 0;
+    for (int id = first; id < first + 100; ++id) {
+      RelayRules each(seat);
+      if (!each.allows(with("create"), now)) continue;
+      each.answered(R"({"janus":"success","data":{"id":)" + std::to_string(id) + "}}");
+      each.leave(now);
+      ++made;
+    }
+    return made;
+  };
+  EXPECT_EQ(sessions(100), 7);
+  now += std::chrono::minutes(1);
+  EXPECT_EQ(sessions(300), 7) << "the one that is still connected counts";
+  EXPECT_TRUE(next.allows(with("destroy", own), now));
+  EXPECT_FALSE(RelayRules(seat).allows(with("claim", own), now));
 }
 
 // A guest who is no browser and sends what frames it likes.
@@ -147,10 +316,11 @@ class BareGuest {
     to.sin_port = htons(static_cast<std::uint16_t>(port));
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ::connect(socket_, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    send("GET /janus HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
-         "\r\nConnection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
-         "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Protocol: janus-protocol\r\n"
-         "Sec-WebSocket-Extensions: permessage-deflate\r\n\r\n");
+    send(
+        "GET /janus HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+        "\r\nConnection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
+        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Protocol: janus-protocol, seat.bare\r\n"
+        "Sec-WebSocket-Extensions: permessage-deflate\r\n\r\n");
     EXPECT_TRUE(runUntil([&] { return read().ends_with("\r\n\r\n"); }));
   }
   ~BareGuest() { close(socket_); }
@@ -223,9 +393,10 @@ TEST_F(WebServerTest, NoFramesOfAGuestsTakeMemoryOrReachJanusBeyondTheLimit) {
   {
     auto [guest, peer] = guestWithJanus();
     EXPECT_THAT(guest->read(), testing::Not(HasSubstr("permessage-deflate")));
-    guest->frame(1, std::string(limit - 1, 'x'));
+    const std::string message = R"({"janus":"create","why":")";
+    guest->frame(1, message + std::string(limit - message.size() - 2, 'x'));
     guest->frame(last | 9, "a ping between");
-    guest->frame(last, "y");
+    guest->frame(last, "\"}");
     EXPECT_TRUE(runUntil([&] { return largest == limit; })) << "what is just not too long arrives";
     guest->frame(1, "a message that does not end");
     for (int frames = 0; frames < 1000 && !guest->closed(); ++frames)

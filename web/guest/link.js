@@ -1,11 +1,14 @@
 // The link that brought the guest here, and where the session's server is.
 
 /**
- * Reads `#room=...&token=...`: behind the number sign neither reaches a server's log. The same words
- * are understood behind a question mark. Null when either is missing.
+ * Reads `#invite=...`, with which the lobby gives a seat, or `#room=...&token=...`, which is a room itself:
+ * behind the number sign neither reaches a server's log. The same words are understood behind a question
+ * mark. Null when something is missing.
  */
 export function readLink({ hash, search }) {
   const words = new URLSearchParams(hash.slice(1) || search.slice(1));
+  const invite = words.get("invite");
+  if (invite) return { invite };
   const room = words.get("room");
   const token = words.get("token");
   return room && token ? { room, token } : null;
@@ -16,9 +19,14 @@ export async function readConfig(location) {
   const answer = await fetch(new URL("config.json", location.href), { cache: "no-store" });
   if (!answer.ok) throw new Error(`config.json: ${answer.status}`);
   const { server, iceServers = [] } = await answer.json();
-  const url = new URL(server, location.href);
+  return { url: socketUrl(server, location), iceServers };
+}
+
+/** The address of a WebSocket that may be named by a path beside the page. */
+export function socketUrl(server, { href }) {
+  const url = new URL(server, href);
   if (url.protocol.startsWith("http")) url.protocol = url.protocol === "https:" ? "wss:" : "ws:";
-  return { url: url.href, iceServers };
+  return url.href;
 }
 
 const VIDEOROOM_NO_SUCH_ROOM = 426;

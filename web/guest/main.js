@@ -1,155 +1,83 @@
 // The guests' page: joins what the guest does, what the room tells and what the page shows.
 
-import { explain as explainLink, readConfig, readLink } from "./link.js";
+import { keepAwake } from "./awake.js";
+import { Devices } from "./devices.js";
+import { explain as explainLink, readConfig, readLink, socketUrl } from "./link.js";
 import { oncePerFrame } from "./frame.js";
-import {
-  explain as explainMedia,
-  isThere,
-  LevelMeter,
-  listDevices,
-  openCamera,
-  openScreen,
-  openTrack,
-  secure,
-} from "./media.js";
+import { forgetSeat, keepChoices, keepSeat, leaveSeat, readChoices, seatOfGuest, seatOfTab } from "./kept.js";
+import { Lobby, explainRefusal } from "./lobby.js";
+import { openScreen } from "./media.js";
 import { readPreferences, readableOn } from "./preferences.js";
 import { Room } from "./room.js";
 import { parse } from "./signals.js";
 import * as show from "./state.js";
 import { Talk, sendLines } from "./talk.js";
 
-const LEVEL_TIME = 100;
-const LOOK_TIME = 1_000;
-const STORED = "guest";
-
 const page = new Proxy({}, { get: (_, id) => document.getElementById(id) });
 const link = readLink(location);
-const meter = new LevelMeter();
 const chat = new Talk(page.chat, (mark) => signal("fav", mark));
 const comments = new Talk(page.comments, (mark) => signal("fav", mark));
 
 let state = show.initial;
 let preferences = {}; // the studio's
 let name = "";
-let stream = null; // the guest's camera and microphone
+let lobby = null; // where the link is an invitation
+let seatKey = null; // of the seat that the guest has, or had
 let room = null;
+let returning = false; // to a seat, by itself
 let attempt = 0; // counts the rings, to tell whether one was given up meanwhile
-
-// ---- The guest's choices, kept for the next visit --------------------------
-
-function readStored() {
-  try {
-    return parse(localStorage.getItem(STORED));
-  } catch {
-    return {}; // the browser keeps nothing for this page
-  }
-}
-
-function store() {
-  const { camera, microphone, original } = wishes();
-  try {
-    localStorage.setItem(
-      STORED,
-      JSON.stringify({ name, camera, microphone, original, mono: page.mono.checked }),
-    );
-  } catch {
-    // as above
-  }
-}
-
-function wishes() {
-  return { camera: page.camera.value, microphone: page.microphone.value, original: page.original.checked };
-}
 
 // ---- Camera and microphone -------------------------------------------------
 
-async function prepare() {
-  fault("");
-  page.retry.hidden = true;
+const devices = new Devices(page, {
+  opened() {
+    page.ring.disabled = false;
+    comeBack();
+  },
+  track(track) {
+    apply();
+    room?.replaceTrack(track);
+  },
+  chosen: store,
+  standing: (standing) => update(show.seen(state, standing)),
+  fault(words, canTry) {
+    fault(words);
+    page.retry.hidden = !canTry;
+    page.ring.disabled = words !== "" || !devices.stream;
+  },
+  notice,
+});
+
+function prepare() {
   if (!link) return fault("This link is not complete. Open the whole link that the host has sent you.");
-  if (!secure()) return fault("Your browser gives no camera to this page. Open it with https:// in front.");
-  say(page["self-wait"], "Your browser asks for your camera and microphone. Please allow both.");
-  try {
-    stream = await openCamera(stream ? wishes() : readStored());
-  } catch (error) {
-    say(page["self-wait"], "No camera");
-    page.retry.hidden = false;
-    return fault(explainMedia(error));
-  }
-  say(page["self-wait"], "");
-  page.self.srcObject = stream;
-  page.ring.disabled = false;
-  for (const track of stream.getTracks()) adopt(track);
-  await fillDevices();
+  devices.open(readChoices());
 }
 
-function adopt(track) {
-  if (track.kind === "audio") meter.listen(track);
-  // The device was pulled out: go on with another.
-  track.onended = () => change(track.kind);
-  track.onmute = track.onunmute = lookAtDevices;
-  lookAtDevices();
-  apply();
+function store() {
+  keepChoices({ name: page.name.value.trim(), ...devices.wishes, mono: page.mono.checked });
 }
 
-function lookAtDevices() {
-  if (!stream) return;
-  const microphone = !isThere(stream, "audio") ? "gone" : meter.silent ? "silent" : "on";
-  update(show.seen(state, { microphone, camera: isThere(stream, "video") ? "on" : "gone" }));
-}
-
-async function fillDevices() {
-  const devices = await listDevices();
-  for (const kind of ["camera", "microphone"]) {
-    const track = (kind === "camera" ? stream.getVideoTracks() : stream.getAudioTracks())[0];
-    const current = track?.getSettings().deviceId;
-    page[kind].replaceChildren(
-      ...devices[kind].map(({ id, label }) => new Option(label, id, false, id === current)),
-    );
-  }
-}
-
-/** Puts the device that is chosen now in the place of the one before, also in mid-show. */
-async function change(kind) {
-  // First let go of the one before: a phone opens only one camera at a time.
-  for (const old of stream.getTracks().filter((each) => each.kind === kind)) {
-    old.onended = null;
-    old.stop();
-    stream.removeTrack(old);
-  }
-  try {
-    const track = await openTrack(kind, wishes());
-    stream.addTrack(track);
-    adopt(track);
-    await room?.replaceTrack(track);
-    fault("");
-  } catch (error) {
-    fault(explainMedia(error));
-    page.retry.hidden = false;
-    page.ring.disabled = true;
-  }
-  lookAtDevices();
-  await fillDevices();
-  store();
-}
-
-// ---- The room --------------------------------------------------------------
+// ---- The way in -------------------------------------------------------------
 
 async function ring() {
   name = page.name.value.trim();
   if (!name || state.phase !== "lobby") return;
   store();
-  meter.resume();
+  devices.meter.resume();
+  allowSound();
   fault("");
   notice("");
   update(show.connecting(state));
+  if (link.invite) {
+    seatKey = seatOfGuest(link.invite, name);
+    if (seatKey) openLobby().comeBack(seatKey);
+    else openLobby().ask(link.invite, name);
+    return;
+  }
   const mine = ++attempt;
   try {
     const config = await readConfig(location);
-    if (attempt !== mine) return;
-    room = new Room({ ...link, ...config }, name, events);
-    apply();
-    room.enter(stream);
+    if (attempt === mine) enter({ ...link, ...config });
   } catch {
     if (attempt !== mine) return;
     leave();
@@ -157,44 +85,114 @@ async function ring() {
   }
 }
 
+// A page that was reloaded goes back to its seat by itself.
+function comeBack() {
+  if (!link.invite || state.phase !== "lobby") return;
+  seatKey = seatOfTab(link.invite);
+  if (!seatKey) return;
+  notice("You are coming back to your place in the show.");
+  update(show.connecting(state));
+  returning = true;
+  openLobby().comeBack(seatKey);
+}
+
+function openLobby() {
+  lobby?.close();
+  lobby = new Lobby(socketUrl("lobby", location), lobbyEvents);
+  tellLobby();
+  return lobby;
+}
+
+function enter(way) {
+  room = new Room(way, name, events);
+  apply();
+  room.enter(devices.stream, { patient: returning });
+}
+
+/** Back to where the guest rings. `now`: the page itself goes away, and perhaps comes back. */
 function leave(words = "", now = false) {
   attempt++;
   room?.close(now);
-  room = null;
-  page.show.srcObject = null;
+  lobby?.close();
+  room = lobby = null;
+  returning = false;
+  page.show.srcObject = page.sound.srcObject = null;
+  page.show.removeAttribute("poster");
   update(show.left(state));
   notice(words);
 }
 
+const lobbyEvents = {
+  seat({ key, name: called, room: id, token, server, iceServers }) {
+    seatKey = key;
+    keepSeat({ invite: link.invite, name: page.name.value.trim(), key });
+    name = called;
+    update({ ...state, seated: true });
+    const way = { url: socketUrl(server, location), room: id, token, iceServers, seatKey: key };
+    if (room) room.move(way);
+    else enter(way);
+  },
+  program: (program) => update({ ...state, program }),
+  recording: (recording) => update({ ...state, recording }),
+  alone: (alone) => update({ ...state, alone }),
+  removed: takenOut,
+  refused(reason) {
+    const unknown = reason === "seat" && !state.seated;
+    if (reason === "elsewhere") leaveSeat();
+    else if (reason === "seat") forgetSeat(seatKey);
+    // The seat of an earlier visit is gone: another will do.
+    if (unknown && !returning) return openLobby().ask(link.invite, name);
+    leave();
+    fault(explainRefusal(reason));
+  },
+};
+
+function takenOut() {
+  forgetSeat(seatKey);
+  leave("The host has taken you out of the show. Thank you for being there! You can ring again.");
+}
+
+// ---- The room --------------------------------------------------------------
+
 const events = {
-  entered: (streamId) => update(show.entered(state, streamId)),
+  entered(streamId) {
+    if (returning) notice("");
+    update(show.entered(state, streamId));
+  },
   screenId: (screenId) => update(show.screen(state, screenId)),
   lost: () => update(show.lost(state)),
-  mended: () => update(show.mended(state)),
+  mended() {
+    update(show.mended(state));
+    lobby?.connectAnew();
+  },
   showEnded: () => update(show.showEnded(state)),
   flows: (flows) => update(show.seen(state, { flows })),
-  show(picture) {
-    page.show.srcObject = picture;
-    if (picture) play();
-    draw();
-  },
+  show: (stream) => play(link.invite ? page.sound : page.show, stream),
+  program: (stream) => play(page.show, stream),
   refused(error) {
+    lobby?.leave();
+    forgetSeat(seatKey);
     leave();
     fault(explainLink(error));
   },
   signal(type, data, from) {
     if (show.takesOut(state, type, data)) {
-      leave("The host has taken you out of the show. Thank you for being there! You can ring again.");
+      takenOut();
       return;
     }
     update(show.signalled(state, type, data, from));
     if (type === "start") askForMono();
-    else if (type === "comment") comments.receive(data, from);
-    else if (type === "chat") chat.receive(data, from);
+    else if (type === "comment") comments.receive(data, writerOf(data, from));
+    else if (type === "chat") chat.receive(data, writerOf(data, from));
     else if (type === "fav") for (const talk of [chat, comments]) talk.receiveMark(data);
     else if (type === "prefUpdate") prefer(readPreferences(parse(data)));
   },
 };
+
+// In a seat all lines come from the studio, which goes by the writers' names.
+function writerOf(data, from) {
+  return link.invite ? String(parse(data).name).slice(0, 100) : from;
+}
 
 function signal(type, payload) {
   return room?.signal(type, JSON.stringify(payload)) ?? false;
@@ -242,10 +240,23 @@ function update(next) {
 function apply() {
   // Switched off at its source; in the lobby the microphone is open for the level meter.
   const open = show.microphoneOpen(state);
-  for (const track of stream?.getAudioTracks() ?? []) track.enabled = open || state.phase === "lobby";
+  for (const track of devices.stream?.getAudioTracks() ?? []) track.enabled = open || state.phase === "lobby";
   room?.setSends("audio", open && state.microphone !== "gone");
   room?.setSends("video", state.camera !== "gone");
   room?.watch(state.admitted);
+  room?.watchProgram(state.program);
+  room?.setInStep(!state.live);
+  keepAwake(state.phase === "in" || state.phase === "lost");
+  tellLobby();
+}
+
+// What the host is to know of this page.
+function tellLobby() {
+  lobby?.tell({
+    hidden: document.hidden,
+    camera: state.camera === "gone" ? "lost" : "on",
+    microphone: state.microphone === "gone" ? "lost" : show.isQuiet(state) ? "off" : "on",
+  });
 }
 
 // What the guest sees follows with the next picture, however many signals come until then.
@@ -259,12 +270,15 @@ const draw = oncePerFrame(() => {
   // The lobby has no button that would take the guest's own mute off.
   const told = inRoom ? state : { ...state, selfMuted: false };
   const own = [show.describeMicrophone, show.describeCamera, show.describeScreen].map((of) => of(told));
+  own.push(show.describeAlone(state));
   say(page.own, own.filter(Boolean).join(" "));
   drawPreferences();
   document.title = title ? `${title} - ${page.title.textContent}` : page.title.textContent;
 
   page.show.hidden = !page.show.srcObject;
-  page["show-wait"].hidden = Boolean(page.show.srcObject);
+  const shown = state.seated ? page.show.videoWidth > 0 : Boolean(page.show.srcObject);
+  say(page["show-wait"], show.describePicture(state, shown));
+  page.recording.hidden = !state.recording;
   page.viewers.hidden = state.viewers === null;
   say(page.viewers, state.viewers === null ? "" : `${state.viewers} watching`);
 
@@ -308,11 +322,35 @@ function notice(words) {
   say(page.notice, words);
 }
 
-function play() {
-  page.show.play().then(
+function play(element, stream) {
+  if (stream) keepPicture(element);
+  element.srcObject = stream;
+  if (stream) hear();
+  draw();
+}
+
+// The last picture stands until the new stream has its first: an element with another stream is black at first.
+function keepPicture(video) {
+  if (!video.videoWidth) return;
+  const canvas = document.createElement("canvas");
+  canvas.width = video.videoWidth;
+  canvas.height = video.videoHeight;
+  canvas.getContext("2d").drawImage(video, 0, 0);
+  video.poster = canvas.toDataURL("image/jpeg");
+}
+
+// Where the browser plays nothing that the guest has not asked for, it is offered.
+function hear() {
+  const elements = [page.show, page.sound].filter(({ srcObject }) => srcObject);
+  Promise.all(elements.map((element) => element.play())).then(
     () => (page["show-play"].hidden = true),
     (error) => (page["show-play"].hidden = error.name !== "NotAllowedError"),
   );
+}
+
+// What begins to play while the guest taps may play other things later.
+function allowSound() {
+  for (const element of [page.show, page.sound]) element.play().catch(() => {});
 }
 
 page["ring-form"].addEventListener("submit", (event) => {
@@ -327,9 +365,14 @@ sendLines(page["chat-form"], (text) => {
   chat.showOwn(line);
   return true;
 });
-page.leave.addEventListener("click", () => leave("You have left the show. You can ring again."));
+page.leave.addEventListener("click", () => {
+  lobby?.leave();
+  forgetSeat(seatKey);
+  leave("You have left the show. You can ring again.");
+});
 page.share.addEventListener("click", share);
-page["show-play"].addEventListener("click", play);
+page["show-play"].addEventListener("click", hear);
+page.show.addEventListener("resize", draw); // also when the first picture has come
 page.mute.addEventListener("click", () => {
   if (!state.remoteMuted) update({ ...state, selfMuted: !state.selfMuted });
 });
@@ -337,20 +380,25 @@ page.settings.addEventListener("click", () => {
   const expanded = page.settings.getAttribute("aria-expanded") !== "true";
   page.settings.setAttribute("aria-expanded", String(expanded));
 });
-page.camera.addEventListener("change", () => change("video"));
-for (const id of ["microphone", "original"]) page[id].addEventListener("change", () => change("audio"));
 page.mono.addEventListener("change", () => {
   store();
   askForMono();
 });
-navigator.mediaDevices?.addEventListener("devicechange", () => stream && fillDevices());
 for (const type of ["online", "offline"]) addEventListener(type, () => room?.checkNetwork());
+addEventListener("online", () => lobby?.connectAnew());
+document.addEventListener("visibilitychange", () => {
+  tellLobby();
+  if (document.hidden) return;
+  lobby?.wake();
+  room?.checkNetwork();
+});
 addEventListener("pagehide", () => leave("", true));
+// A page that the browser had laid aside has left, and comes back like one that is loaded anew.
+addEventListener("pageshow", ({ persisted }) => persisted && devices.stream && comeBack());
 
-const stored = readStored();
+page.show.muted = Boolean(link?.invite); // its sound then comes by itself
+const stored = readChoices();
 page.name.value = stored.name ?? "";
 page.original.checked = stored.original === true;
 page.mono.checked = stored.mono === true;
-setInterval(() => (page.level.value = meter.level()), LEVEL_TIME);
-setInterval(lookAtDevices, LOOK_TIME);
 prepare();

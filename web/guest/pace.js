@@ -31,7 +31,7 @@ class Allowance {
  * all together.
  */
 export class Pace {
-  static EACH = { atOnce: 30, aSecond: 3 };
+  static EACH = { atOnce: 50, aSecond: 3 };
   static ALL = { atOnce: 60, aSecond: 10 };
 
   #all = null;

@@ -4,6 +4,7 @@
 // library beside it, and hides the claiming of a session after a lost network; the page uses five
 // verbs of the protocol.
 
+const PROTOCOL = "janus-protocol";
 const ANSWER_TIME = 10_000;
 const KEEPALIVE_TIME = 5_000;
 const FAREWELL_TIME = 5_000;
@@ -24,6 +25,7 @@ export class Session {
   onlost = () => {};
 
   #url;
+  #protocols;
   #id = 0;
   #socket = null;
   #keepalive = 0;
@@ -31,14 +33,16 @@ export class Session {
   #handles = new Map();
   #waiting = new Map();
 
-  constructor(url) {
+  /** With a seat's key the studio lets the page through to the server; a server of its own asks for none. */
+  constructor(url, seatKey = null) {
     this.#url = url;
+    this.#protocols = seatKey ? [PROTOCOL, `seat.${seatKey}`] : [PROTOCOL];
   }
 
   /** Connects, and creates the session or claims the one that there was. Rejects with a JanusError. */
   async open() {
     this.#drop();
-    const socket = new WebSocket(this.#url, "janus-protocol");
+    const socket = new WebSocket(this.#url, this.#protocols);
     await new Promise((resolve, reject) => {
       const fail = () => {
         socket.onopen = socket.onclose = null;

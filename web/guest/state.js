@@ -13,6 +13,10 @@ export const initial = Object.freeze({
   screenLive: false,
   remoteMuted: false,
   selfMuted: false,
+  seated: false, // has a seat of the lobby's, so that the host is known to put the guest back in it
+  program: null, // where the picture is for whoever is in, `{ feed }` and more, as the lobby tells
+  recording: false,
+  alone: false, // the host hears this guest and nobody else
   offAirAudio: false,
   broadcastIsLive: false,
   recordOnly: false,
@@ -25,11 +29,15 @@ export const initial = Object.freeze({
 
 // What does not depend on the guest's place in a room.
 const own = ({ selfMuted, microphone, camera }) => ({ selfMuted, microphone, camera });
+// What the lobby has told.
+const told = ({ seated, program, recording, alone }) => ({ seated, program, recording, alone });
 const notAdmitted = { admitted: false, screenAdmitted: false, live: false, screenLive: false };
 
 export const connecting = (state) => ({ ...state, phase: "connecting" });
 /** In the room, also anew: what was known of an earlier place in it no longer holds. */
-export const entered = (state, streamId) => ({ ...initial, ...own(state), phase: "in", streamId });
+export const entered = (state, streamId) => {
+  return { ...initial, ...own(state), ...told(state), phase: "in", streamId };
+};
 export const lost = (state) => ({ ...state, phase: "lost" });
 export const mended = (state) => ({ ...state, phase: "in" });
 export const left = (state) => ({ ...initial, ...own(state) });
@@ -101,6 +109,9 @@ function heardOfAudio(state, { subs, broadcastIsLive, recordOnly }, from) {
 /** Whether the microphone is to be open at its source. */
 export const microphoneOpen = ({ selfMuted, remoteMuted }) => !selfMuted && !remoteMuted;
 
+/** Whether the guest gives no sound of their own will. */
+export const isQuiet = ({ selfMuted, microphone }) => selfMuted || microphone === "silent";
+
 const hears = (state) => microphoneOpen(state) && state.microphone === "on" && state.flows.audio === "sent";
 const sees = (state) => state.camera === "on" && state.flows.video === "sent";
 
@@ -124,6 +135,13 @@ export function describe(state) {
       name: "lost",
       title: "Connection lost",
       text: "Nobody can see or hear you. Trying to get you back: please stay on this page.",
+    };
+  }
+  if (!state.admitted && state.program) {
+    return {
+      name: "returning",
+      title: "Coming back",
+      text: "You are being put back where you were. Nobody can see or hear you for a moment.",
     };
   }
   if (!state.admitted) {
@@ -172,6 +190,19 @@ function describeGreenRoom(state) {
   const heard = hears(state) ? "Only the studio can hear you." : "Nobody can hear you.";
   return { name: "off-air", title: "Green room, off-air talk", text: `${show}. ${heard}` };
 }
+
+/** What stands in the place of the show's picture, or over one that is not new; empty when it is `shown`. */
+export function describePicture({ seated, admitted, program }, shown) {
+  if (!seated) return shown ? "" : "The show appears here as soon as the host brings you in.";
+  if (!program && !admitted)
+    return "Until the host brings you in, there is no picture and no sound of the show here.";
+  if (!program) return "There is no picture of the show at the moment.";
+  if (program.feed === null) return "The show's picture is being restored.";
+  return shown ? "" : "There is no picture of the show yet.";
+}
+
+/** What there is to say of the host's listening; empty when it is nothing particular. */
+export const describeAlone = ({ alone }) => (alone ? "The host is listening to you alone." : "");
 
 /** What there is to say of the guest's screen; empty when none is shared. */
 export function describeScreen({ screenId, screenAdmitted, screenLive }) {

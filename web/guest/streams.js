@@ -7,7 +7,7 @@ import { Peer } from "./peer.js";
 export class Publisher extends Peer {
   published = false;
 
-  #transceivers = [];
+  #transceivers = new Map(); // by kind
   #pulses = { audio: new Pulse(), video: new Pulse() };
   #describe;
   #told = new Map(); // each track's description, by its mid
@@ -18,12 +18,17 @@ export class Publisher extends Peer {
     this.id = id;
   }
 
-  /** Sends the stream's tracks. What the room is told of each is what `describe(track)` says at that time. */
-  async publish(stream, describe) {
+  /**
+   * Sends the stream's tracks of these kinds; one that is missing may come later. What the room is told of each is
+   * what `describe(kind, track)` says at that time, the track being null where there is none.
+   */
+  async publish(stream, kinds, describe) {
     this.#describe = describe;
-    this.#transceivers = stream
-      .getTracks()
-      .map((track) => this.connection.addTransceiver(track, { direction: "sendonly", streams: [stream] }));
+    for (const kind of kinds) {
+      const track = stream.getTracks().find((each) => each.kind === kind);
+      const options = { direction: "sendonly", streams: [stream] };
+      this.#transceivers.set(kind, this.connection.addTransceiver(track ?? kind, options));
+    }
     await this.#offer("publish", () => this.#describeNew());
     this.published = true;
     await this.describeAgain();
@@ -45,7 +50,7 @@ export class Publisher extends Peer {
 
   /** Sends another track of the same kind in place of the one before. */
   async replaceTrack(track) {
-    const transceiver = this.#transceiver(track.kind);
+    const transceiver = this.#transceivers.get(track.kind);
     if (!transceiver || isRefused(transceiver)) return;
     await transceiver.sender.replaceTrack(track);
     await this.describeAgain();
@@ -59,7 +64,7 @@ export class Publisher extends Peer {
     const sent = await countPackets(this.connection);
     const connected = this.connection.connectionState === "connected";
     const of = (kind) => {
-      const transceiver = this.#transceiver(kind);
+      const transceiver = this.#transceivers.get(kind);
       const beats = connected && this.#pulses[kind].beats(sent[kind]);
       if (this.published && transceiver && isRefused(transceiver)) return "refused";
       return beats || !this.published ? "sent" : "stuck";
@@ -67,14 +72,10 @@ export class Publisher extends Peer {
     return { audio: of("audio"), video: of("video") };
   }
 
-  #transceiver(kind) {
-    return this.#transceivers.find(({ sender }) => sender.track?.kind === kind);
-  }
-
   #describeNew() {
-    const news = this.#transceivers
-      .filter(({ mid, sender }) => mid !== null && sender.track)
-      .map(({ mid, sender }) => ({ mid, description: this.#describe(sender.track) }))
+    const news = [...this.#transceivers]
+      .filter(([, { mid }]) => mid !== null)
+      .map(([kind, { mid, sender }]) => ({ mid, description: this.#describe(kind, sender.track) }))
       .filter(({ mid, description }) => this.#told.get(mid) !== description);
     for (const { mid, description } of news) this.#told.set(mid, description);
     return news;
@@ -111,24 +112,42 @@ export class Subscriber {
   stream = new MediaStream();
   onfailed = () => {};
 
+  #kinds;
   #peer = null;
   #closed = false;
+  #begin;
+  #begun = new Promise((resolve) => (this.#begin = resolve));
 
-  constructor(feed) {
+  /** Takes the tracks of these kinds. */
+  constructor(feed, kinds) {
     this.feed = feed;
+    this.#kinds = kinds;
   }
 
   /** Resolves when the server has been told to send. */
-  async open(session, { room, token, iceServers }) {
+  async open(session, { room, token, pin, iceServers }) {
     const handle = await session.attach("videoroom");
     this.#peer = new Peer(handle, iceServers);
     if (this.#closed) return this.#peer.close();
     this.#peer.onfailed = () => this.onfailed();
-    this.#peer.connection.ontrack = ({ track }) => this.stream.addTrack(track);
+    this.#peer.connection.ontrack = ({ track }) => {
+      if (!this.#kinds.includes(track.kind)) return;
+      this.stream.addTrack(track);
+      track.onunmute = this.#begin;
+    };
     // A stream that ends is torn down, not negotiated once more.
     const stream = { ptype: "subscriber", autoupdate: false, streams: [{ feed: this.feed }] };
-    const body = { request: "join", room, token, ...stream };
+    const body = { request: "join", room, token, pin, ...stream };
     await this.#start((await handle.request(body)).jsep);
+  }
+
+  /** Resolves when the first packet of any track has come. */
+  begun() {
+    return this.#begun;
+  }
+
+  receiver(kind) {
+    return this.#peer?.connection.getReceivers().find(({ track }) => track.kind === kind);
   }
 
   /** The packets received so far. */

@@ -32,12 +32,10 @@ export class Talk {
 
   /** Shows what a sender has sent: JSON text of a line, `{ name, text, uuid }`, of unknown shape. */
   receive(data, sender) {
-    if (!this.#pace.takes(sender)) {
-      if (!this.#fresh.at(-1)?.matches(".left-out")) this.#add(leftOut());
-      return;
-    }
     const line = readLine(parse(data));
-    if (line && !this.#lines.has(line.uuid)) this.#addLine(line);
+    if (!line || this.#lines.has(line.uuid)) return;
+    if (this.#pace.takes(sender)) this.#addLine(line);
+    else if (!this.#fresh.at(-1)?.matches(".left-out")) this.#add(leftOut());
   }
 
   /** Shows what the guest has just written. */

@@ -52,8 +52,8 @@ export async function launch({ refusing = false } = {}) {
     /** Opens the link; with `name` the guest has been here before, wanting the original sound. */
     async open(link, { name, ...options } = {}) {
       const context = await browser.newContext({ viewport: { width: 1280, height: 800 }, ...options });
+      context.setDefaultTimeout(DEADLINE);
       const page = await context.newPage();
-      page.setDefaultTimeout(DEADLINE);
       page.on("pageerror", (error) => faults.push(error.stack));
       page.on("console", (message) => message.type() === "error" && faults.push(message.text()));
       if (name) {
@@ -75,31 +75,48 @@ export async function launch({ refusing = false } = {}) {
   };
 }
 
+/**
+ * Has the page, which has not rung yet, write down every signal of its room in `window.heard` as it comes, and
+ * keep what sends them as `window.signals`.
+ */
+export async function listenIn(page) {
+  await page.evaluate(async () => {
+    const { Signals } = await import("./signals.js");
+    const { open } = Signals.prototype;
+    window.heard = [];
+    Signals.prototype.open = function (...where) {
+      const { onsignal } = this;
+      this.onsignal = (type, data) => (window.heard.push({ type, data }), onsignal(type, data));
+      window.signals = this;
+      return open.apply(this, where);
+    };
+  });
+}
+
 /** Presses Ring; resolves when the page is in the room. A studio may bring the guest in at once. */
 export async function ring(page) {
   await page.click("#ring:enabled");
   await inState(page, "ringing", "green-room");
 }
 
-/** Rings; resolves with the id under which the studio hears of it. */
+/** Rings; resolves with the number under which the studio has the guest. */
 export async function ringIn(page, studio, name) {
   const before = studio.now;
   await ring(page);
-  const fields = { name: `Guest - ${name}`, screenShare: false };
-  return (await studio.report("ring", fields, before)).ring;
+  return (await studio.report("ring", { name }, before)).guest;
 }
 
-/** Rings and is brought in; resolves with the id. */
+/** Rings and is brought in; resolves with the number. */
 export async function comeIn(page, studio, name) {
-  const id = await ringIn(page, studio, name);
-  await studio.admit(id);
+  const guest = await ringIn(page, studio, name);
+  await studio.admit(guest);
   await inState(page, "green-room");
-  return id;
+  return guest;
 }
 
 /** The studio's picture of the guest is the camera's. */
-export async function seesCamera(studio, id) {
-  const { width, height, quarters } = await studio.snapshot(id);
+export async function seesCamera(studio, guest) {
+  const { width, height, quarters } = await studio.snapshot(guest);
   assert.deepEqual({ width, height }, CAMERA_SIZE);
   assert.ok(areCameras(quarters), `the quarters are ${JSON.stringify(quarters)}`);
 }
@@ -112,6 +129,53 @@ export async function says(page, selector, pattern) {
   const matches = ([selector, pattern]) => pattern.test(document.querySelector(selector)?.textContent ?? "");
   await page.waitForFunction(matches, [selector, pattern]).catch(async (cause) => {
     throw new Error(`${selector} says "${await page.textContent(selector)}", not ${pattern}`, { cause });
+  });
+}
+
+/**
+ * Resolves when a second of what the page plays has each of the tones of `heard`, in Hz, and none of those of
+ * `unheard`; rejects with how loud they are, in dB.
+ */
+export async function hears(page, heard, unheard = []) {
+  const tones = [...heard, ...unheard];
+  const fits = (loudness) => loudness.every((each, at) => (at < heard.length ? each > -50 : each < -60));
+  let loudness;
+  for (const end = Date.now() + DEADLINE / 3; Date.now() < end;) {
+    loudness = await page.evaluate(listen, [tones, 1_000]);
+    if (fits(loudness)) return;
+  }
+  assert.fail(
+    `to hear: ${heard} Hz; ${tones.map((tone, at) => `${tone} Hz has ${loudness[at]} dB`).join(", ")}`,
+  );
+}
+
+// Recorded and decoded, since an AudioContext stands still on a machine without loudspeakers in some browsers.
+async function listen([tones, time]) {
+  const recorder = new MediaRecorder(document.querySelector("#sound").srcObject ?? new MediaStream());
+  const parts = [];
+  recorder.ondataavailable = ({ data }) => parts.push(data);
+  const stopped = new Promise((resolve) => (recorder.onstop = resolve));
+  let samples = [];
+  try {
+    recorder.start();
+    await new Promise((done) => setTimeout(done, time));
+    recorder.stop();
+    await stopped;
+    const recording = await new Blob(parts).arrayBuffer();
+    const decoded = await new OfflineAudioContext(1, 48_000, 48_000).decodeAudioData(recording);
+    samples = decoded.getChannelData(0);
+  } catch {
+    await new Promise((done) => setTimeout(done, 100)); // there is nothing to record yet
+  }
+  return tones.map((hertz) => {
+    let [cosine, sine] = [0, 0];
+    samples.forEach((sample, at) => {
+      const window = 1 - Math.cos((2 * Math.PI * at) / samples.length);
+      const angle = (2 * Math.PI * hertz * at) / 48_000;
+      cosine += window * sample * Math.cos(angle);
+      sine += window * sample * Math.sin(angle);
+    });
+    return Math.round(20 * Math.log10((2 * Math.hypot(cosine, sine)) / samples.length + 1e-6)) || -120;
   });
 }
 

@@ -15,9 +15,9 @@ import { readPicture, readSound } from "./content.js";
 export const DEADLINE = 90_000;
 const BIN = process.env.ZARVO_BIN ?? fileURLToPath(new URL("../../../build/debug/bin", import.meta.url));
 
-/** Whether there is sound, or none, by the table of guests. */
-export const isHeard = ({ level }) => level !== null && level > -60;
-export const isSilent = ({ level }) => level === null || level < -80;
+/** Whether a guest of the table sounds, or does not. */
+export const isHeard = ({ rms }) => rms > -60;
+export const isSilent = ({ rms }) => rms < -80;
 
 export class Studio {
   /** Every report so far, oldest first. */
@@ -38,7 +38,10 @@ export class Studio {
   }
 
   constructor(options) {
-    this.#process = spawn(join(BIN, "zarvo-studio"), ["--port", "0", ...options]);
+    const usual = ["--port", "0", "--requests", "1000"];
+    if (!options.includes("--state")) usual.push("--state", "");
+    const env = { ...process.env, XDG_RUNTIME_DIR: this.folder };
+    this.#process = spawn(join(BIN, "zarvo-studio"), [...usual, ...options], { env });
     this.#process.stderr.on("data", (text) => (this.notes += text));
     const lookAgain = () => this.#waiting.forEach((look) => look());
     this.#process.on("exit", lookAgain);
@@ -72,7 +75,8 @@ export class Studio {
         settle(value);
       };
       const fail = (why) => {
-        const recent = this.reports.slice(-15).map((report) => `${JSON.stringify(report)}\n`);
+        const telling = this.reports.filter(({ event }) => event !== "frame");
+        const recent = telling.slice(-15).map((report) => `${JSON.stringify(report)}\n`);
         const wanted = `"${name}" ${JSON.stringify(fields)}`;
         const said = `the last reports:\n${recent.join("")}and notes:\n${this.notes.slice(-2000)}`;
         end(reject, new Error(`${why}: no ${wanted}; ${said}`));
@@ -107,30 +111,36 @@ export class Studio {
     }
   }
 
-  /** Takes out whoever is on the list; resolves when the studio joins anew, as it does after the last. */
+  /** Asks for one guest's row of the table until it is as `fits` wants it; resolves with it. */
+  async guest(number, what, fits) {
+    const row = ({ guests }) => guests.find(({ guest }) => guest === number);
+    return row(await this.guests(what, (table) => row(table) && fits(row(table))));
+  }
+
+  /** Takes out whoever is on the list; resolves when they have gone. */
   async clear() {
     const { guests } = await this.ask("guests", "guests");
     const after = this.now;
-    for (const { id } of guests) this.say(`remove ${id}`);
-    await this.report("joining", {}, after);
+    for (const { guest } of guests) this.say(`remove ${guest}`);
+    for (const { guest } of guests) await this.report("gone", { guest }, after);
   }
 
-  /** Brings a ringing guest in by its stream's id; resolves with the first frame's report. */
-  async admit(id) {
-    return this.ask(`admit ${id}`, "frame", { id });
+  /** Brings a ringing guest in by number; resolves with the report of the first frame. */
+  async admit(guest) {
+    return this.ask(`admit ${guest}`, "frame", { guest });
   }
 
   /** Writes a guest's next picture to a file; resolves with what is in it. */
-  async snapshot(id) {
+  async snapshot(guest) {
     const file = join(this.folder, `${this.now}.png`);
-    await this.ask(`snapshot ${id} ${file}`, "snapshot", { file });
+    await this.ask(`snapshot ${guest} ${file}`, "snapshot", { file });
     return readPicture(file);
   }
 
-  /** Records a guest who alone is heard; resolves with what is in each channel. */
-  async listen(id, tones) {
+  /** Records a guest; resolves with how much of each tone is in each channel. */
+  async listen(guest, tones) {
     const file = join(this.folder, `${this.now}.wav`);
-    await this.ask(`record-audio ${id} 0.6 ${file}`, "recorded", { file });
+    await this.ask(`record-audio ${guest} 0.6 ${file}`, "recorded", { file });
     return readSound(file, tones);
   }
 
@@ -138,14 +148,40 @@ export class Studio {
     return this.#process.pid;
   }
 
-  /** The process id of the studio's child of that program. */
-  child(program) {
+  /** The names of the sockets at which services can be reached. */
+  sockets() {
+    return readdirSync(this.folder).filter((name) => name.includes("guest-service"));
+  }
+
+  /** Has no time to end what it has started; resolves with the process ids of all that. */
+  async kill() {
+    const children = this.children();
+    const exit = once(this.#process, "exit", { signal: AbortSignal.timeout(DEADLINE) });
+    this.#process.kill("SIGKILL");
+    await exit;
+    rmSync(this.folder, { recursive: true, force: true });
+    return children;
+  }
+
+  /** The process ids of the studio's children, or of those of that program, oldest first. */
+  children(program) {
     const children = readdirSync(`/proc/${this.pid}/task`).flatMap((task) =>
       readFileSync(`/proc/${this.pid}/task/${task}/children`, "utf8").trim().split(" "),
     );
-    const isIt = (child) =>
-      child && basename(readFileSync(`/proc/${child}/cmdline`, "utf8").split("\0")[0]) === program;
-    return Number(children.find(isIt));
+    const read = (child, file) => {
+      try {
+        return readFileSync(`/proc/${child}/${file}`, "utf8");
+      } catch {
+        return ""; // it has just ended
+      }
+    };
+    const nameOf = (child) => basename(read(child, "cmdline").split("\0")[0]);
+    const isIt = (child) => child && (program ? nameOf(child) === program : nameOf(child) !== "");
+    const started = (child) => read(child, "stat").split(") ").at(-1).split(" ")[19];
+    return children
+      .filter(isIt)
+      .map(Number)
+      .sort((a, b) => started(a) - started(b));
   }
 
   /** Ends the studio in the orderly way; rejects if it does not end well. */
