@@ -111,7 +111,8 @@ test("viewer counts, comments, favourites and preferences reach the page", async
   assert.equal(await ada.evaluate(() => window.hacked), undefined);
 
   const marked = studio.now;
-  await ada.click(`${line} .star`);
+  const own = await nextJson("fav", () => ada.click(`${line} .star`)); // which comes back to the page
+  assert.deepEqual(own, { uuid, state: "yes" });
   await studio.report("fav", { uuid, state: "yes" }, marked);
   await ada.waitForSelector(`${line} .star[aria-pressed="true"]`);
   const unmarked = await nextJson("fav", () => studio.say(`fav ${uuid} off`));
