@@ -165,19 +165,20 @@ export class Studio {
 
   /** The process ids of the studio's children, or of those of that program, oldest first. */
   children(program) {
-    const children = readdirSync(`/proc/${this.pid}/task`).flatMap((task) =>
-      readFileSync(`/proc/${this.pid}/task/${task}/children`, "utf8").trim().split(" "),
-    );
-    const read = (child, file) => {
+    // What ends while it is looked at is not there any more.
+    const read = (file) => {
       try {
-        return readFileSync(`/proc/${child}/${file}`, "utf8");
+        return readFileSync(`/proc/${file}`, "utf8");
       } catch {
-        return ""; // it has just ended
+        return "";
       }
     };
-    const nameOf = (child) => basename(read(child, "cmdline").split("\0")[0]);
+    const children = readdirSync(`/proc/${this.pid}/task`).flatMap((task) =>
+      read(`${this.pid}/task/${task}/children`).trim().split(" "),
+    );
+    const nameOf = (child) => basename(read(`${child}/cmdline`).split("\0")[0]);
     const isIt = (child) => child && (program ? nameOf(child) === program : nameOf(child) !== "");
-    const started = (child) => read(child, "stat").split(") ").at(-1).split(" ")[19];
+    const started = (child) => read(`${child}/stat`).split(") ").at(-1).split(" ")[19];
     return children
       .filter(isIt)
       .map(Number)
