@@ -47,8 +47,9 @@ std::variant<SeatRecord, Lobby::Refusal> Lobby::ask(const std::string& address, 
   const std::string called = cleanName(shown->name.empty() ? name : shown->name);
   if (called.empty()) return Refusal::name;
   if (!shown->name.empty()) {
-    const auto before = std::find_if(seats_.begin(), seats_.end(),
-                                     [&](const auto& each) { return each.second.record.name == called; });
+    const auto before = std::find_if(seats_.begin(), seats_.end(), [&](const auto& each) {
+      return !each.second.revoked && each.second.record.name == called;
+    });
     if (before != seats_.end() && before->second.present) return Refusal::taken;
     if (before != seats_.end()) {
       before->second.record.key = unguessable();  // the link is in another browser now
@@ -74,7 +75,7 @@ std::variant<SeatRecord, Lobby::Refusal> Lobby::comeBack(const std::string& addr
 
 std::optional<std::uint32_t> Lobby::seatOf(std::string_view key) const {
   for (const auto& [number, seat] : seats_) {
-    if (isKey(key, seat.record.key)) return number;
+    if (!seat.revoked && isKey(key, seat.record.key)) return number;
   }
   return std::nullopt;
 }
@@ -101,6 +102,11 @@ void Lobby::setPresent(std::uint32_t number, bool present) {
   if (seat != seats_.end()) seat->second.present = present;
 }
 
+void Lobby::revoke(std::uint32_t number) {
+  const auto seat = seats_.find(number);
+  if (seat != seats_.end()) seat->second.revoked = true;
+}
+
 void Lobby::release(std::uint32_t number) {
   seats_.erase(number);
 }
@@ -122,7 +128,7 @@ std::string Lobby::invite(const std::string& name) {
 Ledger::Content Lobby::content() const {
   Ledger::Content content{lastNumber_, invitations_, {}};
   for (const auto& [number, seat] : seats_) {
-    if (!seat.offered) content.seats.push_back(seat.record);
+    if (!seat.offered && !seat.revoked) content.seats.push_back(seat.record);
   }
   return content;
 }

@@ -55,6 +55,9 @@ class Lobby {
   void keep(std::uint32_t number, Place place, bool muted);
   /// Whether the guest is there: an invitation by name opens a second time only while they are not.
   void setPresent(std::uint32_t number, bool present);
+  /// The seat's key is worth nothing from now on, and a restart does not bring the seat back; it counts among
+  /// the seats until it is released.
+  void revoke(std::uint32_t number);
   /// The seat is no more, and its key is worth nothing.
   void release(std::uint32_t number);
 
@@ -72,6 +75,7 @@ class Lobby {
     SeatRecord record;
     bool offered = true;
     bool present = true;
+    bool revoked = false;
   };
   struct Requests {
     Time since;

@@ -103,6 +103,7 @@ class Stage::Impl : public Seat::Listener,
     milliseconds pause = shortestPause;
     Timer again;
     bool lost = false;  // the service's loss has been told
+    bool shutOut = false;
   };
 
   // Seat::Listener
@@ -150,6 +151,7 @@ class Stage::Impl : public Seat::Listener,
   void hearOffAir(Entry& entry);
   void updateSound(Entry& entry);
   void updateConversation();
+  void shutOut(Entry& entry);
   void end(Number guest);
   void writeLedger();
 
@@ -453,11 +455,24 @@ void Stage::Impl::onSeatServiceLost(Seat& seat, const std::string& reason, bool 
   }
 }
 
+// At once, though the service takes a moment to end: nothing that the guest was given is worth anything more.
+void Stage::Impl::shutOut(Entry& entry) {
+  if (std::exchange(entry.shutOut, true)) return;
+  const Number guest = entry.guest.number;
+  if (LobbySocket* const page = std::exchange(entry.page, nullptr)) {
+    page->send({{"removed", json::object()}});
+    page->seat.reset();
+  }
+  lobby_.revoke(guest);
+  web_.closeSeat(guest);
+  if (entry.seat->place() != Place::outside) program_.changePin();
+  writeLedger();
+}
+
 void Stage::Impl::end(Number guest) {
   // The node is kept until the seat's call has returned.
   const auto node = std::make_shared<decltype(seats_)::node_type>(seats_.extract(guest));
   Entry& entry = node->mapped();
-  const bool wasIn = entry.seat->place() != Place::outside;
   const std::string name = entry.guest.name;
   {
     const std::lock_guard lock(playersMutex_);
@@ -466,16 +481,10 @@ void Stage::Impl::end(Number guest) {
   mixer_.remove(guest);
   if (conversation_.solo == guest) hearAlone({});
   if (conversation_.talkback.on && conversation_.talkback.guest == guest) talk({});
-  if (entry.page) {
-    entry.page->send({{"removed", json::object()}});
-    entry.page->seat.reset();
-  }
-  web_.closeSeat(guest);
-  if (rooms_ && !entry.seat->room().id.empty()) rooms_->end(entry.seat->room());
+  shutOut(entry);
   lobby_.release(guest);
-  if (wasIn) program_.changePin();
+  if (rooms_ && !entry.seat->room().id.empty()) rooms_->end(entry.seat->room());
   loop_.post([node] {});
-  writeLedger();
   listener_.onGone(guest, name);
 }
 
@@ -504,10 +513,7 @@ void Stage::Impl::mute(Number guest, bool muted) {
 void Stage::Impl::remove(Number guest) {
   Entry* entry = find(guest);
   if (!entry) return;
-  if (LobbySocket* const page = std::exchange(entry->page, nullptr)) {
-    page->send({{"removed", json::object()}});
-    page->seat.reset();
-  }
+  shutOut(*entry);
   entry->seat->remove();
 }
 

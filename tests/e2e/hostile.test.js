@@ -398,7 +398,17 @@ test("what a guest does in their own seat reaches only their own page", async ()
     return Boolean(received.connection);
   });
   assert.equal(gone, true);
+  // The key is tried from the moment the page is told, while the seat's service still ends.
+  const told = mal.evaluate(async () => {
+    await lobby.next((message) => message.removed);
+    const back = rogue.lobby();
+    await back.opened;
+    back.send({ return: { key: seat.key } });
+    const { refused } = await back.next((message) => message.seat ?? message.refused);
+    return [refused?.reason, await new rogue.Janus(seat.key).opened];
+  });
   await studio.ask(`remove ${number}`, "gone", { guest: number });
+  assert.deepEqual(await told, ["seat", false]);
   const over = await mal.evaluate(async () => {
     await main.next(() => false);
     const bytes = async () => {

@@ -83,6 +83,24 @@ TEST_F(LobbyTest, AnInvitationByNameIsGoodForOne) {
   EXPECT_FALSE(lobby_.seatOf(ada.key));
 }
 
+TEST_F(LobbyTest, ARevokedSeatTakesAPlaceUntilItHasEndedAndOpensForNobody) {
+  const std::string forAda = lobby_.invite("Ada");
+  const SeatRecord ada = seat(ask("", forAda));
+  lobby_.rang(ada.number);
+  lobby_.setPresent(ada.number, false);
+  lobby_.revoke(ada.number);
+  EXPECT_FALSE(lobby_.seatOf(ada.key));
+  EXPECT_EQ(refusal(lobby_.comeBack("a", ada.key, now_)), Refusal::seat);
+  EXPECT_TRUE(lobby_.content().seats.empty()) << "nor after a restart";
+  const SeatRecord anew = seat(ask("", forAda));
+  EXPECT_NE(anew.number, ada.number) << "a seat that is ending is given to nobody";
+  lobby_.rang(anew.number);
+  seat(ask("Bo"));
+  EXPECT_EQ(refusal(ask("Cy")), Refusal::full) << "its service still runs";
+  lobby_.release(ada.number);
+  seat(ask("Cy"));
+}
+
 TEST_F(LobbyTest, NamesCanBeShown) {
   EXPECT_EQ(refusal(ask(" \n\u200b ")), Refusal::name);
   EXPECT_EQ(cleanName("  Zoë\t\tvon\r\nÄ \u202e😀 "), "Zoë von Ä 😀");

@@ -125,6 +125,8 @@ class Stage {
   void live(Number guest);
   void greenRoom(Number guest);
   void mute(Number guest, bool muted);
+  /// The guest's key is worth nothing and their connections end at once; `onGone` follows when the service
+  /// has ended.
   void remove(Number guest);
   /// Hears the guest in the green room while the show is on air.
   void offAirAudio(Number guest, bool on);
